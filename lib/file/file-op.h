@@ -1,0 +1,75 @@
+// File operations on narrow UTF-8 paths.
+//
+// Every operation reports failure by a negative return value and one log line
+// under "file_op_debug"; none throws. "Not found" is never an error: it means
+// the path is absent. One implementation per platform (file-op-posix.cc,
+// file-op-win.cc); ToLongPath and the text form of FSStatInfo are portable.
+//
+// Thread-safety: no state between calls; callable from any thread.
+#ifndef TESSERA_LIB_FILE_FILE_OP_H_
+#define TESSERA_LIB_FILE_FILE_OP_H_
+
+#include <cstdint>
+#include <string>
+
+namespace tessera {
+namespace file {
+
+// Type codes of FSStatInfo::type.
+enum FileType : int {
+  kDevice = 0,     // devices, FIFOs, sockets
+  kRegular = 1,
+  kDirectory = 2,
+  kSymlink = 3,
+};
+
+struct FSStatInfo {
+  std::string path;   // the path in its full stored form
+  std::string name;   // last component
+  int type = 0;
+  uint32_t mtime = 0;  // seconds since 1970-01-01 UTC
+  uint64_t size = 0;
+  bool isExist = false;  // false: the path does not exist, other fields unset
+  uint32_t uid = 0;
+  uint32_t gid = 0;
+  uint32_t mode = 0;
+  uint64_t dev_id = 0;
+
+  // One line: {"name": "...", "path": "...", "type": 1, ...} in the order
+  // name, path, type, mtime, size, isExist, uid, gid, mode, dev_id.
+  std::string ToString() const;
+};
+
+// Long-path form: "\\?\" prefixed to paths of 4 bytes or more that lack it,
+// then every '/' turned into '\'. Pure string logic.
+std::string ToLongPath(const std::string& path);
+
+// Whether the path exists; with exact_case the stored name of the last
+// component must match byte for byte.
+bool FSExists(const std::string& path, bool exact_case);
+
+// Fills *st. Returns 0 (also for a missing path: st->isExist false) or -1.
+// A symbolic link is reported as itself (type 3), not as its target.
+int FSStat(const std::string& path, FSStatInfo* st, bool exact_case);
+
+// Deletes a regular file, or a directory tree. 0 on success or when nothing
+// exists there; -1 on failure, for an empty path, and for devices and
+// symbolic links (which are left alone).
+int FSRemove(const std::string& path);
+
+// Deletes a directory and everything in it. 0, or -1 when anything could not
+// be deleted (the walk goes on past failures).
+int RemoveDirectoryRecursive(const std::string& dir);
+
+// The prefix, "/" and eight random characters of the 64-character name
+// alphabet; touches nothing on disk. Thread-safe.
+std::string RandomPath(const std::string& prefix);
+
+// Creates (or truncates) a file named RandomPath(prefix). 0 with *path set to
+// it, or -1 with *path unchanged.
+int FSMktemp(const std::string& prefix, std::string* path);
+
+}  // namespace file
+}  // namespace tessera
+
+#endif  // TESSERA_LIB_FILE_FILE_OP_H_

@@ -1,0 +1,58 @@
+// Conversion of decoded pixels from an embedded ICC profile to sRGB (lcms2).
+// A broken or unusable profile never fails a thumbnail: the transform is then
+// the identity and the pixels are taken as sRGB.
+#ifndef TESSERA_LIB_IMAGE_COLOR_PROFILE_H_
+#define TESSERA_LIB_IMAGE_COLOR_PROFILE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace tessera {
+namespace image {
+
+// Layout of the pixels handed to a transform.
+enum class PixelLayout {
+  kBgra8,  // 4 bytes: B, G, R, A (alpha passed through)
+  kRgb8,   // 3 bytes: R, G, B
+  kGray8,  // 1 byte
+  kCmyk8,  // 4 bytes: C, M, Y, K with 0 = no ink
+};
+
+class ColorTransform {
+ public:
+  ColorTransform();
+  ColorTransform(ColorTransform&&) noexcept;
+  ColorTransform& operator=(ColorTransform&&) noexcept;
+  ~ColorTransform();
+
+  // A transform from the given ICC profile to sRGB for `layout` input,
+  // relative colorimetric intent (perceptual when the profile lacks it).
+  // Returns the identity transform for a missing, broken or mismatched profile
+  // (one that does not describe `layout`'s colour space), except for kCmyk8
+  // input, which always gets a CMYK conversion (a built-in one without a
+  // usable profile).
+  static ColorTransform FromIcc(const uint8_t* icc, size_t size, PixelLayout layout);
+
+  // True when Apply only rearranges bytes (no colour change).
+  bool is_identity() const;
+
+  // Converts pixel_count pixels from `layout` in src to BGRA in dst (alpha 255
+  // unless the input carries alpha). src and dst may be the same buffer only
+  // for kBgra8. Thread-compatible: one transform per thread.
+  void Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_count) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// Composites BGRA pixels over white in place and sets alpha to 255. Equal to
+// averaging in premultiplied form and flattening afterwards, so reducing after
+// this gives soft edges without a dark halo.
+void FlattenOverWhite(uint8_t* bgra, size_t pixel_count);
+
+}  // namespace image
+}  // namespace tessera
+
+#endif  // TESSERA_LIB_IMAGE_COLOR_PROFILE_H_

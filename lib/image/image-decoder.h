@@ -1,0 +1,50 @@
+// The POSIX decoders behind the thumbnail provider. A decoder is chosen by
+// content (magic bytes), never by file name, and produces what the provider
+// hands out: an upright, opaque (alpha flattened over white), 8-bit sRGB BGRA
+// bitmap whose longer side is at most cx and which is never enlarged.
+//
+// Decoders shrink on load where the format allows and check the declared
+// size against limits.h before allocating. Every failure is a Status, never a
+// crash; *out is untouched on failure.
+#ifndef TESSERA_LIB_IMAGE_IMAGE_DECODER_H_
+#define TESSERA_LIB_IMAGE_IMAGE_DECODER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "lib/image/bitmap.h"
+#include "lib/image/byte-source.h"
+#include "lib/utility/status.h"
+
+namespace tessera {
+namespace image {
+
+enum class ImageFormat {
+  kUnknown,
+  kJpeg,
+  kPng,
+  kTiff,  // also most camera RAW files; the RAW decoder is tried first for them
+  kGif,
+  kBmp,
+  kWebp,
+  kHeif,
+  kRaw,   // camera RAW containers that are not TIFF-shaped (CRW, RAF, MRW, ORF, RW2, X3F)
+};
+
+// Identifies the format from the first bytes of a file (16 are enough).
+ImageFormat SniffImageFormat(const uint8_t* head, size_t size);
+
+class ImageDecoder {
+ public:
+  virtual ~ImageDecoder() = default;
+  virtual Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) = 0;
+};
+
+// The decoder for a format, or nullptr when none is built in.
+std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format);
+
+}  // namespace image
+}  // namespace tessera
+
+#endif  // TESSERA_LIB_IMAGE_IMAGE_DECODER_H_
