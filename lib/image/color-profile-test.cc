@@ -1,0 +1,159 @@
+#include "lib/image/color-profile.h"
+
+#include <lcms2.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "gtest/gtest.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+// Serialises a Display-P3-like profile (P3 primaries, sRGB transfer curve).
+std::vector<uint8_t> MakeP3Profile() {
+  const cmsCIExyY white = {0.3127, 0.3290, 1.0};
+  const cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
+  const cmsFloat64Number params[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
+  cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, params);
+  cmsToneCurve* curves[3] = {curve, curve, curve};
+  cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
+  cmsUInt32Number size = 0;
+  cmsSaveProfileToMem(profile, nullptr, &size);
+  std::vector<uint8_t> bytes(size);
+  cmsSaveProfileToMem(profile, bytes.data(), &size);
+  cmsCloseProfile(profile);
+  cmsFreeToneCurve(curve);
+  return bytes;
+}
+
+std::vector<uint8_t> MakeGrayProfile() {
+  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
+  cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
+  cmsUInt32Number size = 0;
+  cmsSaveProfileToMem(profile, nullptr, &size);
+  std::vector<uint8_t> bytes(size);
+  cmsSaveProfileToMem(profile, bytes.data(), &size);
+  cmsCloseProfile(profile);
+  cmsFreeToneCurve(curve);
+  return bytes;
+}
+
+TEST(ColorTransformTest, UnusableProfilesGiveIdentity) {
+  std::vector<uint8_t> garbage(600, 0x5a);
+  const std::vector<uint8_t> p3 = MakeP3Profile();
+  std::vector<uint8_t> truncated(p3.begin(), p3.begin() + p3.size() / 2);
+
+  EXPECT_TRUE(ColorTransform::FromIcc(nullptr, 0, PixelLayout::kRgb8).is_identity());
+  EXPECT_TRUE(ColorTransform::FromIcc(garbage.data(), garbage.size(), PixelLayout::kRgb8).is_identity());
+  EXPECT_TRUE(
+      ColorTransform::FromIcc(truncated.data(), truncated.size(), PixelLayout::kBgra8).is_identity());
+  // An RGB profile does not describe gray pixels.
+  EXPECT_TRUE(ColorTransform::FromIcc(p3.data(), p3.size(), PixelLayout::kGray8).is_identity());
+
+  // The identity still rearranges the bytes into BGRA.
+  const ColorTransform rgb = ColorTransform::FromIcc(garbage.data(), garbage.size(), PixelLayout::kRgb8);
+  const uint8_t src[6] = {10, 20, 30, 40, 50, 60};
+  uint8_t dst[8];
+  rgb.Apply(src, dst, 2);
+  EXPECT_EQ(std::vector<uint8_t>(dst, dst + 8), (std::vector<uint8_t>{30, 20, 10, 255, 60, 50, 40, 255}));
+
+  const ColorTransform gray = ColorTransform::FromIcc(nullptr, 0, PixelLayout::kGray8);
+  const uint8_t g[1] = {77};
+  gray.Apply(g, dst, 1);
+  EXPECT_EQ(std::vector<uint8_t>(dst, dst + 4), (std::vector<uint8_t>{77, 77, 77, 255}));
+}
+
+TEST(ColorTransformTest, WideGamutRedIsClippedIntoSrgb) {
+  const std::vector<uint8_t> p3 = MakeP3Profile();
+  const ColorTransform rgb = ColorTransform::FromIcc(p3.data(), p3.size(), PixelLayout::kRgb8);
+  ASSERT_FALSE(rgb.is_identity());
+  // Saturated P3 red lies outside sRGB: it clips to red while mid grey stays grey.
+  const uint8_t src[6] = {255, 0, 0, 128, 128, 128};
+  uint8_t dst[8];
+  rgb.Apply(src, dst, 2);
+  EXPECT_EQ(dst[2], 255);
+  EXPECT_EQ(dst[3], 255);
+  EXPECT_NEAR(dst[4], 128, 2);
+  EXPECT_NEAR(dst[5], 128, 2);
+  EXPECT_NEAR(dst[6], 128, 2);
+
+  // A less saturated P3 red becomes a more saturated sRGB one.
+  const uint8_t mid_red[3] = {200, 60, 60};
+  rgb.Apply(mid_red, dst, 1);
+  EXPECT_GT(dst[2], 200);
+  EXPECT_LT(dst[1], 60);
+
+  // BGRA input keeps its alpha and may be converted in place.
+  const ColorTransform bgra = ColorTransform::FromIcc(p3.data(), p3.size(), PixelLayout::kBgra8);
+  uint8_t pixel[4] = {60, 60, 200, 99};
+  bgra.Apply(pixel, pixel, 1);
+  EXPECT_GT(pixel[2], 200);
+  EXPECT_EQ(pixel[3], 99);
+}
+
+TEST(ColorTransformTest, GrayProfileIsUsed) {
+  const std::vector<uint8_t> icc = MakeGrayProfile();
+  const ColorTransform gray = ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kGray8);
+  ASSERT_FALSE(gray.is_identity());
+  const uint8_t src[3] = {0, 128, 255};
+  uint8_t dst[12];
+  gray.Apply(src, dst, 3);
+  EXPECT_LE(dst[0], 2);
+  EXPECT_GE(dst[8], 253);
+  EXPECT_EQ(dst[4], dst[5]);
+  EXPECT_EQ(dst[7], 255);
+}
+
+TEST(ColorTransformTest, BuiltInCmykIsSensible) {
+  const ColorTransform cmyk = ColorTransform::FromIcc(nullptr, 0, PixelLayout::kCmyk8);
+  EXPECT_FALSE(cmyk.is_identity());
+  // white, solid black, cyan, red (M + Y), 50% grey by K alone
+  const uint8_t src[20] = {0, 0, 0, 0, 0, 0, 0, 255, 255, 0, 0, 0, 0, 255, 255, 0, 0, 0, 0, 128};
+  uint8_t dst[20];
+  cmyk.Apply(src, dst, 5);
+  const uint8_t* white = dst;
+  const uint8_t* black = dst + 4;
+  const uint8_t* cyan = dst + 8;
+  const uint8_t* red = dst + 12;
+  const uint8_t* grey = dst + 16;
+  EXPECT_EQ(std::vector<uint8_t>(white, white + 4), (std::vector<uint8_t>{255, 255, 255, 255}));
+  EXPECT_LT(black[0] + black[1] + black[2], 3 * 45);
+  EXPECT_LT(cyan[2], 40);   // little red
+  EXPECT_GT(cyan[0], 200);  // much blue
+  EXPECT_GT(cyan[1], 120);
+  EXPECT_LT(cyan[1], cyan[0]);  // press cyan is not (0, 255, 255)
+  EXPECT_GT(red[2], 200);
+  EXPECT_LT(red[1], 60);
+  EXPECT_NEAR(grey[0], grey[2], 4);  // near neutral
+  EXPECT_GT(grey[1], 100);
+  EXPECT_LT(grey[1], 180);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(dst[i * 4 + 3], 255);
+}
+
+TEST(FlattenOverWhiteTest, CompositesExactlyOverWhite) {
+  // Every colour and alpha pair against the rounded exact formula.
+  std::vector<uint8_t> pixels;
+  for (int c = 0; c < 256; ++c) {
+    for (int a = 0; a < 256; ++a) {
+      pixels.insert(pixels.end(), {static_cast<uint8_t>(c), static_cast<uint8_t>(255 - c),
+                                   static_cast<uint8_t>(c), static_cast<uint8_t>(a)});
+    }
+  }
+  FlattenOverWhite(pixels.data(), pixels.size() / 4);
+  size_t i = 0;
+  for (int c = 0; c < 256; ++c) {
+    for (int a = 0; a < 256; ++a, i += 4) {
+      const int expected = (c * a + 255 * (255 - a) + 127) / 255;
+      const int expected_inverse = ((255 - c) * a + 255 * (255 - a) + 127) / 255;
+      ASSERT_EQ(pixels[i], expected) << "c=" << c << " a=" << a;
+      ASSERT_EQ(pixels[i + 1], expected_inverse) << "c=" << c << " a=" << a;
+      ASSERT_EQ(pixels[i + 3], 255);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace tessera

@@ -1,0 +1,233 @@
+#include "lib/image/color-profile.h"
+
+#include <lcms2.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace tessera {
+namespace image {
+namespace {
+
+struct ContextDeleter {
+  void operator()(cmsContext context) const { cmsDeleteContext(context); }
+};
+struct ProfileDeleter {
+  void operator()(void* profile) const { cmsCloseProfile(profile); }
+};
+struct TransformDeleter {
+  void operator()(void* transform) const { cmsDeleteTransform(transform); }
+};
+using ContextPtr = std::unique_ptr<std::remove_pointer_t<cmsContext>, ContextDeleter>;
+using ProfilePtr = std::unique_ptr<void, ProfileDeleter>;
+using TransformPtr = std::unique_ptr<void, TransformDeleter>;
+
+// lcms2 reports broken profiles through its log handler; a broken profile is
+// an expected input here, so the messages are dropped.
+void SilentLogHandler(cmsContext, cmsUInt32Number, const char*) {}
+
+ContextPtr NewContext() {
+  ContextPtr context(cmsCreateContext(nullptr, nullptr));
+  if (context) cmsSetLogErrorHandlerTHR(context.get(), SilentLogHandler);
+  return context;
+}
+
+cmsColorSpaceSignature ColorSpaceOf(PixelLayout layout) {
+  switch (layout) {
+    case PixelLayout::kBgra8:
+    case PixelLayout::kRgb8:
+      return cmsSigRgbData;
+    case PixelLayout::kGray8:
+      return cmsSigGrayData;
+    case PixelLayout::kCmyk8:
+      return cmsSigCmykData;
+  }
+  return cmsSigRgbData;
+}
+
+cmsUInt32Number LcmsFormatOf(PixelLayout layout) {
+  switch (layout) {
+    case PixelLayout::kBgra8:
+      return TYPE_BGRA_8;
+    case PixelLayout::kRgb8:
+      return TYPE_RGB_8;
+    case PixelLayout::kGray8:
+      return TYPE_GRAY_8;
+    case PixelLayout::kCmyk8:
+      return TYPE_CMYK_8;
+  }
+  return TYPE_BGRA_8;
+}
+
+size_t BytesPerPixel(PixelLayout layout) {
+  switch (layout) {
+    case PixelLayout::kBgra8:
+    case PixelLayout::kCmyk8:
+      return 4;
+    case PixelLayout::kRgb8:
+      return 3;
+    case PixelLayout::kGray8:
+      return 1;
+  }
+  return 4;
+}
+
+// Built-in CMYK conversion for files without a usable profile: a Neugebauer
+// model of a typical coated press. The eight solid overprints of C, M and Y
+// are given in sRGB and mixed trilinearly by ink coverage (in encoded sRGB,
+// which loosely accounts for dot gain); black ink then multiplies towards the
+// colour of a solid K. Much closer to what a press gives than the naive
+// 255 * (1 - C) * (1 - K), which makes pure cyan (0, 255, 255).
+//
+// Corners indexed by (c << 2) | (m << 1) | y, as R, G, B.
+constexpr int kNeugebauer[8][3] = {
+    {255, 255, 255},  // paper
+    {255, 242, 0},    // Y
+    {236, 0, 140},    // M
+    {237, 28, 36},    // M + Y
+    {0, 174, 239},    // C
+    {0, 166, 81},     // C + Y
+    {46, 49, 146},    // C + M
+    {45, 40, 42},     // C + M + Y
+};
+constexpr int kSolidBlack[3] = {35, 31, 32};
+
+// Linear interpolation with t in 0..255, values in 0..255 (scaled by 256).
+inline int Lerp(int a, int b, int t) { return a * (255 - t) + b * t; }
+
+void BuiltInCmykToBgra(const uint8_t* src, uint8_t* dst, size_t pixel_count) {
+  for (size_t i = 0; i < pixel_count; ++i, src += 4, dst += 4) {
+    const int c = src[0], m = src[1], y = src[2], k = src[3];
+    int rgb[3];
+    for (int ch = 0; ch < 3; ++ch) {
+      // Along y, then m, then c; each step multiplies the scale by 255.
+      const int64_t p00 = Lerp(kNeugebauer[0][ch], kNeugebauer[1][ch], y);
+      const int64_t p01 = Lerp(kNeugebauer[2][ch], kNeugebauer[3][ch], y);
+      const int64_t p10 = Lerp(kNeugebauer[4][ch], kNeugebauer[5][ch], y);
+      const int64_t p11 = Lerp(kNeugebauer[6][ch], kNeugebauer[7][ch], y);
+      const int64_t q0 = p00 * (255 - m) + p01 * m;
+      const int64_t q1 = p10 * (255 - m) + p11 * m;
+      const int64_t v = q0 * (255 - c) + q1 * c;  // scale 255^3
+      // Black: multiply by 1 - k * (1 - solid / 255), i.e. by
+      // (255 * 255 - k * (255 - solid)) / 255^2.
+      const int64_t kf = 255 * 255 - k * (255 - kSolidBlack[ch]);
+      constexpr int64_t kScale = int64_t{255} * 255 * 255 * 255 * 255;
+      rgb[ch] = static_cast<int>((v * kf + kScale / 2) / kScale);
+    }
+    dst[0] = static_cast<uint8_t>(rgb[2]);
+    dst[1] = static_cast<uint8_t>(rgb[1]);
+    dst[2] = static_cast<uint8_t>(rgb[0]);
+    dst[3] = 255;
+  }
+}
+
+}  // namespace
+
+struct ColorTransform::Impl {
+  PixelLayout layout = PixelLayout::kBgra8;
+  bool built_in_cmyk = false;
+  // Declared before the transform so that it is destroyed after it.
+  ContextPtr context;
+  TransformPtr transform;
+};
+
+ColorTransform::ColorTransform() : impl_(new Impl) {}
+ColorTransform::ColorTransform(ColorTransform&&) noexcept = default;
+ColorTransform& ColorTransform::operator=(ColorTransform&&) noexcept = default;
+ColorTransform::~ColorTransform() = default;
+
+ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLayout layout) {
+  ColorTransform result;
+  result.impl_->layout = layout;
+  result.impl_->built_in_cmyk = layout == PixelLayout::kCmyk8;
+  // An ICC header alone is 128 bytes; anything shorter is not a profile.
+  if (icc == nullptr || size < 128 || size > (uint64_t{1} << 31)) return result;
+
+  ContextPtr context = NewContext();
+  if (!context) return result;
+  ProfilePtr input(cmsOpenProfileFromMemTHR(context.get(), icc, static_cast<cmsUInt32Number>(size)));
+  if (!input) return result;
+  if (cmsGetColorSpace(input.get()) != ColorSpaceOf(layout)) return result;
+  const cmsProfileClassSignature device_class = cmsGetDeviceClass(input.get());
+  if (device_class == cmsSigLinkClass || device_class == cmsSigAbstractClass ||
+      device_class == cmsSigNamedColorClass) {
+    return result;
+  }
+  ProfilePtr srgb(cmsCreate_sRGBProfileTHR(context.get()));
+  if (!srgb) return result;
+
+  const cmsUInt32Number intent =
+      cmsIsIntentSupported(input.get(), INTENT_RELATIVE_COLORIMETRIC, LCMS_USED_AS_INPUT)
+          ? INTENT_RELATIVE_COLORIMETRIC
+          : INTENT_PERCEPTUAL;
+  const cmsUInt32Number flags = layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0;
+  TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout),
+                                               srgb.get(), TYPE_BGRA_8, intent, flags));
+  if (!transform) return result;
+  // The transform keeps what it needs; the profiles may go now.
+  result.impl_->built_in_cmyk = false;
+  result.impl_->context = std::move(context);
+  result.impl_->transform = std::move(transform);
+  return result;
+}
+
+bool ColorTransform::is_identity() const { return !impl_->transform && !impl_->built_in_cmyk; }
+
+void ColorTransform::Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_count) const {
+  const PixelLayout layout = impl_->layout;
+  if (impl_->transform) {
+    // lcms2 takes a 32-bit count; split huge runs.
+    constexpr size_t kChunk = size_t{1} << 24;
+    const size_t in_bpp = BytesPerPixel(layout);
+    for (size_t done = 0; done < pixel_count; done += kChunk) {
+      const size_t n = std::min(kChunk, pixel_count - done);
+      cmsDoTransform(impl_->transform.get(), src + done * in_bpp, dst_bgra + done * 4,
+                     static_cast<cmsUInt32Number>(n));
+    }
+    // Without an alpha channel on input lcms2 leaves the output's unset.
+    if (layout != PixelLayout::kBgra8) {
+      for (size_t i = 0; i < pixel_count; ++i) dst_bgra[i * 4 + 3] = 255;
+    }
+    return;
+  }
+  switch (layout) {
+    case PixelLayout::kBgra8:
+      if (src != dst_bgra) std::memcpy(dst_bgra, src, pixel_count * 4);
+      break;
+    case PixelLayout::kRgb8:
+      for (size_t i = 0; i < pixel_count; ++i) {
+        dst_bgra[i * 4 + 0] = src[i * 3 + 2];
+        dst_bgra[i * 4 + 1] = src[i * 3 + 1];
+        dst_bgra[i * 4 + 2] = src[i * 3 + 0];
+        dst_bgra[i * 4 + 3] = 255;
+      }
+      break;
+    case PixelLayout::kGray8:
+      for (size_t i = 0; i < pixel_count; ++i) {
+        dst_bgra[i * 4 + 0] = dst_bgra[i * 4 + 1] = dst_bgra[i * 4 + 2] = src[i];
+        dst_bgra[i * 4 + 3] = 255;
+      }
+      break;
+    case PixelLayout::kCmyk8:
+      BuiltInCmykToBgra(src, dst_bgra, pixel_count);
+      break;
+  }
+}
+
+void FlattenOverWhite(uint8_t* bgra, size_t pixel_count) {
+  for (size_t i = 0; i < pixel_count; ++i) {
+    uint8_t* p = bgra + i * 4;
+    const uint32_t a = p[3];
+    const uint32_t white = 255 * (255 - a);
+    for (int c = 0; c < 3; ++c) {
+      // x / 255 rounded, exact for x <= 65535: (x + 128 + ((x + 128) >> 8)) >> 8.
+      const uint32_t x = p[c] * a + white + 128;
+      p[c] = static_cast<uint8_t>((x + (x >> 8)) >> 8);
+    }
+    p[3] = 255;
+  }
+}
+
+}  // namespace image
+}  // namespace tessera
