@@ -49,6 +49,12 @@ int LogInit(const LogConfig& config);
 // until the next LogInit.
 void LogDeinit();
 
+// For tests only: closes a log file and returns the logger to its start-up
+// state (initialised, destination 1 on standard error, no configured
+// component, no counters, no mutex), which no LogInit call can reproduce.
+// Must not race with any other logger call.
+void LogResetForTesting();
+
 // True when initialised and level <= threshold(component). Call sites test
 // this before they build any argument.
 bool LogIsEnabled(int level, const char* component);
