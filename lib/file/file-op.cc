@@ -1,0 +1,96 @@
+// The platform-independent parts of the file layer: the long-path form, the
+// text form of a status record and the random-name generator.
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "lib/file/file-op.h"
+
+namespace tessera {
+namespace file {
+namespace {
+
+constexpr char kLongPathPrefix[] = "\\\\?\\";  // \\?\ (4 bytes)
+constexpr size_t kLongPathPrefixLength = 4;
+
+constexpr char kNameAlphabet[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-_";
+constexpr int kNameLength = 8;
+static_assert(sizeof(kNameAlphabet) - 1 == 64, "the name alphabet has 64 characters");
+
+// One process-wide engine, built on first use. Names drawn by concurrent
+// callers come from one sequence, so they cannot repeat each other's draws.
+class NameGenerator {
+ public:
+  static NameGenerator& Get() {
+    static NameGenerator generator;  // construction is thread-safe
+    return generator;
+  }
+
+  std::string Draw() {
+    std::uniform_int_distribution<int> index(0, 63);
+    std::string name;
+    name.reserve(kNameLength);
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (int i = 0; i < kNameLength; ++i) name.push_back(kNameAlphabet[index(engine_)]);
+    return name;
+  }
+
+ private:
+  // The engine starts from its default seed and is reseeded at once with one
+  // value from the random device.
+  NameGenerator() { engine_.seed(Seed()); }
+
+  static std::mt19937::result_type Seed() {
+    try {
+      std::random_device device;
+      return device();
+    } catch (...) {
+      // No entropy source: the clock and the thread still differ per process.
+      uint64_t ticks = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+      uint64_t thread = std::hash<std::thread::id>()(std::this_thread::get_id());
+      return static_cast<std::mt19937::result_type>(ticks ^ (ticks >> 32) ^ thread);
+    }
+  }
+
+  std::mutex mutex_;
+  std::mt19937 engine_;
+};
+
+}  // namespace
+
+std::string ToLongPath(const std::string& path) {
+  std::string result;
+  if (path.size() >= kLongPathPrefixLength && path.compare(0, kLongPathPrefixLength, kLongPathPrefix) != 0) {
+    result = kLongPathPrefix;
+  }
+  result += path;
+  for (char& c : result) {
+    if (c == '/') c = '\\';
+  }
+  return result;
+}
+
+std::string FSStatInfo::ToString() const {
+  std::string text = "{";
+  text += "\"name\": \"" + name + "\", ";
+  text += "\"path\": \"" + path + "\", ";
+  text += "\"type\": " + std::to_string(type) + ", ";
+  text += "\"mtime\": " + std::to_string(mtime) + ", ";
+  text += "\"size\": " + std::to_string(size) + ", ";
+  text += "\"isExist\": " + std::string(isExist ? "1" : "0") + ", ";
+  text += "\"uid\": " + std::to_string(uid) + ", ";
+  text += "\"gid\": " + std::to_string(gid) + ", ";
+  text += "\"mode\": " + std::to_string(mode) + ", ";
+  text += "\"dev_id\": " + std::to_string(dev_id) + "}";
+  return text;
+}
+
+std::string RandomPath(const std::string& prefix) {
+  return prefix + "/" + NameGenerator::Get().Draw();
+}
+
+}  // namespace file
+}  // namespace tessera
