@@ -1,0 +1,230 @@
+#include "lib/thumbnail/video-thumbnail.h"
+
+extern "C" {
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+}
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "lib/image/area-resample.h"
+#include "lib/image/limits.h"
+#include "lib/image/transform.h"
+#include "lib/thumbnail/ffmpeg-media.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+constexpr std::chrono::milliseconds kOpenDeadline{10000};
+constexpr std::chrono::milliseconds kDecodeDeadline{20000};
+constexpr int64_t kFrameTimeUs = 1000000;  // the frame at one second
+// Frames decoded at most while looking for it (after the seek, or from the
+// start when the file cannot seek).
+constexpr int kMaxFramesDecoded = 600;
+
+struct GraphFreer {
+  void operator()(AVFilterGraph* p) const { avfilter_graph_free(&p); }
+};
+using GraphPtr = std::unique_ptr<AVFilterGraph, GraphFreer>;
+
+bool IsHdrTransfer(int transfer) {
+  return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
+}
+
+// Maps a PQ or HLG frame to BT.709 SDR BGRA: linear light, BT.709
+// primaries, a filmic curve (no desaturation, so colours keep their hue),
+// then the BT.709 transfer.
+Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
+  GraphPtr graph(avfilter_graph_alloc());
+  if (!graph) return Status::Internal("avfilter_graph_alloc failed");
+  graph->nb_threads = 1;
+  const AVRational sar = frame->sample_aspect_ratio.num > 0 ? frame->sample_aspect_ratio : AVRational{1, 1};
+  const std::string source_args = "video_size=" + std::to_string(frame->width) + "x" +
+                                  std::to_string(frame->height) +
+                                  ":pix_fmt=" + std::to_string(frame->format) + ":time_base=1/1" +
+                                  ":pixel_aspect=" + std::to_string(sar.num) + "/" + std::to_string(sar.den);
+  AVFilterContext* source = nullptr;
+  AVFilterContext* sink = nullptr;
+  int error = avfilter_graph_create_filter(&source, avfilter_get_by_name("buffer"), "in",
+                                           source_args.c_str(), nullptr, graph.get());
+  if (error < 0) return Status::Internal(ffmpeg::AvError("buffer", error));
+  error = avfilter_graph_create_filter(&sink, avfilter_get_by_name("buffersink"), "out", nullptr,
+                                       nullptr, graph.get());
+  if (error < 0) return Status::Internal(ffmpeg::AvError("buffersink", error));
+
+  AVFilterInOut* outputs = avfilter_inout_alloc();
+  AVFilterInOut* inputs = avfilter_inout_alloc();
+  if (outputs == nullptr || inputs == nullptr) {
+    avfilter_inout_free(&outputs);
+    avfilter_inout_free(&inputs);
+    return Status::Internal("avfilter_inout_alloc failed");
+  }
+  outputs->name = av_strdup("in");
+  outputs->filter_ctx = source;
+  inputs->name = av_strdup("out");
+  inputs->filter_ctx = sink;
+  const char* chain =
+      "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=hable:desat=0,"
+      "zscale=t=bt709:m=bt709:r=pc,format=gbrp,scale,format=bgra";
+  error = avfilter_graph_parse_ptr(graph.get(), chain, &inputs, &outputs, nullptr);
+  avfilter_inout_free(&outputs);
+  avfilter_inout_free(&inputs);
+  if (error < 0) return Status::NotSupported(ffmpeg::AvError("tone-mapping filters", error));
+  error = avfilter_graph_config(graph.get(), nullptr);
+  if (error < 0) return Status::NotSupported(ffmpeg::AvError("avfilter_graph_config", error));
+
+  ffmpeg::FramePtr input(av_frame_clone(frame));
+  ffmpeg::FramePtr output(av_frame_alloc());
+  if (!input || !output) return Status::Internal("out of memory");
+  error = av_buffersrc_add_frame(source, input.get());
+  if (error >= 0) error = av_buffersrc_add_frame(source, nullptr);
+  if (error >= 0) error = av_buffersink_get_frame(sink, output.get());
+  if (error < 0) return Status::Internal(ffmpeg::AvError("tone mapping", error));
+  if (output->format != AV_PIX_FMT_BGRA || output->width != frame->width ||
+      output->height != frame->height) {
+    return Status::Internal("unexpected tone-mapped frame");
+  }
+  std::vector<uint8_t> pixels(static_cast<size_t>(output->width) * output->height * 4);
+  const size_t row_bytes = static_cast<size_t>(output->width) * 4;
+  for (int y = 0; y < output->height; ++y) {
+    std::memcpy(pixels.data() + row_bytes * y, output->data[0] + static_cast<ptrdiff_t>(output->linesize[0]) * y,
+                row_bytes);
+  }
+  for (size_t i = 3; i < pixels.size(); i += 4) pixels[i] = 0xFF;
+  *bgra = std::move(pixels);
+  return Status::OK();
+}
+
+// Decodes the representative frame into *frame: the attached picture, or the
+// first frame at or after one second, or the last frame of a shorter clip.
+Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
+  int error = file->OpenDecoder();
+  if (error < 0) return Status::InvalidArgument(ffmpeg::AvError("decoder", error));
+  file->SetDeadline(kDecodeDeadline);
+  if (file->is_attached_picture()) {
+    error = file->DecodeNextFrame(frame);
+    if (error < 0) return Status::InvalidArgument(ffmpeg::AvError("attached picture", error));
+    return Status::OK();
+  }
+
+  const int64_t duration = file->format()->duration;
+  const bool short_clip = duration != AV_NOPTS_VALUE && duration <= kFrameTimeUs;
+  bool sought = false;
+  if (!short_clip && file->CanSeek() && !file->HasSlowSeek()) {
+    sought = file->SeekTo(kFrameTimeUs) >= 0;
+  }
+
+  ffmpeg::FramePtr candidate(av_frame_alloc());
+  if (!candidate) return Status::Internal("out of memory");
+  bool have_frame = false;
+  for (int decoded = 0; decoded < kMaxFramesDecoded; ++decoded) {
+    error = file->DecodeNextFrame(candidate.get());
+    if (error == AVERROR_EOF) break;
+    if (error == AVERROR_EXIT) return Status::Timeout("video decoding took too long");
+    if (error < 0) {
+      if (have_frame) break;  // a damaged tail: keep what was decoded
+      return Status::InvalidArgument(ffmpeg::AvError("decoding", error));
+    }
+    av_frame_unref(frame);
+    av_frame_move_ref(frame, candidate.get());
+    have_frame = true;
+    const int64_t time = file->FrameTimeUs(frame);
+    if (time == INT64_MIN || time >= kFrameTimeUs) break;
+  }
+  if (!have_frame && sought) {
+    // The seek went past the last frame: read from the start instead.
+    if (file->SeekTo(0) >= 0) {
+      for (int decoded = 0; decoded < kMaxFramesDecoded; ++decoded) {
+        error = file->DecodeNextFrame(candidate.get());
+        if (error < 0) break;
+        av_frame_unref(frame);
+        av_frame_move_ref(frame, candidate.get());
+        have_frame = true;
+      }
+    }
+  }
+  if (!have_frame) return Status::InvalidArgument("no decodable video frame");
+  return Status::OK();
+}
+
+}  // namespace
+
+bool IsVideoContent(const std::string& utf8_path) {
+  std::unique_ptr<ffmpeg::MediaFile> file;
+  return ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok();
+}
+
+Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
+  if (cx == 0) return Status::InvalidArgument("cx is 0");
+  std::unique_ptr<ffmpeg::MediaFile> file;
+  Status status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file);
+  if (!status.ok()) return status;
+  ffmpeg::FramePtr frame(av_frame_alloc());
+  if (!frame) return Status::Internal("out of memory");
+  status = DecodeRepresentativeFrame(file.get(), frame.get());
+  if (!status.ok()) return status;
+
+  // Frames may carry no colour tags where the stream has them.
+  const AVCodecParameters* params = file->stream()->codecpar;
+  if (frame->color_trc == AVCOL_TRC_UNSPECIFIED) frame->color_trc = params->color_trc;
+  if (frame->color_primaries == AVCOL_PRI_UNSPECIFIED) frame->color_primaries = params->color_primaries;
+  if (frame->colorspace == AVCOL_SPC_UNSPECIFIED) frame->colorspace = params->color_space;
+  if (frame->color_range == AVCOL_RANGE_UNSPECIFIED) frame->color_range = params->color_range;
+
+  std::vector<uint8_t> pixels;
+  if (IsHdrTransfer(frame->color_trc)) {
+    status = ToneMapToBgra(frame.get(), &pixels);
+  } else {
+    status = ffmpeg::ConvertToBgra(frame.get(), frame->width, frame->height, &pixels);
+  }
+  if (!status.ok()) return status;
+
+  image::Bitmap bitmap;
+  status = image::Bitmap::Create(frame->width, frame->height, &bitmap);
+  if (!status.ok()) return status;
+  std::memcpy(bitmap.data(), pixels.data(), bitmap.byte_size());
+  pixels = std::vector<uint8_t>();
+
+  // Display size before turning: non-square pixels widen (or narrow) the frame.
+  int display_width = frame->width;
+  int display_height = frame->height;
+  AVRational sar = av_guess_sample_aspect_ratio(file->format(), file->stream(), frame.get());
+  if (sar.num > 0 && sar.den > 0 && sar.num != sar.den) {
+    const int64_t width = av_rescale(frame->width, sar.num, sar.den);
+    if (width > 0 && width <= static_cast<int64_t>(image::kMaxSide)) display_width = static_cast<int>(width);
+  }
+
+  int degrees = 0;
+  bool mirrored = false;
+  if (file->DisplayRotation(&degrees, &mirrored)) {
+    if (mirrored) image::MirrorHorizontally(&bitmap);
+    if (degrees != 0) {
+      image::Bitmap turned;
+      status = image::RotateClockwise(bitmap, degrees / 90, &turned);
+      if (!status.ok()) return status;
+      bitmap = std::move(turned);
+      if (degrees == 90 || degrees == 270) std::swap(display_width, display_height);
+    }
+  }
+
+  int width = 0;
+  int height = 0;
+  image::FitWithin(display_width, display_height, cx, &width, &height);
+  if (width <= 0 || height <= 0) return Status::InvalidArgument("empty frame");
+  if (width == bitmap.width() && height == bitmap.height()) {
+    *out = std::move(bitmap);
+    return Status::OK();
+  }
+  image::Bitmap reduced;
+  status = image::AreaResample(bitmap, width, height, &reduced);
+  if (!status.ok()) return status;
+  *out = std::move(reduced);
+  return Status::OK();
+}
+
+}  // namespace thumbnail
+}  // namespace tessera
