@@ -1,0 +1,140 @@
+#include "lib/thumbnail/thumbnail-job.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <future>
+#include <iostream>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "lib/file/file-op.h"
+#include "lib/log/log.h"
+#include "lib/thumbnail/thumbnail-extraction.h"
+#include "lib/utility/text-conversion.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+constexpr char kComponent[] = "thumbnail_debug";
+
+// How long the exit path waits for an output file that is being written.
+constexpr std::chrono::seconds kExitWriteWait{5};
+
+using ExtractionTask = std::packaged_task<bool(const std::u16string&, std::vector<uint32_t>, bool,
+                                               std::vector<std::shared_ptr<utility::TempFile>>)>;
+
+// Paths of the output files of abandoned jobs, for ExitWithAbandonedJobs.
+struct AbandonedJobs {
+  std::mutex mutex;
+  bool any = false;
+  std::vector<std::string> paths;
+};
+
+AbandonedJobs& Abandoned() {
+  static AbandonedJobs* jobs = new AbandonedJobs;  // never destroyed: threads may outlive main
+  return *jobs;
+}
+
+void RecordAbandoned(const std::vector<std::shared_ptr<utility::TempFile>>& outputs) {
+  AbandonedJobs& jobs = Abandoned();
+  std::lock_guard<std::mutex> lock(jobs.mutex);
+  jobs.any = true;
+  for (const auto& output : outputs) {
+    if (output && !output->GetPath().empty()) jobs.paths.push_back(output->GetPath());
+  }
+}
+
+// A later job that wrote the same outputs (the video fallback reuses the
+// output file of a timed-out first attempt) hands them back to the caller.
+void ForgetAbandoned(const std::vector<std::shared_ptr<utility::TempFile>>& outputs) {
+  AbandonedJobs& jobs = Abandoned();
+  std::lock_guard<std::mutex> lock(jobs.mutex);
+  for (const auto& output : outputs) {
+    if (!output) continue;
+    jobs.paths.erase(std::remove(jobs.paths.begin(), jobs.paths.end(), output->GetPath()), jobs.paths.end());
+  }
+}
+
+}  // namespace
+
+int32_t GenerateThumbnail(const ThumbnailHelper& helper, const std::string& path, const std::string& extension,
+                          std::vector<uint32_t> sizes, bool as_png,
+                          std::vector<std::shared_ptr<utility::TempFile>> outputs) {
+  return GenerateThumbnail(helper, path, extension, std::move(sizes), as_png, std::move(outputs),
+                           kThumbnailTimeout);
+}
+
+int32_t GenerateThumbnail(const ThumbnailHelper& /*helper*/, const std::string& path,
+                          const std::string& /*extension*/, std::vector<uint32_t> sizes, bool as_png,
+                          std::vector<std::shared_ptr<utility::TempFile>> outputs,
+                          std::chrono::steady_clock::duration timeout) {
+  // The task's shared state is held by the future here and by the task on
+  // the thread, so whichever side finishes last frees it.
+  ExtractionTask task(
+      static_cast<bool (*)(const std::u16string&, std::vector<uint32_t>, bool,
+                           std::vector<std::shared_ptr<utility::TempFile>>)>(&ExtractShellThumbnails));
+  std::future<bool> result = task.get_future();
+  std::u16string wide_path = utility::UTF8ToUTF16(path);
+
+  // The thread owns its own copies of every argument.
+  std::thread worker(std::move(task), std::move(wide_path), sizes, as_png, outputs);
+  worker.detach();
+
+  if (result.wait_for(timeout) != std::future_status::ready) {
+    LOG_WARNING(kComponent, "GenerateThumbnail timeout '%s'", path.c_str());
+    RecordAbandoned(outputs);
+    return 1;
+  }
+
+  bool done = false;
+  try {
+    done = result.get();
+  } catch (const std::exception& e) {
+    LOG_WARNING(kComponent, "GenerateThumbnail exception, reason '%s', path '%s'", e.what(), path.c_str());
+    return -1;
+  }
+  if (!done) {
+    LOG_WARNING(kComponent, "GenerateThumbnail Failed '%s'", path.c_str());
+    return -1;
+  }
+  ForgetAbandoned(outputs);
+  return 0;
+}
+
+int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, const std::string& extension,
+                    uint32_t size, bool as_png, std::shared_ptr<utility::TempFile> output) {
+  return GenerateThumbnail(helper, path, extension, std::vector<uint32_t>{size}, as_png,
+                           std::vector<std::shared_ptr<utility::TempFile>>{std::move(output)});
+}
+
+bool HasAbandonedJobs() {
+  AbandonedJobs& jobs = Abandoned();
+  std::lock_guard<std::mutex> lock(jobs.mutex);
+  return jobs.any;
+}
+
+void ExitWithAbandonedJobs(int status) {
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(nullptr);
+
+  std::vector<std::string> paths;
+  {
+    AbandonedJobs& jobs = Abandoned();
+    std::lock_guard<std::mutex> lock(jobs.mutex);
+    paths = jobs.paths;
+  }
+  // Held until the process is gone: no job can start writing a file again
+  // once it has been removed.
+  if (!paths.empty() && OutputWriteMutex().try_lock_for(kExitWriteWait)) {
+    for (const std::string& path : paths) file::FSRemove(path);
+  }
+  std::_Exit(status);
+}
+
+}  // namespace thumbnail
+}  // namespace tessera

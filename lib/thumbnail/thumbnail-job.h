@@ -1,0 +1,66 @@
+// The thumbnail job: one extraction on a detached thread of its own, waited
+// for at most kThumbnailTimeout. A job that does not finish in time is
+// abandoned: the caller goes on, the thread runs to its end (or dies with the
+// process) and keeps its own references to the output files.
+#ifndef TESSERA_LIB_THUMBNAIL_THUMBNAIL_JOB_H_
+#define TESSERA_LIB_THUMBNAIL_THUMBNAIL_JOB_H_
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib/utility/temp-file.h"
+
+namespace tessera {
+namespace thumbnail {
+
+class ThumbnailHelper;
+
+// How long a caller waits for one job, on the steady clock.
+constexpr std::chrono::seconds kThumbnailTimeout{60};
+
+// Runs ExtractShellThumbnails(UTF-16 path, sizes, as_png, outputs) on a new,
+// detached thread and waits for it at most kThumbnailTimeout. The helper and
+// the extension are accepted and not used. Returns 0 when the extraction
+// returned true; 1 when it did not finish in time (WARNING "GenerateThumbnail
+// timeout '<path>'"); -1 when it returned false (WARNING "GenerateThumbnail
+// Failed '<path>'") or threw a std::exception (WARNING "GenerateThumbnail
+// exception, reason '<what>', path '<path>'"). Other exceptions propagate,
+// as does std::system_error when no thread can be started.
+//
+// The outputs are shared with the job's thread; after a time-out that thread
+// keeps its copies until it ends. Callable from any thread.
+int32_t GenerateThumbnail(const ThumbnailHelper& helper, const std::string& path, const std::string& extension,
+                          std::vector<uint32_t> sizes, bool as_png,
+                          std::vector<std::shared_ptr<utility::TempFile>> outputs);
+
+// The same with another time limit (for tests).
+int32_t GenerateThumbnail(const ThumbnailHelper& helper, const std::string& path, const std::string& extension,
+                          std::vector<uint32_t> sizes, bool as_png,
+                          std::vector<std::shared_ptr<utility::TempFile>> outputs,
+                          std::chrono::steady_clock::duration timeout);
+
+// GenerateThumbnail for one size and one output file.
+int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, const std::string& extension,
+                    uint32_t size, bool as_png, std::shared_ptr<utility::TempFile> output);
+
+// Whether any job of this process has been abandoned at its time limit. Its
+// thread may still be running, so the process must not end by returning
+// from main (static destructors would run under it): see
+// ExitWithAbandonedJobs. Thread-safe.
+bool HasAbandonedJobs();
+
+// Ends the process with `status` while abandoned jobs may still run: flushes
+// standard output and standard error, removes the output files of every
+// abandoned job (under OutputWriteMutex, so that none is being written or
+// can be written afterwards), and leaves with std::_Exit, running no
+// destructors. If a write does not finish within a few seconds the files are
+// left behind rather than raced. Call from the main thread only.
+[[noreturn]] void ExitWithAbandonedJobs(int status);
+
+}  // namespace thumbnail
+}  // namespace tessera
+
+#endif  // TESSERA_LIB_THUMBNAIL_THUMBNAIL_JOB_H_
