@@ -104,12 +104,16 @@ std::string LastComponent(const std::string& path) {
   return slash == std::string::npos ? stripped : stripped.substr(slash + 1);
 }
 
-int RemoveTreeAt(int parent_fd, const char* name);
+// Nesting bound of a tree walk: each level holds one open directory and a
+// stack frame, so a hostile, absurdly deep tree ends in an error, not a crash.
+constexpr int kMaxTreeDepth = 1024;
+
+int RemoveTreeAt(int parent_fd, const char* name, int depth);
 
 // Deletes every entry of the open directory dir_fd (which it takes over).
 // Returns -1 when an entry other than a subdirectory could not be deleted; a
 // subdirectory that stays behind shows up when its parent is removed.
-int EmptyDirectory(int dir_fd) {
+int EmptyDirectory(int dir_fd, int depth) {
   ScopedDir dir(fdopendir(dir_fd));
   if (!dir) {
     LOG_ERROR(kComponent, "RemoveDirectoryRecursive: error code %d", errno);
@@ -135,7 +139,7 @@ int EmptyDirectory(int dir_fd) {
       is_directory = fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
     }
     if (is_directory) {
-      RemoveTreeAt(dirfd(dir.get()), name);
+      RemoveTreeAt(dirfd(dir.get()), name, depth + 1);
     } else if (unlinkat(dirfd(dir.get()), name, 0) != 0 && !IsNotFound(errno)) {
       // Symbolic links land here too: the link goes, its target stays.
       LOG_ERROR(kComponent, "DeleteFile: error code %d", errno);
@@ -148,7 +152,11 @@ int EmptyDirectory(int dir_fd) {
 // Removes the subdirectory name of parent_fd with everything in it. Works on
 // descriptors, so that a directory swapped for a link during the walk is
 // never followed into another tree.
-int RemoveTreeAt(int parent_fd, const char* name) {
+int RemoveTreeAt(int parent_fd, const char* name, int depth) {
+  if (depth > kMaxTreeDepth) {
+    LOG_ERROR(kComponent, "RemoveDirectoryRecursive: error code %d", ELOOP);
+    return -1;
+  }
   int fd = openat(parent_fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
     int error = errno;
@@ -161,7 +169,7 @@ int RemoveTreeAt(int parent_fd, const char* name) {
     LOG_ERROR(kComponent, "RemoveDirectoryRecursive: error code %d", error);
     return -1;
   }
-  int result = EmptyDirectory(fd);
+  int result = EmptyDirectory(fd, depth);
   if (unlinkat(parent_fd, name, AT_REMOVEDIR) != 0 && !IsNotFound(errno)) {
     LOG_ERROR(kComponent, "RemoveDirectory: error code %d", errno);
     return -1;
@@ -257,7 +265,7 @@ int RemoveDirectoryRecursive(const std::string& dir) {
     LOG_ERROR(kComponent, "RemoveDirectoryRecursive: error code %d", error);
     return -1;
   }
-  int result = EmptyDirectory(fd);
+  int result = EmptyDirectory(fd, 0);
   if (rmdir(stripped.c_str()) != 0 && errno != ENOENT) {
     LOG_ERROR(kComponent, "RemoveDirectory: error code %d", errno);
     return -1;
