@@ -1,0 +1,179 @@
+// GIF: the first image, composited on the logical screen (white where it
+// does not cover the screen or is transparent). Non-interlaced images are
+// streamed row by row; interlaced ones need their index plane, one byte per
+// pixel, because their rows arrive out of order.
+#include <gif_lib.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "lib/image/decoders.h"
+#include "lib/image/limits.h"
+#include "lib/image/reducing-sink.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+struct Reader {
+  ByteSource* source;
+  uint64_t position;
+};
+
+int ReadFunc(GifFileType* gif, GifByteType* buf, int size) {
+  Reader* reader = static_cast<Reader*>(gif->UserData);
+  if (size <= 0) return 0;
+  const int64_t got = reader->source->ReadAt(reader->position, buf, static_cast<size_t>(size));
+  if (got <= 0) return 0;
+  reader->position += static_cast<uint64_t>(got);
+  return static_cast<int>(got);
+}
+
+struct GifCloser {
+  void operator()(GifFileType* gif) const {
+    int error = 0;
+    DGifCloseFile(gif, &error);
+  }
+};
+using GifPtr = std::unique_ptr<GifFileType, GifCloser>;
+
+// Skips the sub-blocks of an extension; reads the transparent index from a
+// graphic control extension.
+bool ReadExtension(GifFileType* gif, int* transparent) {
+  int code = 0;
+  GifByteType* block = nullptr;
+  if (DGifGetExtension(gif, &code, &block) == GIF_ERROR) return false;
+  if (code == GRAPHICS_EXT_FUNC_CODE && block != nullptr && block[0] >= 4) {
+    *transparent = (block[1] & 0x01) ? block[4] : -1;
+  }
+  while (block != nullptr) {
+    if (DGifGetExtensionNext(gif, &block) == GIF_ERROR) return false;
+  }
+  return true;
+}
+
+class GifDecoder : public ImageDecoder {
+ public:
+  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    Reader reader{source, 0};
+    int error = 0;
+    GifPtr gif(DGifOpen(&reader, ReadFunc, &error));
+    if (!gif) return Status::InvalidArgument("not a readable GIF");
+
+    int transparent = -1;
+    for (;;) {
+      GifRecordType type;
+      if (DGifGetRecordType(gif.get(), &type) == GIF_ERROR) {
+        return Status::InvalidArgument("GIF without an image");
+      }
+      if (type == EXTENSION_RECORD_TYPE) {
+        if (!ReadExtension(gif.get(), &transparent)) return Status::InvalidArgument("broken GIF extension");
+      } else if (type == IMAGE_DESC_RECORD_TYPE) {
+        if (DGifGetImageDesc(gif.get()) == GIF_ERROR) return Status::InvalidArgument("broken GIF image");
+        return DecodeFirstImage(gif.get(), transparent, cx, out);
+      } else {
+        return Status::InvalidArgument("GIF without an image");
+      }
+    }
+  }
+
+ private:
+  static Status DecodeFirstImage(GifFileType* gif, int transparent, uint32_t cx, Bitmap* out) {
+    const GifImageDesc& desc = gif->Image;
+    if (desc.Width <= 0 || desc.Height <= 0) return Status::InvalidArgument("empty GIF image");
+    // A screen of zero size (some encoders) takes the image's own size.
+    const int screen_width = gif->SWidth > 0 ? gif->SWidth : desc.Left + desc.Width;
+    const int screen_height = gif->SHeight > 0 ? gif->SHeight : desc.Top + desc.Height;
+    ReducingSink sink;
+    Status status = sink.Init(screen_width, screen_height, cx);
+    if (!status.ok()) return status;
+    if (!WithinPixelLimits(desc.Width, desc.Height)) return ImageTooLargeError(desc.Width, desc.Height);
+
+    // Without any colour map, indices are taken as grey levels.
+    const ColorMapObject* map = desc.ColorMap != nullptr ? desc.ColorMap : gif->SColorMap;
+    const bool has_map = map != nullptr && map->Colors != nullptr;
+    uint8_t palette[256][4];
+    for (int i = 0; i < 256; ++i) {
+      uint8_t* p = palette[i];
+      if (i == transparent || (has_map && i >= map->ColorCount)) {
+        p[0] = p[1] = p[2] = 255;  // transparent, or an index past the map: white
+      } else if (!has_map) {
+        p[0] = p[1] = p[2] = static_cast<uint8_t>(i);
+      } else {
+        p[0] = map->Colors[i].Blue;
+        p[1] = map->Colors[i].Green;
+        p[2] = map->Colors[i].Red;
+      }
+      p[3] = 255;
+    }
+
+    const uint64_t index_plane = desc.Interlace ? uint64_t(desc.Width) * uint64_t(desc.Height) : 0;
+    if (!WithinDecodeBudget(index_plane + uint64_t(screen_width) * 4 + uint64_t(desc.Width))) {
+      return Status::InvalidArgument("GIF image too large to decode");
+    }
+    std::vector<uint8_t> canvas_row(static_cast<size_t>(screen_width) * 4);
+    std::vector<GifPixelType> indices(desc.Interlace ? static_cast<size_t>(index_plane)
+                                                     : static_cast<size_t>(desc.Width));
+
+    // Part of the image that lies on the screen.
+    const int x0 = std::max(0, desc.Left);
+    const int x1 = std::min(screen_width, desc.Left + desc.Width);
+    const int y0 = std::max(0, desc.Top);
+    const int y1 = std::min(screen_height, desc.Top + desc.Height);
+
+    auto push_white = [&]() {
+      std::fill(canvas_row.begin(), canvas_row.end(), uint8_t{255});
+      sink.PushStraightRow(canvas_row.data());
+    };
+    auto push_image_row = [&](const GifPixelType* line) {
+      std::fill(canvas_row.begin(), canvas_row.end(), uint8_t{255});
+      for (int x = x0; x < x1; ++x) {
+        std::memcpy(&canvas_row[static_cast<size_t>(x) * 4], palette[line[x - desc.Left]], 4);
+      }
+      sink.PushStraightRow(canvas_row.data());
+    };
+
+    for (int y = 0; y < y0; ++y) push_white();
+    int pushed = y0;
+    if (desc.Interlace) {
+      // Unread rows stay white.
+      std::fill(indices.begin(), indices.end(), static_cast<GifPixelType>(transparent >= 0 ? transparent : 0));
+      static const int kStart[4] = {0, 4, 2, 1};
+      static const int kStep[4] = {8, 8, 4, 2};
+      bool ok = true;
+      for (int pass = 0; pass < 4 && ok; ++pass) {
+        for (int r = kStart[pass]; r < desc.Height && ok; r += kStep[pass]) {
+          ok = DGifGetLine(gif, &indices[static_cast<size_t>(r) * desc.Width], desc.Width) != GIF_ERROR;
+        }
+      }
+      for (int y = y0; y < y1; ++y) {
+        push_image_row(&indices[static_cast<size_t>(y - desc.Top) * desc.Width]);
+      }
+      pushed = y1;
+    } else {
+      // Rows above the screen are read and dropped.
+      for (int r = 0; r < desc.Height; ++r) {
+        if (DGifGetLine(gif, indices.data(), desc.Width) == GIF_ERROR) {
+          if (pushed == 0 && r == 0) return Status::InvalidArgument("GIF data unreadable");
+          break;  // a truncated file keeps what was read
+        }
+        const int y = desc.Top + r;
+        if (y < y0) continue;
+        if (y >= y1) break;
+        push_image_row(indices.data());
+        ++pushed;
+      }
+    }
+    for (int y = pushed; y < screen_height; ++y) push_white();
+    return sink.Finish(1, out);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ImageDecoder> CreateGifDecoder() { return std::make_unique<GifDecoder>(); }
+
+}  // namespace image
+}  // namespace tessera

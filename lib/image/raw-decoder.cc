@@ -1,0 +1,192 @@
+// Camera RAW through LibRaw (thread-safe build): the embedded preview when it
+// is large enough, else a half-size develop.
+//
+// Preview rule: a half-size develop gives at most half the sensor's longer
+// side, so a preview of at least min(cx, sensor / 2) on its longer side is as
+// good as developing and much faster. Its aspect must match the sensor's
+// (either way round, 5% slack for cropped margins) so that a letterboxed or
+// tiny index preview is never taken.
+#include <libraw/libraw.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <string>
+
+#include "lib/image/decoders.h"
+#include "lib/image/limits.h"
+#include "lib/image/raw-decoder.h"
+#include "lib/image/reducing-sink.h"
+#include "lib/image/transform.h"
+#include "lib/log/log.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+constexpr char kLogComponent[] = "thumbnail_debug";
+// RAW files are read whole; the largest current sensors stay well below.
+constexpr size_t kMaxRawFileBytes = size_t{512} << 20;
+
+struct MemImageFreer {
+  void operator()(libraw_processed_image_t* image) const { LibRaw::dcraw_clear_mem(image); }
+};
+using MemImagePtr = std::unique_ptr<libraw_processed_image_t, MemImageFreer>;
+
+// LibRaw's flip (0, 3 = 180, 5 = 90 counter-clockwise, 6 = 90 clockwise) as
+// an EXIF orientation.
+int FlipToOrientation(int flip) {
+  switch (flip) {
+    case 3:
+      return 3;
+    case 5:
+      return 8;
+    case 6:
+      return 6;
+    default:
+      return 1;
+  }
+}
+
+bool AspectMatches(double a_w, double a_h, double b_w, double b_h) {
+  const double a = a_w / a_h;
+  const double b = b_w / b_h;
+  return std::fabs(a - b) <= 0.05 * b;
+}
+
+// An 8-bit RGB (or gray) image from LibRaw, reduced to fit cx.
+Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int orientation, Bitmap* out) {
+  if (image.bits != 8 || (image.colors != 3 && image.colors != 1)) {
+    return Status::NotSupported("RAW image layout");
+  }
+  const uint64_t row_bytes = uint64_t{image.width} * image.colors;
+  if (uint64_t{image.data_size} < row_bytes * image.height) return Status::InvalidArgument("short RAW image");
+  ReducingSink sink;
+  Status status = sink.Init(image.width, image.height, cx);
+  if (!status.ok()) return status;
+  std::unique_ptr<uint8_t[]> row(new (std::nothrow) uint8_t[size_t{image.width} * 4]);
+  if (!row) return Status::Internal("out of memory");
+  for (int y = 0; y < image.height; ++y) {
+    const uint8_t* src = image.data + row_bytes * y;
+    for (int x = 0; x < image.width; ++x) {
+      uint8_t* p = row.get() + x * 4;
+      if (image.colors == 3) {
+        p[0] = src[x * 3 + 2];
+        p[1] = src[x * 3 + 1];
+        p[2] = src[x * 3];
+      } else {
+        p[0] = p[1] = p[2] = src[x];
+      }
+      p[3] = 255;
+    }
+    sink.PushStraightRow(row.get());
+  }
+  return sink.Finish(orientation, out);
+}
+
+Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
+  const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
+  const libraw_thumbnail_t& thumb = raw->imgdata.thumbnail;
+  if (thumb.twidth == 0 || thumb.theight == 0 || sizes.width == 0 || sizes.height == 0) {
+    return Status::NotFound("no preview");
+  }
+  const uint32_t preview_longer = std::max(thumb.twidth, thumb.theight);
+  const uint32_t sensor_longer = std::max(sizes.width, sizes.height);
+  if (preview_longer < std::min<uint32_t>(cx, sensor_longer / 2)) return Status::NotFound("preview too small");
+  const bool same_way = AspectMatches(thumb.twidth, thumb.theight, sizes.width, sizes.height);
+  const bool turned = AspectMatches(thumb.twidth, thumb.theight, sizes.height, sizes.width);
+  if (!same_way && !turned) return Status::NotFound("preview of another aspect");
+
+  if (raw->unpack_thumb() != LIBRAW_SUCCESS) return Status::NotFound("preview unreadable");
+  int error = 0;
+  MemImagePtr image(raw->dcraw_make_mem_thumb(&error));
+  if (!image) return Status::NotFound("preview unreadable");
+
+  // Previews are stored as the sensor sees the scene; one already turned
+  // (portrait aspect on a landscape sensor) must not be turned again.
+  int orientation = FlipToOrientation(sizes.flip);
+  if (OrientationSwapsAxes(orientation) && turned && !same_way) orientation = 1;
+
+  if (image->type == LIBRAW_IMAGE_JPEG) {
+    std::unique_ptr<ImageDecoder> jpeg = CreateJpegDecoder();
+    if (!jpeg) return Status::NotSupported("no JPEG decoder");
+    std::unique_ptr<ByteSource> source = ByteSource::FromMemory(image->data, image->data_size);
+    Bitmap bitmap;
+    Status status = jpeg->Decode(source.get(), cx, &bitmap);
+    if (!status.ok()) return status;
+    if (orientation != 1) {
+      status = ApplyExifOrientation(orientation, &bitmap);
+      if (!status.ok()) return status;
+    }
+    *out = std::move(bitmap);
+    return Status::OK();
+  }
+  return ReduceMemImage(*image, cx, orientation, out);
+}
+
+Status Develop(LibRaw* raw, uint32_t cx, Bitmap* out) {
+  const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
+  // Unpacked raw data (16-bit) plus the half-size working image (4 x 16-bit)
+  // plus the 8-bit output.
+  const uint64_t raw_samples = raw->imgdata.idata.filters != 0 ? 1 : 4;
+  const uint64_t raw_bytes = uint64_t{sizes.raw_width} * sizes.raw_height * 2 * raw_samples;
+  const uint64_t work_bytes = uint64_t{sizes.width} * sizes.height * 2 + uint64_t{sizes.width} * sizes.height;
+  if (!WithinDecodeBudget(raw_bytes + work_bytes)) return Status::InvalidArgument("RAW too large to develop");
+  raw->imgdata.params.half_size = 1;
+  raw->imgdata.params.use_camera_wb = 1;
+  raw->imgdata.params.output_color = 1;  // sRGB
+  raw->imgdata.params.output_bps = 8;
+  if (raw->unpack() != LIBRAW_SUCCESS) return Status::InvalidArgument("RAW data unreadable");
+  if (raw->dcraw_process() != LIBRAW_SUCCESS) return Status::InvalidArgument("RAW develop failed");
+  int error = 0;
+  MemImagePtr image(raw->dcraw_make_mem_image(&error));
+  if (!image) return Status::Internal("RAW develop output");
+  // LibRaw has applied the flip already.
+  return ReduceMemImage(*image, cx, 1, out);
+}
+
+class RawDecoder : public ImageDecoder {
+ public:
+  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    return DecodeCameraRaw(source, cx, false, out);
+  }
+};
+
+}  // namespace
+
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out) {
+  std::string bytes;
+  const uint8_t* data = source->contiguous_data();
+  size_t size = static_cast<size_t>(source->size());
+  if (data == nullptr) {
+    Status status = source->ReadAll(kMaxRawFileBytes, &bytes);
+    if (!status.ok()) return status;
+    data = reinterpret_cast<const uint8_t*>(bytes.data());
+    size = bytes.size();
+  }
+  std::unique_ptr<LibRaw> raw(new (std::nothrow) LibRaw(LIBRAW_OPTIONS_NONE));
+  if (!raw) return Status::Internal("out of memory");
+  // LibRaw takes a non-const pointer but only reads through it.
+  if (raw->open_buffer(const_cast<uint8_t*>(data), size) != LIBRAW_SUCCESS) {
+    return Status::InvalidArgument("not a camera RAW file");
+  }
+  const libraw_iparams_t& idata = raw->imgdata.idata;
+  // A TIFF that merely names its maker (scanners, camera-made TIFFs) is no
+  // RAW: it has neither a colour filter array nor a DNG version.
+  if (tiff_container && idata.dng_version == 0 && idata.filters == 0) {
+    return Status::NotSupported("TIFF without RAW data");
+  }
+  const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
+  if (!WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {
+    return ImageTooLargeError(sizes.raw_width, sizes.raw_height);
+  }
+  Status status = DecodePreview(raw.get(), cx, out);
+  if (status.ok()) return status;
+  LOG_DEBUG(kLogComponent, "RAW preview not used (%s); developing", status.ToString().c_str());
+  return Develop(raw.get(), cx, out);
+}
+
+std::unique_ptr<ImageDecoder> CreateRawDecoder() { return std::make_unique<RawDecoder>(); }
+
+}  // namespace image
+}  // namespace tessera

@@ -1,0 +1,26 @@
+// Camera RAW decoding, shared by the RAW decoder and the TIFF decoder (most
+// RAW formats are TIFF-shaped). Internal to lib/image.
+#ifndef TESSERA_LIB_IMAGE_RAW_DECODER_H_
+#define TESSERA_LIB_IMAGE_RAW_DECODER_H_
+
+#include <cstdint>
+
+#include "lib/image/bitmap.h"
+#include "lib/image/byte-source.h"
+#include "lib/utility/status.h"
+
+namespace tessera {
+namespace image {
+
+// Decodes a camera RAW file as the RAW decoder does: the embedded preview
+// when it is large enough, else a half-size develop; upright, sRGB, longer
+// side at most cx. With tiff_container set, a file LibRaw opens but that
+// carries no RAW data (no colour filter array, not a DNG) is refused with
+// NotSupported so that the caller can read it as a plain TIFF. *out is
+// untouched on failure. Thread-safe (each call has its own LibRaw object).
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out);
+
+}  // namespace image
+}  // namespace tessera
+
+#endif  // TESSERA_LIB_IMAGE_RAW_DECODER_H_
