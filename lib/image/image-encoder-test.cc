@@ -1,0 +1,186 @@
+#include "lib/image/image-encoder.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <jpeglib.h>
+#include <spng.h>
+
+#include "gtest/gtest.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+class ImageEncoderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* base = std::getenv("TESSERA_TEST_TMPDIR");
+    std::string root = base != nullptr && *base != '\0' ? base : "/tmp";
+    ::mkdir(root.c_str(), 0700);
+    std::string pattern = root + "/image-encoder-XXXXXX";
+    ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    for (const std::string& path : written_) std::remove(path.c_str());
+    ::rmdir(dir_.c_str());
+  }
+  std::string Path(const std::string& name) {
+    written_.push_back(dir_ + "/" + name);
+    return written_.back();
+  }
+
+  std::string dir_;
+  std::vector<std::string> written_;
+};
+
+// Left half one colour, right half another (BGRA).
+Bitmap TwoTone(int width, int height) {
+  Bitmap bitmap;
+  EXPECT_TRUE(Bitmap::Create(width, height, &bitmap).ok());
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      uint8_t* p = bitmap.row(y) + x * 4;
+      const bool left = x < width / 2;
+      p[0] = left ? 200 : 30;   // blue
+      p[1] = left ? 40 : 160;   // green
+      p[2] = left ? 10 : 220;   // red
+      p[3] = static_cast<uint8_t>(x);  // alpha must not matter
+    }
+  }
+  return bitmap;
+}
+
+struct DecodedJpeg {
+  int width = 0;
+  int height = 0;
+  int luma_h = 0, luma_v = 0, chroma_h = 0, chroma_v = 0;
+  bool has_app1_or_app2 = false;
+  double mean_rgb[3] = {0, 0, 0};
+};
+
+// Decodes with libjpeg's default error handling: a broken file ends the
+// test binary, which is as good as a failure here.
+DecodedJpeg DecodeJpeg(const std::string& path) {
+  DecodedJpeg result;
+  FILE* file = std::fopen(path.c_str(), "rb");
+  EXPECT_NE(file, nullptr);
+  if (file == nullptr) return result;
+  jpeg_decompress_struct cinfo;
+  jpeg_error_mgr err;
+  cinfo.err = jpeg_std_error(&err);
+  jpeg_create_decompress(&cinfo);
+  jpeg_stdio_src(&cinfo, file);
+  jpeg_save_markers(&cinfo, JPEG_APP0 + 1, 0xffff);
+  jpeg_save_markers(&cinfo, JPEG_APP0 + 2, 0xffff);
+  jpeg_read_header(&cinfo, TRUE);
+  for (jpeg_saved_marker_ptr m = cinfo.marker_list; m != nullptr; m = m->next) result.has_app1_or_app2 = true;
+  result.luma_h = cinfo.comp_info[0].h_samp_factor;
+  result.luma_v = cinfo.comp_info[0].v_samp_factor;
+  result.chroma_h = cinfo.comp_info[1].h_samp_factor;
+  result.chroma_v = cinfo.comp_info[1].v_samp_factor;
+  cinfo.out_color_space = JCS_RGB;
+  jpeg_start_decompress(&cinfo);
+  result.width = static_cast<int>(cinfo.output_width);
+  result.height = static_cast<int>(cinfo.output_height);
+  std::vector<uint8_t> row(static_cast<size_t>(result.width) * 3);
+  while (cinfo.output_scanline < cinfo.output_height) {
+    JSAMPROW rows[1] = {row.data()};
+    jpeg_read_scanlines(&cinfo, rows, 1);
+    for (int x = 0; x < result.width; ++x) {
+      for (int c = 0; c < 3; ++c) result.mean_rgb[c] += row[x * 3 + c];
+    }
+  }
+  for (double& m : result.mean_rgb) m /= static_cast<double>(result.width) * result.height;
+  jpeg_finish_decompress(&cinfo);
+  jpeg_destroy_decompress(&cinfo);
+  std::fclose(file);
+  return result;
+}
+
+TEST_F(ImageEncoderTest, JpegRoundTripKeepsSizeAndColourWithoutMetadata) {
+  struct Case {
+    int width, height;
+    int luma_sampling;  // 1 = 4:4:4, 2 = 4:2:0
+  };
+  for (const Case& c : std::vector<Case>{{640, 360, 1}, {101, 640, 1}, {641, 20, 2}, {1280, 721, 2}}) {
+    const Bitmap bitmap = TwoTone(c.width, c.height);
+    const std::string path = Path("jpeg-" + std::to_string(c.width) + "x" + std::to_string(c.height));
+    ASSERT_TRUE(SaveJpeg(bitmap, path).ok());
+    const DecodedJpeg decoded = DecodeJpeg(path);
+    EXPECT_EQ(decoded.width, c.width);
+    EXPECT_EQ(decoded.height, c.height);
+    EXPECT_EQ(decoded.luma_h, c.luma_sampling) << c.width << "x" << c.height;
+    EXPECT_EQ(decoded.luma_v, c.luma_sampling) << c.width << "x" << c.height;
+    EXPECT_EQ(decoded.chroma_h, 1);
+    EXPECT_EQ(decoded.chroma_v, 1);
+    EXPECT_FALSE(decoded.has_app1_or_app2);
+    // Exact means of the two halves (red, green, blue).
+    const double left = static_cast<double>(c.width / 2) / c.width;
+    const double expected[3] = {10 * left + 220 * (1 - left), 40 * left + 160 * (1 - left),
+                                200 * left + 30 * (1 - left)};
+    for (int i = 0; i < 3; ++i) EXPECT_NEAR(decoded.mean_rgb[i], expected[i], 3.0) << i;
+  }
+}
+
+TEST_F(ImageEncoderTest, PngRoundTripIsExactRgb) {
+  const Bitmap bitmap = TwoTone(37, 11);
+  const std::string path = Path("image.png");
+  ASSERT_TRUE(SavePng(bitmap, path).ok());
+
+  std::ifstream in(path, std::ios::binary);
+  const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  spng_ctx* ctx = spng_ctx_new(0);
+  ASSERT_NE(ctx, nullptr);
+  ASSERT_EQ(spng_set_png_buffer(ctx, bytes.data(), bytes.size()), 0);
+  spng_ihdr ihdr;
+  ASSERT_EQ(spng_get_ihdr(ctx, &ihdr), 0);
+  EXPECT_EQ(ihdr.width, 37u);
+  EXPECT_EQ(ihdr.height, 11u);
+  EXPECT_EQ(ihdr.color_type, SPNG_COLOR_TYPE_TRUECOLOR);
+  EXPECT_EQ(ihdr.bit_depth, 8);
+  size_t size = 0;
+  ASSERT_EQ(spng_decoded_image_size(ctx, SPNG_FMT_RGB8, &size), 0);
+  std::vector<uint8_t> rgb(size);
+  ASSERT_EQ(spng_decode_image(ctx, rgb.data(), rgb.size(), SPNG_FMT_RGB8, 0), 0);
+  spng_ctx_free(ctx);
+  ASSERT_EQ(size, static_cast<size_t>(37 * 11 * 3));
+  for (int y = 0; y < 11; ++y) {
+    for (int x = 0; x < 37; ++x) {
+      const uint8_t* src = bitmap.row(y) + x * 4;
+      const uint8_t* out = rgb.data() + (y * 37 + x) * 3;
+      ASSERT_EQ(out[0], src[2]);
+      ASSERT_EQ(out[1], src[1]);
+      ASSERT_EQ(out[2], src[0]);
+    }
+  }
+}
+
+TEST_F(ImageEncoderTest, FailuresAreReportedNotFatal) {
+  const Bitmap bitmap = TwoTone(64, 64);
+  const std::string missing_dir = dir_ + "/no-such-dir/out";
+  EXPECT_EQ(SaveJpeg(bitmap, missing_dir).code(), Status::Code::kIoError);
+  EXPECT_EQ(SavePng(bitmap, missing_dir).code(), Status::Code::kIoError);
+  EXPECT_EQ(SaveJpeg(Bitmap(), Path("empty")).code(), Status::Code::kInvalidArgument);
+  // A device that is always full: the write error surfaces through libjpeg's
+  // error handler and through the final flush.
+  if (::access("/dev/full", W_OK) == 0) {
+    EXPECT_FALSE(SaveJpeg(TwoTone(800, 600), "/dev/full").ok());
+    EXPECT_FALSE(SavePng(TwoTone(800, 600), "/dev/full").ok());
+  }
+  // The encoder is usable again after a failure.
+  EXPECT_TRUE(SaveJpeg(bitmap, Path("after-failure")).ok());
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace tessera
