@@ -1,0 +1,146 @@
+// WebP: still images decoded straight at the thumbnail size (libwebp scales
+// while decoding); animations give their first frame composited on the
+// canvas. ICC and EXIF chunks are honoured.
+#include <webp/decode.h>
+#include <webp/demux.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "lib/image/area-resample.h"
+#include "lib/image/color-profile.h"
+#include "lib/image/decoders.h"
+#include "lib/image/exif-orientation.h"
+#include "lib/image/limits.h"
+#include "lib/image/reducing-sink.h"
+#include "lib/image/transform.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+// WebP has to be in memory whole; the format itself stops at 4 GiB.
+constexpr size_t kMaxWebpFileBytes = size_t{256} << 20;
+
+struct DemuxDeleter {
+  void operator()(WebPDemuxer* demux) const { WebPDemuxDelete(demux); }
+};
+struct AnimDecoderDeleter {
+  void operator()(WebPAnimDecoder* decoder) const { WebPAnimDecoderDelete(decoder); }
+};
+struct DecBufferFreer {
+  void operator()(WebPDecBuffer* buffer) const { WebPFreeDecBuffer(buffer); }
+};
+
+// First frame of an animation on its canvas, at full size.
+Status DecodeFirstFrame(const WebPData& data, int canvas_width, int canvas_height, Bitmap* out) {
+  WebPAnimDecoderOptions options;
+  if (!WebPAnimDecoderOptionsInit(&options)) return Status::Internal("libwebp version");
+  options.color_mode = MODE_BGRA;
+  options.use_threads = 0;
+  std::unique_ptr<WebPAnimDecoder, AnimDecoderDeleter> decoder(WebPAnimDecoderNew(&data, &options));
+  if (!decoder) return Status::InvalidArgument("broken animated WebP");
+  uint8_t* pixels = nullptr;
+  int timestamp = 0;
+  if (!WebPAnimDecoderGetNext(decoder.get(), &pixels, &timestamp) || pixels == nullptr) {
+    return Status::InvalidArgument("animated WebP without a frame");
+  }
+  Bitmap bitmap;
+  Status status = Bitmap::Create(canvas_width, canvas_height, &bitmap);
+  if (!status.ok()) return status;
+  std::memcpy(bitmap.data(), pixels, bitmap.byte_size());
+  *out = std::move(bitmap);
+  return Status::OK();
+}
+
+// A still image, scaled while decoding to fit cx.
+Status DecodeStill(const WebPData& data, int width, int height, uint32_t cx, Bitmap* out) {
+  int dst_width = 0;
+  int dst_height = 0;
+  FitWithin(width, height, cx, &dst_width, &dst_height);
+  Bitmap bitmap;
+  Status status = Bitmap::Create(dst_width, dst_height, &bitmap);
+  if (!status.ok()) return status;
+  WebPDecoderConfig config;
+  if (!WebPInitDecoderConfig(&config)) return Status::Internal("libwebp version");
+  std::unique_ptr<WebPDecBuffer, DecBufferFreer> buffer_guard(&config.output);
+  if (dst_width != width || dst_height != height) {
+    config.options.use_scaling = 1;
+    config.options.scaled_width = dst_width;
+    config.options.scaled_height = dst_height;
+  }
+  config.output.colorspace = MODE_BGRA;
+  config.output.is_external_memory = 1;
+  config.output.u.RGBA.rgba = bitmap.data();
+  config.output.u.RGBA.stride = static_cast<int>(bitmap.stride());
+  config.output.u.RGBA.size = bitmap.byte_size();
+  if (WebPDecode(data.bytes, data.size, &config) != VP8_STATUS_OK) {
+    return Status::InvalidArgument("broken WebP");
+  }
+  *out = std::move(bitmap);
+  return Status::OK();
+}
+
+class WebpDecoder : public ImageDecoder {
+ public:
+  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    std::string bytes;
+    Status status = source->ReadAll(kMaxWebpFileBytes, &bytes);
+    if (!status.ok()) return status;
+    const WebPData data = {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()};
+    std::unique_ptr<WebPDemuxer, DemuxDeleter> demux(WebPDemux(&data));
+    if (!demux) return Status::InvalidArgument("not a readable WebP");
+    const uint32_t flags = WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS);
+    const uint32_t canvas_width = WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH);
+    const uint32_t canvas_height = WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT);
+    if (!WithinPixelLimits(canvas_width, canvas_height)) return ImageTooLargeError(canvas_width, canvas_height);
+
+    int orientation = 1;
+    WebPChunkIterator chunk;
+    if ((flags & EXIF_FLAG) && WebPDemuxGetChunk(demux.get(), "EXIF", 1, &chunk)) {
+      orientation = ExifOrientation(chunk.chunk.bytes, chunk.chunk.size);
+      WebPDemuxReleaseChunkIterator(&chunk);
+    }
+    ColorTransform transform;
+    if ((flags & ICCP_FLAG) && WebPDemuxGetChunk(demux.get(), "ICCP", 1, &chunk)) {
+      transform = ColorTransform::FromIcc(chunk.chunk.bytes, chunk.chunk.size, PixelLayout::kBgra8);
+      WebPDemuxReleaseChunkIterator(&chunk);
+    }
+
+    Bitmap bitmap;
+    if (flags & ANIMATION_FLAG) {
+      if (!WithinDecodeBudget(uint64_t{canvas_width} * canvas_height * 4 * 2)) {
+        return Status::InvalidArgument("WebP canvas too large to decode");
+      }
+      Bitmap canvas;
+      status = DecodeFirstFrame(data, canvas_width, canvas_height, &canvas);
+      if (!status.ok()) return status;
+      FlattenOverWhite(canvas.data(), static_cast<size_t>(canvas.width()) * canvas.height());
+      int dst_width = 0;
+      int dst_height = 0;
+      FitWithin(canvas.width(), canvas.height(), cx, &dst_width, &dst_height);
+      status = AreaResample(canvas, dst_width, dst_height, &bitmap);
+    } else {
+      status = DecodeStill(data, canvas_width, canvas_height, cx, &bitmap);
+      if (status.ok()) FlattenOverWhite(bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
+    }
+    if (!status.ok()) return status;
+    if (!transform.is_identity()) {
+      transform.Apply(bitmap.data(), bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
+    }
+    if (orientation != 1) {
+      status = ApplyExifOrientation(orientation, &bitmap);
+      if (!status.ok()) return status;
+    }
+    *out = std::move(bitmap);
+    return Status::OK();
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ImageDecoder> CreateWebpDecoder() { return std::make_unique<WebpDecoder>(); }
+
+}  // namespace image
+}  // namespace tessera
