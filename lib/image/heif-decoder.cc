@@ -1,0 +1,138 @@
+// HEIF/HEIC: the primary image, or its embedded thumbnail when that is large
+// enough and of the same shape. libheif applies the file's own transforms
+// (rotation, mirror, crop); EXIF orientation is never applied on top.
+#include <libheif/heif.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib/image/area-resample.h"
+#include "lib/image/color-profile.h"
+#include "lib/image/decoders.h"
+#include "lib/image/limits.h"
+#include "lib/image/reducing-sink.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+constexpr size_t kMaxHeifFileBytes = size_t{256} << 20;
+
+struct ContextFreer {
+  void operator()(heif_context* context) const { heif_context_free(context); }
+};
+struct HandleReleaser {
+  void operator()(heif_image_handle* handle) const { heif_image_handle_release(handle); }
+};
+struct ImageReleaser {
+  void operator()(heif_image* image) const { heif_image_release(image); }
+};
+using HandlePtr = std::unique_ptr<heif_image_handle, HandleReleaser>;
+
+// The smallest thumbnail whose longer side is at least cx and whose aspect
+// (after transforms) is within 1% of the primary's, or nullptr.
+HandlePtr ChooseThumbnail(heif_image_handle* primary, uint32_t cx) {
+  const int count = heif_image_handle_get_number_of_thumbnails(primary);
+  if (count <= 0) return nullptr;
+  std::vector<heif_item_id> ids(static_cast<size_t>(std::min(count, 16)));
+  heif_image_handle_get_list_of_thumbnail_IDs(primary, ids.data(), static_cast<int>(ids.size()));
+  const double aspect = static_cast<double>(heif_image_handle_get_width(primary)) /
+                        std::max(1, heif_image_handle_get_height(primary));
+  HandlePtr best;
+  int best_longer = 0;
+  for (heif_item_id id : ids) {
+    heif_image_handle* raw = nullptr;
+    if (heif_image_handle_get_thumbnail(primary, id, &raw).code != heif_error_Ok) continue;
+    HandlePtr thumb(raw);
+    const int w = heif_image_handle_get_width(thumb.get());
+    const int h = heif_image_handle_get_height(thumb.get());
+    const int longer = std::max(w, h);
+    if (w <= 0 || h <= 0 || static_cast<uint32_t>(longer) < cx) continue;
+    if (std::fabs(static_cast<double>(w) / h - aspect) > 0.01 * aspect) continue;
+    if (!best || longer < best_longer) {
+      best = std::move(thumb);
+      best_longer = longer;
+    }
+  }
+  return best;
+}
+
+ColorTransform TransformFor(heif_image_handle* handle) {
+  const heif_color_profile_type type = heif_image_handle_get_color_profile_type(handle);
+  if (type != heif_color_profile_type_prof && type != heif_color_profile_type_rICC) return ColorTransform();
+  const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
+  if (size == 0 || size > (size_t{16} << 20)) return ColorTransform();
+  std::vector<uint8_t> icc(size);
+  if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok) return ColorTransform();
+  return ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
+}
+
+class HeifDecoder : public ImageDecoder {
+ public:
+  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    std::string bytes;
+    Status status = source->ReadAll(kMaxHeifFileBytes, &bytes);
+    if (!status.ok()) return status;
+    std::unique_ptr<heif_context, ContextFreer> context(heif_context_alloc());
+    if (!context) return Status::Internal("libheif context");
+    heif_context_set_maximum_image_size_limit(context.get(), static_cast<int>(kMaxSide));
+    if (heif_context_read_from_memory_without_copy(context.get(), bytes.data(), bytes.size(), nullptr).code !=
+        heif_error_Ok) {
+      return Status::InvalidArgument("not a readable HEIF");
+    }
+    heif_image_handle* raw_handle = nullptr;
+    if (heif_context_get_primary_image_handle(context.get(), &raw_handle).code != heif_error_Ok) {
+      return Status::InvalidArgument("HEIF without a primary image");
+    }
+    HandlePtr primary(raw_handle);
+    const int width = heif_image_handle_get_width(primary.get());
+    const int height = heif_image_handle_get_height(primary.get());
+    if (width <= 0 || height <= 0 || !WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
+
+    HandlePtr thumbnail = ChooseThumbnail(primary.get(), cx);
+    heif_image_handle* handle = thumbnail ? thumbnail.get() : primary.get();
+    if (!WithinDecodeBudget(uint64_t(heif_image_handle_get_width(handle)) * heif_image_handle_get_height(handle) * 8)) {
+      return Status::InvalidArgument("HEIF image too large to decode");
+    }
+    heif_image* raw_image = nullptr;
+    if (heif_decode_image(handle, &raw_image, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code !=
+        heif_error_Ok) {
+      return Status::InvalidArgument("HEIF image undecodable");
+    }
+    std::unique_ptr<heif_image, ImageReleaser> image(raw_image);
+    const int w = heif_image_get_width(image.get(), heif_channel_interleaved);
+    const int h = heif_image_get_height(image.get(), heif_channel_interleaved);
+    int stride = 0;
+    const uint8_t* pixels = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
+    if (pixels == nullptr || w <= 0 || h <= 0 || stride < w * 4) return Status::InvalidArgument("HEIF image layout");
+
+    // The colour profile belongs to the primary image; thumbnails share it.
+    const ColorTransform transform = TransformFor(primary.get());
+    ReducingSink sink;
+    status = sink.Init(w, h, cx);
+    if (!status.ok()) return status;
+    std::vector<uint8_t> row(static_cast<size_t>(w) * 4);
+    for (int y = 0; y < h; ++y) {
+      const uint8_t* src = pixels + static_cast<size_t>(stride) * y;
+      for (int x = 0; x < w; ++x) {
+        row[x * 4 + 0] = src[x * 4 + 2];
+        row[x * 4 + 1] = src[x * 4 + 1];
+        row[x * 4 + 2] = src[x * 4 + 0];
+        row[x * 4 + 3] = src[x * 4 + 3];
+      }
+      if (!transform.is_identity()) transform.Apply(row.data(), row.data(), static_cast<size_t>(w));
+      sink.PushStraightRow(row.data());
+    }
+    return sink.Finish(1, out);
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ImageDecoder> CreateHeifDecoder() { return std::make_unique<HeifDecoder>(); }
+
+}  // namespace image
+}  // namespace tessera
