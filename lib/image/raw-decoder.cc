@@ -35,6 +35,10 @@ using MemImagePtr = std::unique_ptr<libraw_processed_image_t, MemImageFreer>;
 
 // LibRaw's flip (0, 3 = 180, 5 = 90 counter-clockwise, 6 = 90 clockwise) as
 // an EXIF orientation.
+// LibRaw prints data errors to stderr by default; a damaged RAW is an
+// expected input and stdout/stderr belong to the tool.
+void SilentDataError(void*, const char*, const int) {}
+
 int FlipToOrientation(int flip) {
   switch (flip) {
     case 3:
@@ -166,6 +170,7 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bit
   }
   std::unique_ptr<LibRaw> raw(new (std::nothrow) LibRaw(LIBRAW_OPTIONS_NONE));
   if (!raw) return Status::Internal("out of memory");
+  raw->set_dataerror_handler(SilentDataError, nullptr);
   // LibRaw takes a non-const pointer but only reads through it.
   if (raw->open_buffer(const_cast<uint8_t*>(data), size) != LIBRAW_SUCCESS) {
     return Status::InvalidArgument("not a camera RAW file");
