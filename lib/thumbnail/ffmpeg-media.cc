@@ -30,7 +30,7 @@ namespace {
 // are still-image demuxers: images are the image decoders' business.
 constexpr char kAllowedDemuxers[] =
     "mov,mp4,m4a,3gp,3g2,mj2,matroska,webm,avi,flv,asf,mpegts,mpeg,mpegvideo,"
-    "h264,hevc,m4v,ogg,mxf,nut,dv,ivf,rm,wtv,yuv4mpegpipe,mp3,flac";
+    "h264,hevc,m4v,ogg,mxf,nut,dv,ivf,rm,wtv,swf,yuv4mpegpipe,mp3,flac";
 
 // Containers without an index, where a seek has to search the file.
 constexpr const char* kSlowSeekDemuxers[] = {"mpegts", "mpeg", "mpegvideo", "h264", "hevc", "m4v"};

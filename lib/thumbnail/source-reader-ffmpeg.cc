@@ -112,7 +112,10 @@ class FfmpegMediaSource : public MediaSource {
 
   int32_t SetCurrentPosition(int64_t position_hns) override {
     file_->SetDeadline(kReadDeadline);
-    return file_->SeekTo(position_hns / kHnsPerUs);
+    const int error = file_->SeekTo(position_hns / kHnsPerUs);
+    sought_ = error >= 0;
+    frames_since_seek_ = 0;
+    return error;
   }
 
   int32_t ReadSample() override {
@@ -127,6 +130,14 @@ class FfmpegMediaSource : public MediaSource {
   void ReadOnThread() {
     ffmpeg::FramePtr frame(av_frame_alloc());
     int error = frame ? file_->DecodeNextFrame(frame.get()) : AVERROR(ENOMEM);
+    if (error == AVERROR_EOF && sought_ && frames_since_seek_ == 0) {
+      // Some demuxers without an index land past the last frame when the
+      // target lies near the end: read from the start instead, so that the
+      // reader still finds the last frame before the end.
+      sought_ = false;
+      if (file_->SeekTo(0) >= 0) error = file_->DecodeNextFrame(frame.get());
+    }
+    if (error >= 0) ++frames_since_seek_;
     if (error == AVERROR_EOF) {
       callback_->OnReadSample(0, 0, kStreamFlagEndOfStream, 0, nullptr);
       return;
@@ -152,6 +163,8 @@ class FfmpegMediaSource : public MediaSource {
   MediaSourceCallback* callback_ = nullptr;  // one reference held
   int width_ = 0;
   int height_ = 0;
+  bool sought_ = false;
+  int frames_since_seek_ = 0;
   std::thread thread_;
 };
 

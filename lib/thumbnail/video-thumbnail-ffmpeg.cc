@@ -36,8 +36,10 @@ bool IsHdrTransfer(int transfer) {
 }
 
 // Maps a PQ or HLG frame to BT.709 SDR BGRA: linear light, BT.709
-// primaries, a filmic curve (no desaturation, so colours keep their hue),
-// then the BT.709 transfer.
+// primaries, a curve that keeps mid-tones and rolls off highlights (no
+// desaturation, so colours keep their hue),
+// then the BT.709 transfer. (A filmic curve such as hable leaves
+// reference white far too dark.)
 Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
   GraphPtr graph(avfilter_graph_alloc());
   if (!graph) return Status::Internal("avfilter_graph_alloc failed");
@@ -68,7 +70,7 @@ Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
   inputs->name = av_strdup("out");
   inputs->filter_ctx = sink;
   const char* chain =
-      "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=hable:desat=0,"
+      "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=mobius:desat=0,"
       "zscale=t=bt709:m=bt709:r=pc,format=gbrp,scale,format=bgra";
   error = avfilter_graph_parse_ptr(graph.get(), chain, &inputs, &outputs, nullptr);
   avfilter_inout_free(&outputs);

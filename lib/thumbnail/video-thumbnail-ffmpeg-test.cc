@@ -1,0 +1,211 @@
+// The FFmpeg frame reader and video thumbnails on clips made at test time
+// with the ffmpeg command.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+#include "lib/thumbnail/source-reader.h"
+#include "lib/thumbnail/testing/video-test-files.h"
+#include "lib/thumbnail/video-thumbnail.h"
+#include "lib/utility/text-conversion.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+using testing_util::IsBluish;
+using testing_util::IsReddish;
+using testing_util::ReadJpeg;
+using testing_util::RgbImage;
+using testing_util::RunFfmpeg;
+using testing_util::ScratchDir;
+
+// Blue 64x48 frames with a red 16x12 block at the top left.
+const char kMarked[] = "-f lavfi -i color=c=blue:s=64x48:r=10:d=2,drawbox=x=0:y=0:w=16:h=12:color=red:t=fill ";
+const char kH264[] = "-c:v libx264 -preset ultrafast -pix_fmt yuv420p ";
+
+// Sets the display matrix of the first track of an MP4 to a clockwise turn.
+bool SetMp4Rotation(const std::string& path, int clockwise_degrees, int width, int height) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  const size_t tkhd = bytes.find("tkhd");
+  if (tkhd == std::string::npos || bytes[tkhd + 4] != 0) return false;  // version 0 only
+  const int32_t one = 0x10000;
+  int32_t m[9] = {one, 0, 0, 0, one, 0, 0, 0, 0x40000000};
+  if (clockwise_degrees == 90) {
+    const int32_t r[9] = {0, one, 0, -one, 0, 0, height * one, 0, 0x40000000};
+    std::memcpy(m, r, sizeof(m));
+  } else if (clockwise_degrees == 180) {
+    const int32_t r[9] = {-one, 0, 0, 0, -one, 0, width * one, height * one, 0x40000000};
+    std::memcpy(m, r, sizeof(m));
+  }
+  std::string encoded;
+  for (int32_t v : m) {
+    const uint32_t u = static_cast<uint32_t>(v);
+    encoded += {static_cast<char>(u >> 24), static_cast<char>(u >> 16), static_cast<char>(u >> 8),
+                static_cast<char>(u)};
+  }
+  file.seekp(static_cast<std::streamoff>(tkhd + 44));
+  file.write(encoded.data(), static_cast<std::streamsize>(encoded.size()));
+  return static_cast<bool>(file);
+}
+
+// Mean brightness and saturation (0..1) of a BGRA bitmap.
+void MeanLightAndSaturation(const image::Bitmap& bitmap, double* light, double* saturation) {
+  double sum_light = 0, sum_saturation = 0;
+  const size_t pixels = static_cast<size_t>(bitmap.width()) * bitmap.height();
+  for (size_t i = 0; i < pixels; ++i) {
+    const uint8_t* p = bitmap.data() + i * 4;
+    const int high = std::max({p[0], p[1], p[2]});
+    const int low = std::min({p[0], p[1], p[2]});
+    sum_light += high / 255.0;
+    sum_saturation += high == 0 ? 0 : (high - low) / static_cast<double>(high);
+  }
+  *light = sum_light / pixels;
+  *saturation = sum_saturation / pixels;
+}
+
+const uint8_t* Pixel(const image::Bitmap& bitmap, int x, int y) { return bitmap.row(y) + x * 4; }
+bool RedBgra(const uint8_t* p) { return p[2] > 150 && p[1] < 90 && p[0] < 90; }
+bool BlueBgra(const uint8_t* p) { return p[0] > 150 && p[1] < 90 && p[2] < 90; }
+
+class VideoFfmpegTest : public ::testing::Test {
+ protected:
+  std::string ExportMessage(const std::string& source, const std::string& output) {
+    try {
+      SourceReader reader(utility::UTF8ToUTF16(source));
+      reader.ExportFrame(utility::UTF8ToUTF16(output), 1);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "";
+  }
+  ScratchDir dir_;
+};
+
+TEST_F(VideoFfmpegTest, ExportsUprightFramesOfRotatedClips) {
+  struct Case {
+    int rotation, width, height, marker_x, marker_y;
+  };
+  for (const Case& c : {Case{0, 64, 48, 4, 4}, Case{90, 48, 64, 43, 4}, Case{180, 64, 48, 59, 43}}) {
+    SCOPED_TRACE(c.rotation);
+    const std::string clip = dir_.File("clip.mp4");
+    ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
+    if (c.rotation != 0) ASSERT_TRUE(SetMp4Rotation(clip, c.rotation, 64, 48));
+
+    const std::string frame = dir_.File("frame.jpg");
+    ASSERT_EQ("", ExportMessage(clip, frame));
+    RgbImage image;
+    ASSERT_TRUE(ReadJpeg(frame, &image));
+    EXPECT_EQ(c.width, image.width);
+    EXPECT_EQ(c.height, image.height);
+    EXPECT_TRUE(IsReddish(image.At(c.marker_x, c.marker_y)));
+    EXPECT_TRUE(IsBluish(image.At(image.width / 2, image.height / 2)));
+
+    image::Bitmap thumb;
+    ASSERT_TRUE(ExtractVideoThumbnail(clip, 32, &thumb).ok());
+    EXPECT_EQ(c.width / 2, thumb.width());
+    EXPECT_EQ(c.height / 2, thumb.height());
+    EXPECT_TRUE(RedBgra(Pixel(thumb, c.marker_x / 2, c.marker_y / 2)));
+  }
+}
+
+TEST_F(VideoFfmpegTest, ReadsVp9AndShortClipsAndStretchesNonSquarePixels) {
+  const std::string webm = dir_.File("clip.webm");
+  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-c:v libvpx-vp9 -deadline realtime -cpu-used 8 '" + webm + "'"));
+  EXPECT_TRUE(IsVideoContent(webm));
+  EXPECT_EQ("", ExportMessage(webm, dir_.File("vp9.jpg")));
+  image::Bitmap thumb;
+  ASSERT_TRUE(ExtractVideoThumbnail(webm, 640, &thumb).ok());
+  EXPECT_EQ(64, thumb.width());  // never enlarged
+  EXPECT_TRUE(BlueBgra(Pixel(thumb, 40, 30)));
+
+  const std::string short_clip = dir_.File("short.mp4");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=64x48:r=10:d=0.5 " + std::string(kH264) + "'" + short_clip + "'"));
+  EXPECT_EQ("", ExportMessage(short_clip, dir_.File("short.jpg")));
+  ASSERT_TRUE(ExtractVideoThumbnail(short_clip, 64, &thumb).ok());
+  EXPECT_TRUE(RedBgra(Pixel(thumb, 32, 24)));
+
+  const std::string anamorphic = dir_.File("sar.mp4");
+  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-vf setsar=2 " + kH264 + "'" + anamorphic + "'"));
+  ASSERT_TRUE(ExtractVideoThumbnail(anamorphic, 256, &thumb).ok());
+  EXPECT_EQ(128, thumb.width());
+  EXPECT_EQ(48, thumb.height());
+}
+
+TEST_F(VideoFfmpegTest, CoverArtCountsAsVideoButPlainAudioDoesNot) {
+  const std::string cover = dir_.File("cover.png");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=40x40 -frames:v 1 '" + cover + "'"));
+  const std::string with_art = dir_.File("art.m4a");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i sine=d=1 -i '" + cover + "' -map 0 -map 1 -c:a aac -c:v png "
+                        "-disposition:v attached_pic '" + with_art + "'"));
+  EXPECT_TRUE(IsVideoContent(with_art));
+  image::Bitmap thumb;
+  ASSERT_TRUE(ExtractVideoThumbnail(with_art, 20, &thumb).ok());
+  EXPECT_EQ(20, thumb.width());
+  EXPECT_TRUE(RedBgra(Pixel(thumb, 10, 10)));
+
+  const std::string plain = dir_.File("plain.m4a");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i sine=d=1 -c:a aac '" + plain + "'"));
+  EXPECT_FALSE(IsVideoContent(plain));
+  EXPECT_EQ(Status::Code::kNotSupported, ExtractVideoThumbnail(plain, 20, &thumb).code());
+  EXPECT_NE("", ExportMessage(plain, dir_.File("plain.jpg")));
+}
+
+TEST_F(VideoFfmpegTest, RefusesListsImagesMissingAndDamagedFiles) {
+  const std::string clip = dir_.File("clip.mp4");
+  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
+  std::ofstream(dir_.File("list.ffconcat")) << "ffconcat version 1.0\nfile 'clip.mp4'\n";
+  std::ofstream(dir_.File("list.m3u8")) << "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\nclip.mp4\n#EXT-X-ENDLIST\n";
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=40x40 -frames:v 1 '" + dir_.File("still.jpg") + "'"));
+  for (const char* name : {"list.ffconcat", "list.m3u8", "still.jpg", "missing.mp4"}) {
+    SCOPED_TRACE(name);
+    EXPECT_FALSE(IsVideoContent(dir_.File(name)));
+    image::Bitmap thumb;
+    EXPECT_FALSE(ExtractVideoThumbnail(dir_.File(name), 32, &thumb).ok());
+    EXPECT_TRUE(thumb.empty());
+  }
+  image::Bitmap thumb;
+  EXPECT_EQ(Status::Code::kNotFound, ExtractVideoThumbnail(dir_.File("missing.mp4"), 32, &thumb).code());
+  EXPECT_EQ("Failed to create source reader", ExportMessage(dir_.File("list.m3u8"), dir_.File("x.jpg")));
+
+  // Every prefix of a clip fails cleanly or gives a picture; none crashes.
+  std::ifstream in(clip, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  for (size_t length : {size_t{0}, size_t{100}, bytes.size() / 3, bytes.size() - 7}) {
+    const std::string cut = dir_.File("cut.mp4");
+    std::ofstream(cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(length));
+    Status status = ExtractVideoThumbnail(cut, 32, &thumb);
+    if (status.ok()) EXPECT_LE(thumb.width(), 32);
+    ExportMessage(cut, dir_.File("cut.jpg"));
+  }
+}
+
+TEST_F(VideoFfmpegTest, HlgVideoIsToneMappedNotWashedOutAndRefusedByTheFrameReader) {
+  // The same colour bars as SDR H.264 and as 10-bit HLG BT.2020 HEVC.
+  const std::string bars = "-f lavfi -i smptebars=s=64x48:r=10:d=2 ";
+  const std::string sdr = dir_.File("sdr.mp4");
+  const std::string hdr = dir_.File("hdr.mp4");
+  ASSERT_TRUE(RunFfmpeg(bars + kH264 + "-colorspace bt709 -color_primaries bt709 -color_trc bt709 '" + sdr + "'"));
+  ASSERT_TRUE(RunFfmpeg(bars +
+                        "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=arib-std-b67:m=bt2020nc:p=bt2020,"
+                        "format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params log-level=none "
+                        "-colorspace bt2020nc -color_primaries bt2020 -color_trc arib-std-b67 '" + hdr + "'"));
+  image::Bitmap sdr_thumb, hdr_thumb;
+  ASSERT_TRUE(ExtractVideoThumbnail(sdr, 64, &sdr_thumb).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(hdr, 64, &hdr_thumb).ok());
+  double sdr_light, sdr_saturation, hdr_light, hdr_saturation;
+  MeanLightAndSaturation(sdr_thumb, &sdr_light, &sdr_saturation);
+  MeanLightAndSaturation(hdr_thumb, &hdr_light, &hdr_saturation);
+  EXPECT_GT(hdr_saturation, 0.75 * sdr_saturation);
+  EXPECT_NEAR(hdr_light, sdr_light, 0.2);
+
+  EXPECT_EQ("HDR video is not supported", ExportMessage(hdr, dir_.File("hdr.jpg")));
+}
+
+}  // namespace
+}  // namespace thumbnail
+}  // namespace tessera
