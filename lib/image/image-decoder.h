@@ -44,6 +44,12 @@ class ImageDecoder {
 // The decoder for a format, or nullptr when none is built in.
 std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format);
 
+// The status with which every decoder refuses a declared size over the limits
+// of limits.h, so that callers can tell "too large" from other refusals
+// (it is an InvalidArgument status).
+Status ImageTooLargeError(uint64_t width, uint64_t height);
+bool IsImageTooLarge(const Status& status);
+
 }  // namespace image
 }  // namespace tessera
 

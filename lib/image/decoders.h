@@ -1,0 +1,35 @@
+// Factories of the built-in decoders, one per format, for the dispatch in
+// image-decoder.cc. Internal to lib/image: the provider goes through
+// CreateImageDecoder().
+//
+// Each factory returns a new decoder (owned by the caller) that holds no
+// state between Decode() calls, or nullptr when the format is not built in.
+#ifndef TESSERA_LIB_IMAGE_DECODERS_H_
+#define TESSERA_LIB_IMAGE_DECODERS_H_
+
+#include <cstdint>
+#include <memory>
+
+#include "lib/image/image-decoder.h"
+
+namespace tessera {
+namespace image {
+
+std::unique_ptr<ImageDecoder> CreateJpegDecoder();
+std::unique_ptr<ImageDecoder> CreatePngDecoder();
+std::unique_ptr<ImageDecoder> CreateTiffDecoder();
+std::unique_ptr<ImageDecoder> CreateGifDecoder();
+std::unique_ptr<ImageDecoder> CreateBmpDecoder();
+std::unique_ptr<ImageDecoder> CreateWebpDecoder();
+std::unique_ptr<ImageDecoder> CreateHeifDecoder();
+std::unique_ptr<ImageDecoder> CreateRawDecoder();
+
+// The JPEG decoder's shrink-on-load choice: the denominator (1, 2, 4 or 8)
+// of the largest DCT reduction that keeps the longer side of the scaled
+// image at least cx. Scaled sides are rounded up, as the codec does.
+int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx);
+
+}  // namespace image
+}  // namespace tessera
+
+#endif  // TESSERA_LIB_IMAGE_DECODERS_H_

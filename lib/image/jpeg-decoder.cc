@@ -1,0 +1,306 @@
+// JPEG decoding with libjpeg(-turbo): DCT scaling on load, scanlines streamed
+// through colour conversion into the area reducer, EXIF orientation last.
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <jpeglib.h>
+
+#include "lib/image/area-resample.h"
+#include "lib/image/color-profile.h"
+#include "lib/image/decoders.h"
+#include "lib/image/exif-orientation.h"
+#include "lib/image/limits.h"
+#include "lib/image/transform.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+constexpr size_t kInputChunk = 64 * 1024;
+// Progressive files can hold any number of scans, each a pass over the whole
+// coefficient buffer; a hostile file with thousands of them would take
+// minutes. Real encoders write about ten.
+constexpr int kMaxScans = 500;
+constexpr int kExifMarker = JPEG_APP0 + 1;
+constexpr int kIccMarker = JPEG_APP0 + 2;
+
+struct ErrorManager {
+  jpeg_error_mgr pub;
+  std::jmp_buf jump;
+};
+
+struct SourceManager {
+  jpeg_source_mgr pub;
+  ByteSource* source;
+  uint64_t offset;
+  JOCTET buffer[kInputChunk];
+};
+
+struct ProgressManager {
+  jpeg_progress_mgr pub;
+};
+
+void OnFatalError(j_common_ptr cinfo) {
+  std::longjmp(reinterpret_cast<ErrorManager*>(cinfo->err)->jump, 1);
+}
+
+// Warnings about corrupt data are expected for damaged files, which we decode
+// best-effort; nothing of the codec's chatter reaches standard error.
+void OnMessage(j_common_ptr /*cinfo*/, int /*msg_level*/) {}
+void OnOutputMessage(j_common_ptr /*cinfo*/) {}
+
+void OnProgress(j_common_ptr cinfo) {
+  if (cinfo->is_decompressor &&
+      reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxScans) {
+    OnFatalError(cinfo);
+  }
+}
+
+void InitSource(j_decompress_ptr /*cinfo*/) {}
+
+// Like libjpeg's stdio source: at the end of the data a fake EOI marker is
+// inserted, so a truncated file decodes with a grey remainder.
+boolean FillInputBuffer(j_decompress_ptr cinfo) {
+  auto* src = reinterpret_cast<SourceManager*>(cinfo->src);
+  int64_t got = src->source->ReadAt(src->offset, src->buffer, kInputChunk);
+  if (got <= 0) {
+    src->buffer[0] = 0xFF;
+    src->buffer[1] = JPEG_EOI;
+    got = 2;
+  } else {
+    src->offset += static_cast<uint64_t>(got);
+  }
+  src->pub.next_input_byte = src->buffer;
+  src->pub.bytes_in_buffer = static_cast<size_t>(got);
+  return TRUE;
+}
+
+void SkipInputData(j_decompress_ptr cinfo, long num_bytes) {
+  if (num_bytes <= 0) return;
+  auto* src = reinterpret_cast<SourceManager*>(cinfo->src);
+  const size_t skip = static_cast<size_t>(num_bytes);
+  if (skip <= src->pub.bytes_in_buffer) {
+    src->pub.next_input_byte += skip;
+    src->pub.bytes_in_buffer -= skip;
+    return;
+  }
+  src->offset += skip - src->pub.bytes_in_buffer;
+  src->pub.bytes_in_buffer = 0;
+  src->pub.next_input_byte = src->buffer;
+}
+
+void TermSource(j_decompress_ptr /*cinfo*/) {}
+
+// Owns one libjpeg decompressor. Every libjpeg call goes through Run(), the
+// only place with a setjmp; the steps it runs keep only trivially
+// destructible locals, so the error longjmp skips no destructor.
+class JpegReader {
+ public:
+  explicit JpegReader(ByteSource* source) {
+    std::memset(&cinfo_, 0, sizeof(cinfo_));
+    cinfo_.err = jpeg_std_error(&err_.pub);
+    err_.pub.error_exit = OnFatalError;
+    err_.pub.emit_message = OnMessage;
+    err_.pub.output_message = OnOutputMessage;
+    src_.pub.init_source = InitSource;
+    src_.pub.fill_input_buffer = FillInputBuffer;
+    src_.pub.skip_input_data = SkipInputData;
+    src_.pub.resync_to_restart = jpeg_resync_to_restart;
+    src_.pub.term_source = TermSource;
+    src_.pub.next_input_byte = nullptr;
+    src_.pub.bytes_in_buffer = 0;
+    src_.source = source;
+    src_.offset = 0;
+    progress_.pub.progress_monitor = OnProgress;
+  }
+  ~JpegReader() {
+    if (icc_ != nullptr) std::free(icc_);
+    if (created_) jpeg_destroy_decompress(&cinfo_);
+  }
+  JpegReader(const JpegReader&) = delete;
+  JpegReader& operator=(const JpegReader&) = delete;
+
+  jpeg_decompress_struct* cinfo() { return &cinfo_; }
+  const JOCTET* icc() const { return icc_; }
+  unsigned icc_size() const { return icc_size_; }
+
+  bool Create() { return Run(&JpegReader::DoCreate); }
+  bool ReadHeader() { return Run(&JpegReader::DoReadHeader); }
+  bool CalcOutputDimensions() { return Run(&JpegReader::DoCalcOutputDimensions); }
+  bool Start() { return Run(&JpegReader::DoStart); }
+  // Reads the next scanline into row.
+  bool ReadRow(JSAMPROW row) {
+    row_ = row;
+    return Run(&JpegReader::DoReadRow);
+  }
+
+ private:
+  bool Run(void (JpegReader::*step)()) {
+    if (setjmp(err_.jump)) return false;
+    (this->*step)();
+    return true;
+  }
+
+  void DoCreate() {
+    jpeg_create_decompress(&cinfo_);
+    created_ = true;
+    cinfo_.src = &src_.pub;
+    cinfo_.progress = &progress_.pub;
+    cinfo_.mem->max_memory_to_use = static_cast<long>(kMaxDecodeBytes);
+  }
+  void DoReadHeader() {
+    jpeg_save_markers(&cinfo_, kExifMarker, 0xFFFF);
+    jpeg_save_markers(&cinfo_, kIccMarker, 0xFFFF);
+    jpeg_read_header(&cinfo_, TRUE);
+    jpeg_read_icc_profile(&cinfo_, &icc_, &icc_size_);
+  }
+  void DoCalcOutputDimensions() { jpeg_calc_output_dimensions(&cinfo_); }
+  void DoStart() { jpeg_start_decompress(&cinfo_); }
+  void DoReadRow() {
+    JSAMPROW rows[1] = {row_};
+    if (jpeg_read_scanlines(&cinfo_, rows, 1) != 1) {
+      // Cannot happen with a source that never suspends; treat as an error.
+      std::longjmp(err_.jump, 1);
+    }
+  }
+
+  jpeg_decompress_struct cinfo_;
+  ErrorManager err_;
+  SourceManager src_;
+  ProgressManager progress_;
+  bool created_ = false;
+  JOCTET* icc_ = nullptr;
+  unsigned icc_size_ = 0;
+  JSAMPROW row_ = nullptr;
+};
+
+int OrientationFromMarkers(jpeg_decompress_struct* cinfo) {
+  for (jpeg_saved_marker_ptr m = cinfo->marker_list; m != nullptr; m = m->next) {
+    if (m->marker == kExifMarker && m->data_length >= 6 &&
+        std::memcmp(m->data, "Exif\0\0", 6) == 0) {
+      return ExifOrientation(m->data, m->data_length);
+    }
+  }
+  return 1;
+}
+
+// Memory libjpeg will need beyond its small fixed tables: the whole
+// coefficient buffer for progressive (multi-scan) files, plus a few rows.
+uint64_t EstimateDecodeBytes(const jpeg_decompress_struct& cinfo) {
+  uint64_t bytes = 0;
+  for (int i = 0; i < cinfo.num_components; ++i) {
+    const jpeg_component_info& comp = cinfo.comp_info[i];
+    const uint64_t blocks_wide = comp.width_in_blocks + static_cast<uint64_t>(comp.h_samp_factor);
+    const uint64_t blocks_high = comp.height_in_blocks + static_cast<uint64_t>(comp.v_samp_factor);
+    if (jpeg_has_multiple_scans(const_cast<jpeg_decompress_struct*>(&cinfo))) {
+      bytes += blocks_wide * blocks_high * sizeof(JBLOCK);
+    }
+    // Sample rows of the IDCT output and the upsampler.
+    bytes += blocks_wide * DCTSIZE * DCTSIZE * 4;
+  }
+  return bytes + static_cast<uint64_t>(cinfo.image_width) * 4 * 2;
+}
+
+class JpegDecoder : public ImageDecoder {
+ public:
+  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    std::unique_ptr<JpegReader> reader(new (std::nothrow) JpegReader(source));
+    if (!reader) return Status::Internal("out of memory");
+    if (!reader->Create()) return Status::Internal("cannot create a JPEG decompressor");
+    if (!reader->ReadHeader()) return Status::InvalidArgument("unreadable JPEG header");
+    jpeg_decompress_struct* cinfo = reader->cinfo();
+    if (!WithinPixelLimits(cinfo->image_width, cinfo->image_height)) {
+      return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
+    }
+    if (EstimateDecodeBytes(*cinfo) > kMaxDecodeBytes) {
+      return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
+    }
+
+    PixelLayout layout = PixelLayout::kBgra8;
+    int bytes_per_pixel = 4;
+    bool invert_cmyk = false;
+    if (cinfo->jpeg_color_space == JCS_CMYK || cinfo->jpeg_color_space == JCS_YCCK) {
+      cinfo->out_color_space = JCS_CMYK;
+      layout = PixelLayout::kCmyk8;
+      // Adobe applications write CMYK with 0 meaning full ink.
+      invert_cmyk = cinfo->saw_Adobe_marker;
+    } else if (cinfo->jpeg_color_space == JCS_GRAYSCALE && reader->icc() != nullptr) {
+      // Only a gray profile can describe gray samples.
+      cinfo->out_color_space = JCS_GRAYSCALE;
+      layout = PixelLayout::kGray8;
+      bytes_per_pixel = 1;
+    } else {
+      cinfo->out_color_space = JCS_EXT_BGRA;
+    }
+    cinfo->scale_num = 1;
+    cinfo->scale_denom = static_cast<unsigned>(
+        JpegScaleDenominator(cinfo->image_width, cinfo->image_height, cx));
+    // The area reduction that follows hides the difference.
+    if (cinfo->scale_denom > 1) cinfo->do_fancy_upsampling = FALSE;
+    if (!reader->CalcOutputDimensions()) return Status::InvalidArgument("bad JPEG parameters");
+
+    const int width = static_cast<int>(cinfo->output_width);
+    const int height = static_cast<int>(cinfo->output_height);
+    int dst_width = 0, dst_height = 0;
+    FitWithin(width, height, cx, &dst_width, &dst_height);
+    if (dst_width <= 0 || dst_height <= 0) return Status::InvalidArgument("empty thumbnail size");
+
+    const ColorTransform transform =
+        ColorTransform::FromIcc(reader->icc(), reader->icc_size(), layout);
+    const bool convert = layout != PixelLayout::kBgra8 || !transform.is_identity();
+
+    AreaReducer reducer;
+    Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
+    if (!status.ok()) return status;
+    std::vector<uint8_t> row, bgra;
+    try {
+      row.resize(static_cast<size_t>(width) * bytes_per_pixel);
+      if (convert) bgra.resize(static_cast<size_t>(width) * 4);
+    } catch (const std::bad_alloc&) {
+      return Status::Internal("out of memory for JPEG rows");
+    }
+
+    if (!reader->Start()) return Status::InvalidArgument("corrupt JPEG data");
+    for (int y = 0; y < height; ++y) {
+      if (!reader->ReadRow(row.data())) return Status::InvalidArgument("corrupt JPEG data");
+      if (invert_cmyk) {
+        for (uint8_t& v : row) v = static_cast<uint8_t>(255 - v);
+      }
+      if (convert) {
+        transform.Apply(row.data(), bgra.data(), static_cast<size_t>(width));
+        reducer.PushRow(bgra.data());
+      } else {
+        reducer.PushRow(row.data());
+      }
+    }
+
+    Bitmap bitmap;
+    status = reducer.Finish(&bitmap);
+    if (!status.ok()) return status;
+    status = ApplyExifOrientation(OrientationFromMarkers(cinfo), &bitmap);
+    if (!status.ok()) return status;
+    *out = std::move(bitmap);
+    return Status::OK();
+  }
+};
+
+}  // namespace
+
+int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
+  const uint64_t longer = width > height ? width : height;
+  for (uint64_t denom : {8, 4, 2}) {
+    if ((longer + denom - 1) / denom >= cx) return static_cast<int>(denom);
+  }
+  return 1;
+}
+
+std::unique_ptr<ImageDecoder> CreateJpegDecoder() {
+  return std::unique_ptr<ImageDecoder>(new JpegDecoder());
+}
+
+}  // namespace image
+}  // namespace tessera

@@ -1,0 +1,172 @@
+// PNG decoding with libspng: rows are decoded to RGBA8 one at a time and
+// streamed, flattened over white, into the area reducer, so memory follows
+// the output size. Interlaced (Adam7) images need the whole picture first.
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include <spng.h>
+
+#include "lib/image/area-resample.h"
+#include "lib/image/color-profile.h"
+#include "lib/image/decoders.h"
+#include "lib/image/exif-orientation.h"
+#include "lib/image/limits.h"
+#include "lib/image/transform.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+// Largest single chunk, and largest total of stored ancillary chunks (text,
+// profiles, EXIF). IDAT data is streamed and not bounded by these.
+constexpr size_t kMaxChunkBytes = size_t{64} << 20;
+constexpr size_t kMaxChunkCacheBytes = size_t{64} << 20;
+
+struct SpngFree {
+  void operator()(spng_ctx* ctx) const { spng_ctx_free(ctx); }
+};
+using SpngPtr = std::unique_ptr<spng_ctx, SpngFree>;
+
+struct StreamState {
+  ByteSource* source;
+  uint64_t offset;
+};
+
+int ReadStream(spng_ctx* /*ctx*/, void* user, void* dest, size_t length) {
+  auto* state = static_cast<StreamState*>(user);
+  const int64_t got = state->source->ReadAt(state->offset, dest, length);
+  if (got < 0) return SPNG_IO_ERROR;
+  if (static_cast<size_t>(got) != length) return SPNG_IO_EOF;
+  state->offset += length;
+  return 0;
+}
+
+Status SpngError(const char* what, int error) {
+  if (error == SPNG_EUSER_WIDTH || error == SPNG_EUSER_HEIGHT) {
+    return ImageTooLargeError(0, 0);
+  }
+  return Status::InvalidArgument(std::string(what) + ": " + spng_strerror(error));
+}
+
+// RGBA as decoded -> the provider's BGRA, sRGB, opaque over white.
+void ConvertRow(const ColorTransform& transform, uint8_t* pixels, size_t count) {
+  for (size_t i = 0; i < count; ++i) std::swap(pixels[4 * i], pixels[4 * i + 2]);
+  if (!transform.is_identity()) transform.Apply(pixels, pixels, count);
+  FlattenOverWhite(pixels, count);
+}
+
+class PngDecoder : public ImageDecoder {
+ public:
+  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    SpngPtr ctx(spng_ctx_new(0));
+    if (!ctx) return Status::Internal("cannot create a PNG decoder");
+    StreamState state{source, 0};
+    // Damaged checksums are common in files that otherwise decode fine.
+    spng_set_crc_action(ctx.get(), SPNG_CRC_USE, SPNG_CRC_USE);
+    spng_set_image_limits(ctx.get(), static_cast<uint32_t>(kMaxSide),
+                          static_cast<uint32_t>(kMaxSide));
+    spng_set_chunk_limits(ctx.get(), kMaxChunkBytes, kMaxChunkCacheBytes);
+    int error = spng_set_png_stream(ctx.get(), ReadStream, &state);
+    if (error != 0) return SpngError("PNG stream", error);
+
+    spng_ihdr ihdr;
+    error = spng_get_ihdr(ctx.get(), &ihdr);
+    if (error != 0) return SpngError("PNG header", error);
+    if (!WithinPixelLimits(ihdr.width, ihdr.height)) {
+      return ImageTooLargeError(ihdr.width, ihdr.height);
+    }
+    const int width = static_cast<int>(ihdr.width);
+    const int height = static_cast<int>(ihdr.height);
+
+    ColorTransform transform;
+    spng_iccp iccp;
+    if (spng_get_iccp(ctx.get(), &iccp) == 0) {
+      transform = ColorTransform::FromIcc(reinterpret_cast<const uint8_t*>(iccp.profile),
+                                          iccp.profile_len, PixelLayout::kBgra8);
+    }
+    int orientation = 1;
+    spng_exif exif;
+    if (spng_get_exif(ctx.get(), &exif) == 0) {
+      orientation = ExifOrientation(reinterpret_cast<const uint8_t*>(exif.data), exif.length);
+    }
+
+    int dst_width = 0, dst_height = 0;
+    FitWithin(width, height, cx, &dst_width, &dst_height);
+    if (dst_width <= 0 || dst_height <= 0) return Status::InvalidArgument("empty thumbnail size");
+    AreaReducer reducer;
+    Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
+    if (!status.ok()) return status;
+
+    const size_t row_bytes = static_cast<size_t>(width) * 4;
+    if (ihdr.interlace_method != SPNG_INTERLACE_NONE) {
+      status = DecodeInterlaced(ctx.get(), width, height, transform, &reducer);
+    } else {
+      status = DecodeRows(ctx.get(), row_bytes, height, transform, &reducer);
+    }
+    if (!status.ok()) return status;
+
+    Bitmap bitmap;
+    status = reducer.Finish(&bitmap);
+    if (!status.ok()) return status;
+    status = ApplyExifOrientation(orientation, &bitmap);
+    if (!status.ok()) return status;
+    *out = std::move(bitmap);
+    return Status::OK();
+  }
+
+ private:
+  static Status DecodeRows(spng_ctx* ctx, size_t row_bytes, int height,
+                           const ColorTransform& transform, AreaReducer* reducer) {
+    std::vector<uint8_t> row;
+    try {
+      row.resize(row_bytes);
+    } catch (const std::bad_alloc&) {
+      return Status::Internal("out of memory for a PNG row");
+    }
+    int error = spng_decode_image(ctx, nullptr, 0, SPNG_FMT_RGBA8,
+                                  SPNG_DECODE_TRNS | SPNG_DECODE_PROGRESSIVE);
+    if (error != 0) return SpngError("PNG decode", error);
+    for (int y = 0; y < height; ++y) {
+      error = spng_decode_row(ctx, row.data(), row.size());
+      if (error != 0 && error != SPNG_EOI) {
+        // A truncated or damaged stream keeps what came before it; the
+        // reducer fills the rest with grey.
+        if (y > 0) return Status::OK();
+        return SpngError("PNG data", error);
+      }
+      ConvertRow(transform, row.data(), row_bytes / 4);
+      reducer->PushRow(row.data());
+      if (error == SPNG_EOI) break;
+    }
+    return Status::OK();
+  }
+
+  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height,
+                                 const ColorTransform& transform, AreaReducer* reducer) {
+    size_t size = 0;
+    int error = spng_decoded_image_size(ctx, SPNG_FMT_RGBA8, &size);
+    if (error != 0) return SpngError("PNG size", error);
+    if (size > kMaxDecodeBytes) return ImageTooLargeError(width, height);
+    std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[size]);
+    if (!pixels) return Status::Internal("out of memory for an interlaced PNG");
+    error = spng_decode_image(ctx, pixels.get(), size, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS);
+    if (error != 0) return SpngError("PNG decode", error);
+    const size_t row_bytes = static_cast<size_t>(width) * 4;
+    for (int y = 0; y < height; ++y) {
+      uint8_t* row = pixels.get() + row_bytes * static_cast<size_t>(y);
+      ConvertRow(transform, row, static_cast<size_t>(width));
+      reducer->PushRow(row);
+    }
+    return Status::OK();
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ImageDecoder> CreatePngDecoder() {
+  return std::unique_ptr<ImageDecoder>(new PngDecoder());
+}
+
+}  // namespace image
+}  // namespace tessera

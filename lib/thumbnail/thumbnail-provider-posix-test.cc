@@ -1,0 +1,98 @@
+#include <errno.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "lib/image/testing/image-fixtures.h"
+#include "lib/thumbnail/thumbnail-provider.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+class PosixProviderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* base = getenv("TESSERA_TEST_TMPDIR");
+    std::string root = base && *base ? base : "/tmp";
+    mkdir(root.c_str(), 0700);
+    std::string pattern = root + "/provider-XXXXXX";
+    ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    for (const std::string& path : created_) unlink(path.c_str());
+    rmdir(dir_.c_str());
+  }
+
+  std::u16string Write(const std::string& name, const std::string& bytes) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path, std::ios::binary) << bytes;
+    created_.push_back(path);
+    return std::u16string(path.begin(), path.end());
+  }
+
+  std::unique_ptr<ThumbnailProvider> provider_ = CreatePlatformThumbnailProvider();
+  std::string dir_;
+  std::vector<std::string> created_;
+};
+
+TEST_F(PosixProviderTest, ChoosesTheDecoderByContentNotByName) {
+  image::testing::PngImage png;
+  png.width = 300;
+  png.height = 100;
+  png.color_type = 2;
+  png.samples.assign(300 * 100 * 3, 90);
+  ASSERT_EQ(provider_->CreateItem(Write("picture.jpg", image::testing::EncodePng(png))), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  image::Bitmap bitmap;
+  ASSERT_EQ(provider_->GetThumbnail(150, &bitmap), 0);
+  EXPECT_EQ(bitmap.width(), 150);
+  EXPECT_EQ(bitmap.height(), 50);
+
+  // A JPEG under a foreign name, never enlarged.
+  auto jpeg = CreatePlatformThumbnailProvider();
+  ASSERT_EQ(jpeg->CreateItem(Write("photo.png", image::testing::EncodeJpeg(
+                                                    image::testing::RgbImage(40, 30)))),
+            0);
+  ASSERT_EQ(jpeg->BindToHandler(), 0);
+  ASSERT_EQ(jpeg->GetThumbnail(360, &bitmap), 0);
+  EXPECT_EQ(bitmap.width(), 40);
+  EXPECT_EQ(bitmap.height(), 30);
+}
+
+TEST_F(PosixProviderTest, FailsEachStepWithItsOwnCode) {
+  image::Bitmap bitmap;
+  EXPECT_EQ(provider_->BindToHandler(), kProviderNotReady);
+  EXPECT_EQ(provider_->GetThumbnail(100, &bitmap), kProviderNotReady);
+
+  const std::u16string missing = Write("x", "");
+  EXPECT_EQ(provider_->CreateItem(missing + u"-missing"), -ENOENT);
+
+  // A FIFO with no writer is refused at once instead of blocking the job.
+  const std::string fifo = dir_ + "/pipe.jpg";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  created_.push_back(fifo);
+  EXPECT_EQ(provider_->CreateItem(std::u16string(fifo.begin(), fifo.end())), -EINVAL);
+
+  ASSERT_EQ(provider_->CreateItem(Write("notes.jpg", "just some text, not a picture")), 0);
+  EXPECT_EQ(provider_->BindToHandler(), kProviderNoHandler);
+  EXPECT_EQ(provider_->GetThumbnail(100, &bitmap), kProviderNotReady);
+
+  ASSERT_EQ(provider_->CreateItem(Write("bomb.png", image::testing::PngDeclaring(50000, 50000))), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  EXPECT_EQ(provider_->GetThumbnail(360, &bitmap), kProviderTooLarge);
+
+  ASSERT_EQ(provider_->CreateItem(Write("broken.jpg", std::string("\xFF\xD8\xFF\xE0\0\x10JFIF", 10))), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  EXPECT_EQ(provider_->GetThumbnail(360, &bitmap), kProviderDecodeFailed);
+  EXPECT_TRUE(bitmap.empty());
+}
+
+}  // namespace
+}  // namespace thumbnail
+}  // namespace tessera

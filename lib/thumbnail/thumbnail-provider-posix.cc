@@ -1,0 +1,109 @@
+// The POSIX thumbnail provider: our own decoders, chosen by content.
+//
+//   CreateItem     the path names a regular file we can open (never blocks:
+//                  FIFOs and devices are refused at once)
+//   BindToHandler  sniffs the first bytes and picks a decoder
+//   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
+#include <errno.h>
+
+#include <memory>
+#include <string>
+
+#include "lib/image/byte-source.h"
+#include "lib/image/image-decoder.h"
+#include "lib/log/log.h"
+#include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/utility/text-conversion.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+constexpr char kLogComponent[] = "thumbnail_debug";
+// Enough for every signature SniffImageFormat knows.
+constexpr size_t kHeadBytes = 32;
+
+int32_t OpenErrorCode(const Status& status) {
+  switch (status.code()) {
+    case Status::Code::kNotFound:
+      return -ENOENT;
+    case Status::Code::kInvalidArgument:
+      return -EINVAL;
+    case Status::Code::kInternal:
+      return -ENOMEM;
+    default:
+      return -EIO;
+  }
+}
+
+int32_t DecodeErrorCode(const Status& status) {
+  if (image::IsImageTooLarge(status)) return kProviderTooLarge;
+  switch (status.code()) {
+    case Status::Code::kNotFound:
+      return -ENOENT;
+    case Status::Code::kIoError:
+      return -EIO;
+    case Status::Code::kInternal:
+      return -ENOMEM;
+    default:
+      return kProviderDecodeFailed;
+  }
+}
+
+class PosixThumbnailProvider : public ThumbnailProvider {
+ public:
+  int32_t CreateItem(const std::u16string& path) override {
+    source_.reset();
+    decoder_.reset();
+    if (utility::UTF16ToUTF8(path, &path_) != 0) return -EINVAL;
+    Status status = image::ByteSource::OpenFile(path_, &source_);
+    if (!status.ok()) {
+      LOG_DEBUG(kLogComponent, "cannot open '%s': %s", path_.c_str(), status.ToString().c_str());
+      return OpenErrorCode(status);
+    }
+    return 0;
+  }
+
+  int32_t BindToHandler() override {
+    if (!source_) return kProviderNotReady;
+    uint8_t head[kHeadBytes];
+    const int64_t got = source_->ReadAt(0, head, sizeof(head));
+    if (got < 0) return -EIO;
+    const image::ImageFormat format = image::SniffImageFormat(head, static_cast<size_t>(got));
+    decoder_ = image::CreateImageDecoder(format);
+    if (!decoder_) {
+      LOG_DEBUG(kLogComponent, "no decoder for '%s' (format %d)", path_.c_str(),
+                static_cast<int>(format));
+      return kProviderNoHandler;
+    }
+    return 0;
+  }
+
+  int32_t GetThumbnail(uint32_t cx, image::Bitmap* out) override {
+    if (!decoder_) return kProviderNotReady;
+    if (cx == 0) return -EINVAL;
+    image::Bitmap bitmap;
+    Status status = decoder_->Decode(source_.get(), cx, &bitmap);
+    if (!status.ok()) {
+      LOG_DEBUG(kLogComponent, "decoding '%s' failed: %s", path_.c_str(),
+                status.ToString().c_str());
+      return DecodeErrorCode(status);
+    }
+    *out = std::move(bitmap);
+    return 0;
+  }
+
+ private:
+  std::string path_;
+  std::unique_ptr<image::ByteSource> source_;
+  std::unique_ptr<image::ImageDecoder> decoder_;
+};
+
+}  // namespace
+
+std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
+  return std::unique_ptr<ThumbnailProvider>(new PosixThumbnailProvider());
+}
+
+}  // namespace thumbnail
+}  // namespace tessera
