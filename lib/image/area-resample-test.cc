@@ -107,7 +107,8 @@ TEST(AreaResampleTest, MatchesExactBoxFilterForOddSizesAndStrips) {
                                          {1, 100, 1, 7},
                                          {9, 9, 4, 4},
                                          {5, 4, 13, 9},  // enlarging
-                                         {64, 48, 21, 16}}) {
+                                         {64, 48, 21, 16},
+                                         {3, 700, 2, 2}}) {  // > 257 whole rows per target row
     const Bitmap src = Noise(c.sw, c.sh, static_cast<uint32_t>(c.sw * 131 + c.sh));
     Bitmap out;
     ASSERT_TRUE(AreaResample(src, c.dw, c.dh, &out).ok());

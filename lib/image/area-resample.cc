@@ -20,11 +20,15 @@ namespace {
 
 constexpr int kChannels = Bitmap::kBytesPerPixel;
 
+// Source rows that lie wholly inside one target row are summed in 16-bit
+// integers; this many fit before a sum could overflow (257 * 255 = 65535).
+constexpr int kMaxIntegerRows = 257;
+
 // One pixel as four float channels, and the handful of operations the
 // resampler needs on it. With SSE2 (every x86-64 target) a pixel is one
 // register; elsewhere the portable form below is used. The compiler does not
-// vectorise the tap loops on its own at -O2 (trip counts vary per column), and
-// this keeps the hot loops at one vector operation per source pixel.
+// vectorise these loops on its own at -O2 (trip counts vary per column), and
+// this keeps them at one vector operation per pixel.
 #if defined(TESSERA_AREA_RESAMPLE_SSE2)
 struct Pixel {
   __m128 v;
@@ -39,12 +43,35 @@ inline Pixel PixelFromBytes(const uint8_t* p) {
   const __m128i words = _mm_unpacklo_epi8(_mm_cvtsi32_si128(bits), zero);
   return Pixel{_mm_cvtepi32_ps(_mm_unpacklo_epi16(words, zero))};
 }
+inline Pixel PixelFromWords(const uint16_t* p) {
+  const __m128i words = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+  return Pixel{_mm_cvtepi32_ps(_mm_unpacklo_epi16(words, _mm_setzero_si128()))};
+}
 // Rounds to nearest; values are never negative.
 inline void PixelToBytes(Pixel v, uint8_t* p) {
   const __m128i ints = _mm_cvttps_epi32(_mm_min_ps(_mm_add_ps(v.v, _mm_set1_ps(0.5f)), _mm_set1_ps(255.0f)));
   const __m128i words = _mm_packs_epi32(ints, ints);
   const int32_t bits = _mm_cvtsi128_si32(_mm_packus_epi16(words, words));
   std::memcpy(p, &bits, sizeof(bits));
+}
+
+// sums[i] (+)= bytes[i] for n values.
+void AddBytes(const uint8_t* bytes, size_t n, bool first, uint16_t* sums) {
+  const __m128i zero = _mm_setzero_si128();
+  size_t i = 0;
+  for (; i + 16 <= n; i += 16) {
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+    __m128i lo = _mm_unpacklo_epi8(b, zero);
+    __m128i hi = _mm_unpackhi_epi8(b, zero);
+    __m128i* s = reinterpret_cast<__m128i*>(sums + i);
+    if (!first) {
+      lo = _mm_add_epi16(lo, _mm_loadu_si128(s));
+      hi = _mm_add_epi16(hi, _mm_loadu_si128(s + 1));
+    }
+    _mm_storeu_si128(s, lo);
+    _mm_storeu_si128(s + 1, hi);
+  }
+  for (; i < n; ++i) sums[i] = static_cast<uint16_t>((first ? 0 : sums[i]) + bytes[i]);
 }
 #else
 struct Pixel {
@@ -61,8 +88,15 @@ inline Pixel PixelFromBytes(const uint8_t* p) {
   return Pixel{{static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2]),
                 static_cast<float>(p[3])}};
 }
+inline Pixel PixelFromWords(const uint16_t* p) {
+  return Pixel{{static_cast<float>(p[0]), static_cast<float>(p[1]), static_cast<float>(p[2]),
+                static_cast<float>(p[3])}};
+}
 inline void PixelToBytes(Pixel v, uint8_t* p) {
   for (int i = 0; i < kChannels; ++i) p[i] = static_cast<uint8_t>(static_cast<int>(std::min(v.c[i] + 0.5f, 255.0f)));
+}
+void AddBytes(const uint8_t* bytes, size_t n, bool first, uint16_t* sums) {
+  for (size_t i = 0; i < n; ++i) sums[i] = static_cast<uint16_t>((first ? 0 : sums[i]) + bytes[i]);
 }
 #endif
 
@@ -82,7 +116,8 @@ struct ColumnTable {
   std::vector<Pixel> weights;  // taps per column, each weight splatted over the channels
 };
 
-void BuildColumnTable(int src, int dst, ColumnTable* table) {
+// `scale` multiplies every weight (the vertical normalisation, folded in).
+void BuildColumnTable(int src, int dst, double scale, ColumnTable* table) {
   const uint64_t s = static_cast<uint64_t>(src);
   const uint64_t d = static_cast<uint64_t>(dst);
   uint64_t taps = 0;
@@ -107,63 +142,62 @@ void BuildColumnTable(int src, int dst, ColumnTable* table) {
       const uint64_t right = std::min((i + 1) * d, hi);
       if (right <= left) continue;
       table->weights[x * taps + k] =
-          PixelSplat(static_cast<float>(static_cast<double>(right - left) / static_cast<double>(s)));
+          PixelSplat(static_cast<float>(static_cast<double>(right - left) / static_cast<double>(s) * scale));
     }
   }
 }
 
 template <int kTaps>
-void ReduceRowFixed(const uint8_t* row, const ColumnTable& table, int dst_width, Pixel* out) {
+void ReduceRowFixed(const Pixel* in, const ColumnTable& table, int dst_width, Pixel* out) {
   const int* starts = table.starts.data();
   const Pixel* w = table.weights.data();
   for (int x = 0; x < dst_width; ++x, w += kTaps) {
-    const uint8_t* p = row + static_cast<size_t>(starts[x]) * kChannels;
-    Pixel sum = PixelMul(w[0], PixelFromBytes(p));
-    for (int k = 1; k < kTaps; ++k) sum = PixelAdd(sum, PixelMul(w[k], PixelFromBytes(p + k * kChannels)));
+    const Pixel* p = in + starts[x];
+    Pixel sum = PixelMul(w[0], p[0]);
+    for (int k = 1; k < kTaps; ++k) sum = PixelAdd(sum, PixelMul(w[k], p[k]));
     out[x] = sum;
   }
 }
 
 // Any tap count; two running sums halve the dependency chain.
-void ReduceRowAny(const uint8_t* row, const ColumnTable& table, int dst_width, Pixel* out) {
+void ReduceRowAny(const Pixel* in, const ColumnTable& table, int dst_width, Pixel* out) {
   const int taps = table.taps;
   const int* starts = table.starts.data();
   const Pixel* w = table.weights.data();
   for (int x = 0; x < dst_width; ++x, w += taps) {
-    const uint8_t* p = row + static_cast<size_t>(starts[x]) * kChannels;
-    Pixel even = PixelMul(w[0], PixelFromBytes(p));
-    Pixel odd = PixelMul(w[1], PixelFromBytes(p + kChannels));
+    const Pixel* p = in + starts[x];
+    Pixel even = PixelMul(w[0], p[0]);
+    Pixel odd = PixelMul(w[1], p[1]);
     int k = 2;
     for (; k + 1 < taps; k += 2) {
-      even = PixelAdd(even, PixelMul(w[k], PixelFromBytes(p + k * kChannels)));
-      odd = PixelAdd(odd, PixelMul(w[k + 1], PixelFromBytes(p + (k + 1) * kChannels)));
+      even = PixelAdd(even, PixelMul(w[k], p[k]));
+      odd = PixelAdd(odd, PixelMul(w[k + 1], p[k + 1]));
     }
-    if (k < taps) even = PixelAdd(even, PixelMul(w[k], PixelFromBytes(p + k * kChannels)));
+    if (k < taps) even = PixelAdd(even, PixelMul(w[k], p[k]));
     out[x] = PixelAdd(even, odd);
   }
 }
 
-// Converts a row of accumulated pixels to bytes. The weights sum to one (up
-// to float error), so values stay within [0, 255.5).
-void StoreRow(const Pixel* values, int pixels, uint8_t* out) {
-  for (int x = 0; x < pixels; ++x) PixelToBytes(values[x], out + x * kChannels);
-}
-
-// The reduction engine. Each pushed row is reduced horizontally once into
-// `reduced`, then added with its vertical coverage weight into `accum`, the
-// one target row in progress. Target rows are finished as soon as their
-// footprint has been covered, so one accumulator row suffices for any ratio.
+// The reduction engine, vertical pass first. Each pushed row is added, with
+// its vertical coverage, into column sums for the one target row in
+// progress: rows wholly inside that target row as 16-bit integers (the
+// common case, and the cheapest), rows cut by a target row edge as floats.
+// When a target row's footprint is complete, its column sums are reduced
+// horizontally once and stored. Memory: the output plus a few source rows'
+// worth of sums, for any ratio.
 struct ReducerCore {
   int src_width = 0;
   int src_height = 0;
   int dst_width = 0;
   int dst_height = 0;
   int rows_pushed = 0;
-  int next_dst_row = 0;  // target row being accumulated
-  bool accum_dirty = false;
+  int next_dst_row = 0;     // target row being accumulated
+  int integer_rows = 0;     // rows summed in `integer_sums` so far
+  bool float_dirty = false;  // `float_sums` holds contributions
   ColumnTable columns;
-  std::vector<Pixel> reduced;  // dst_width pixels
-  std::vector<Pixel> accum;    // dst_width pixels
+  std::vector<uint16_t> integer_sums;  // src_width * 4
+  std::vector<Pixel> float_sums;       // src_width pixels
+  std::vector<Pixel> reduced;          // dst_width pixels
   Bitmap out;
 
   Status Init(int sw, int sh, int dw, int dh) {
@@ -174,99 +208,109 @@ struct ReducerCore {
     Status status = Bitmap::Create(dw, dh, &out);
     if (!status.ok()) return status;
     try {
-      BuildColumnTable(sw, dw, &columns);
+      // Vertical weights count a whole source row as 1, so a target row's
+      // weights add up to sh / dh; the horizontal weights undo that.
+      BuildColumnTable(sw, dw, static_cast<double>(dh) / static_cast<double>(sh), &columns);
+      integer_sums.resize(static_cast<size_t>(sw) * kChannels);
+      float_sums.resize(static_cast<size_t>(sw));
       reduced.resize(static_cast<size_t>(dw));
-      accum.resize(static_cast<size_t>(dw));
     } catch (const std::bad_alloc&) {
       return Status::Internal("out of memory for the resampler's row buffers");
     }
     return Status::OK();
   }
 
-  void ReduceRow(const uint8_t* row) {
-    Pixel* out_values = reduced.data();
-    if (src_width == dst_width) {
-      for (int x = 0; x < src_width; ++x) out_values[x] = PixelFromBytes(row + x * kChannels);
-      return;
+  void FoldIntegersIntoFloats() {
+    for (int x = 0; x < src_width; ++x) {
+      const Pixel v = PixelFromWords(integer_sums.data() + x * kChannels);
+      float_sums[x] = float_dirty ? PixelAdd(float_sums[x], v) : v;
     }
-    switch (columns.taps) {
-      case 1: ReduceRowFixed<1>(row, columns, dst_width, out_values); break;
-      case 2: ReduceRowFixed<2>(row, columns, dst_width, out_values); break;
-      case 3: ReduceRowFixed<3>(row, columns, dst_width, out_values); break;
-      case 4: ReduceRowFixed<4>(row, columns, dst_width, out_values); break;
-      default: ReduceRowAny(row, columns, dst_width, out_values); break;
-    }
+    float_dirty = true;
+    integer_rows = 0;
   }
 
-  void Accumulate(const Pixel* values, float weight) {
-    Pixel* acc = accum.data();
+  void AddWholeRow(const uint8_t* row) {
+    if (integer_rows == kMaxIntegerRows) FoldIntegersIntoFloats();
+    AddBytes(row, static_cast<size_t>(src_width) * kChannels, integer_rows == 0, integer_sums.data());
+    ++integer_rows;
+  }
+
+  void AddPartialRow(const uint8_t* row, float weight) {
     const Pixel w = PixelSplat(weight);
-    if (accum_dirty) {
-      for (int x = 0; x < dst_width; ++x) acc[x] = PixelAdd(acc[x], PixelMul(w, values[x]));
+    Pixel* sums = float_sums.data();
+    if (float_dirty) {
+      for (int x = 0; x < src_width; ++x) sums[x] = PixelAdd(sums[x], PixelMul(w, PixelFromBytes(row + x * kChannels)));
     } else {
-      for (int x = 0; x < dst_width; ++x) acc[x] = PixelMul(w, values[x]);
-      accum_dirty = true;
+      for (int x = 0; x < src_width; ++x) sums[x] = PixelMul(w, PixelFromBytes(row + x * kChannels));
+      float_dirty = true;
     }
   }
 
-  void EmitAccumulated() {
-    StoreRow(accum.data(), dst_width, out.row(next_dst_row));
-    accum_dirty = false;
+  void AddConstant(float value) {
+    const Pixel v = PixelSplat(value);
+    for (Pixel& sum : float_sums) sum = float_dirty ? PixelAdd(sum, v) : v;
+    float_dirty = true;
+  }
+
+  // Reduces the finished column sums horizontally into the next target row.
+  void EmitRow() {
+    if (integer_rows > 0) FoldIntegersIntoFloats();
+    if (!float_dirty) AddConstant(0.0f);
+    const Pixel* in = float_sums.data();
+    Pixel* values = reduced.data();
+    switch (columns.taps) {
+      case 1: ReduceRowFixed<1>(in, columns, dst_width, values); break;
+      case 2: ReduceRowFixed<2>(in, columns, dst_width, values); break;
+      case 3: ReduceRowFixed<3>(in, columns, dst_width, values); break;
+      case 4: ReduceRowFixed<4>(in, columns, dst_width, values); break;
+      default: ReduceRowAny(in, columns, dst_width, values); break;
+    }
+    uint8_t* bytes = out.row(next_dst_row);
+    for (int x = 0; x < dst_width; ++x) PixelToBytes(values[x], bytes + x * kChannels);
+    float_dirty = false;
     ++next_dst_row;
   }
 
-  // Adds source row `src_y`, already reduced horizontally into `values`, to
-  // every target row it overlaps.
-  void AddSourceRow(int src_y, const Pixel* values) {
+  // Adds source row `rows_pushed` to every target row it overlaps. Source
+  // row j covers [j * dh, (j + 1) * dh) and target row y covers
+  // [y * sh, (y + 1) * sh); the weight is the overlap over dh.
+  void PushRow(const uint8_t* row) {
+    if (rows_pushed >= src_height) return;
     const uint64_t s = static_cast<uint64_t>(src_height);
     const uint64_t d = static_cast<uint64_t>(dst_height);
-    const uint64_t top = static_cast<uint64_t>(src_y) * d;
+    const uint64_t top = static_cast<uint64_t>(rows_pushed) * d;
     const uint64_t bottom = top + d;
+    ++rows_pushed;
     while (next_dst_row < dst_height) {
       const uint64_t row_top = static_cast<uint64_t>(next_dst_row) * s;
       const uint64_t row_bottom = row_top + s;
       const uint64_t overlap = std::min(bottom, row_bottom) - std::max(top, row_top);
-      if (overlap == s) {
-        // The target row lies wholly inside this source row.
-        StoreRow(values, dst_width, out.row(next_dst_row));
-        ++next_dst_row;
+      if (overlap == d) {
+        AddWholeRow(row);
       } else {
-        Accumulate(values, static_cast<float>(static_cast<double>(overlap) / static_cast<double>(s)));
-        if (row_bottom > bottom) return;  // continues into the next source row
-        EmitAccumulated();
+        AddPartialRow(row, static_cast<float>(static_cast<double>(overlap) / static_cast<double>(d)));
       }
+      if (row_bottom > bottom) return;  // the target row continues below
+      EmitRow();
       if (row_bottom == bottom) return;
     }
   }
 
-  void PushRow(const uint8_t* row) {
-    if (rows_pushed >= src_height) return;
-    ReduceRow(row);
-    AddSourceRow(rows_pushed, reduced.data());
-    ++rows_pushed;
-  }
-
   // Completes the target with mid grey for the source rows never pushed.
-  // Done in bulk rather than row by row, so a source that stops early costs
-  // no more than the rows it delivered.
+  // Done in bulk, so a source that stops early costs no more than the rows
+  // it delivered.
   void FillMissingRows() {
     if (rows_pushed >= src_height || next_dst_row >= dst_height) return;
-    const uint64_t s = static_cast<uint64_t>(src_height);
-    const uint64_t d = static_cast<uint64_t>(dst_height);
-    std::fill(reduced.begin(), reduced.end(), PixelSplat(128.0f));
-    if (accum_dirty) {
-      const uint64_t row_top = static_cast<uint64_t>(next_dst_row) * s;
-      const uint64_t missing_top = static_cast<uint64_t>(rows_pushed) * d;
-      const uint64_t missing = row_top + s - std::max(row_top, missing_top);
-      Accumulate(reduced.data(), static_cast<float>(static_cast<double>(missing) / static_cast<double>(s)));
-      EmitAccumulated();
+    if (integer_rows > 0 || float_dirty) {
+      const uint64_t s = static_cast<uint64_t>(src_height);
+      const uint64_t d = static_cast<uint64_t>(dst_height);
+      const uint64_t row_bottom = static_cast<uint64_t>(next_dst_row + 1) * s;
+      const uint64_t missing = row_bottom - static_cast<uint64_t>(rows_pushed) * d;
+      AddConstant(static_cast<float>(128.0 * static_cast<double>(missing) / static_cast<double>(d)));
+      EmitRow();
     }
-    if (next_dst_row < dst_height) {
-      StoreRow(reduced.data(), dst_width, out.row(next_dst_row));
-      const uint8_t* grey = out.row(next_dst_row);
-      for (int y = next_dst_row + 1; y < dst_height; ++y) std::memcpy(out.row(y), grey, out.stride());
-      next_dst_row = dst_height;
-    }
+    for (int y = next_dst_row; y < dst_height; ++y) std::memset(out.row(y), 128, out.stride());
+    next_dst_row = dst_height;
   }
 };
 
