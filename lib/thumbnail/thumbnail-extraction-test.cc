@@ -1,0 +1,203 @@
+#include "lib/thumbnail/thumbnail-extraction.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "lib/thumbnail/testing/fake-thumbnail-provider.h"
+#include "lib/thumbnail/testing/image-size.h"
+#include "lib/thumbnail/testing/scratch-dir.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+using ::testing::HasSubstr;
+using testing::FakeProviderConfig;
+using testing::FakeProviderFactory;
+using testing::FakeProviderRecord;
+using testing::ReadImageSize;
+using testing::ScratchDir;
+using Outputs = std::vector<std::shared_ptr<utility::TempFile>>;
+
+int CountOf(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+class ExtractionTest : public ::testing::Test {
+ protected:
+  Outputs MakeOutputs(size_t n) {
+    Outputs outputs;
+    for (size_t i = 0; i < n; ++i) {
+      outputs.push_back(std::make_shared<utility::TempFile>(dir_.path()));
+      EXPECT_EQ(0, outputs.back()->Create());
+    }
+    return outputs;
+  }
+
+  // Runs one extraction with a fake provider of a width x height bitmap and
+  // returns its result; the error output is kept in log_.
+  bool Extract(FakeProviderConfig config, std::vector<uint32_t> sizes, const Outputs& outputs,
+               bool as_png = false) {
+    ::testing::internal::CaptureStderr();
+    bool ok = false;
+    try {
+      ok = ExtractShellThumbnails(FakeProviderFactory(config, record_), u"/photos/a.jpg", std::move(sizes),
+                                  as_png, outputs);
+    } catch (...) {
+      log_ = ::testing::internal::GetCapturedStderr();
+      throw;
+    }
+    log_ = ::testing::internal::GetCapturedStderr();
+    return ok;
+  }
+
+  static FakeProviderConfig Bitmap(int width, int height) {
+    FakeProviderConfig config;
+    config.width = width;
+    config.height = height;
+    return config;
+  }
+
+  ScratchDir dir_;
+  std::shared_ptr<FakeProviderRecord> record_ = std::make_shared<FakeProviderRecord>();
+  std::string log_;
+};
+
+TEST(CleanupListTest, RunsActionsLastFirst) {
+  std::string order;
+  {
+    CleanupList cleanup;
+    cleanup.Add([&] { order += "a"; });
+    cleanup.Add([&] { order += "b"; });
+    cleanup.Add([&] { order += "c"; });
+  }
+  EXPECT_EQ("cba", order);
+}
+
+TEST_F(ExtractionTest, CascadeScalesEachSizeFromThePreviousOne) {
+  Outputs outputs = MakeOutputs(3);
+  ASSERT_TRUE(Extract(Bitmap(3840, 2160), {1280, 640, 320}, outputs));
+  EXPECT_EQ(std::vector<uint32_t>{3840}, record_->requested_cx);  // asked once, for 3 x sizes[0]
+  const int expected[3][2] = {{2275, 1280}, {1137, 640}, {568, 320}};
+  for (int i = 0; i < 3; ++i) {
+    testing::ImageSize size = ReadImageSize(outputs[i]->GetPath());
+    EXPECT_TRUE(size.is_jpeg) << i;
+    EXPECT_EQ(expected[i][0], size.width) << i;
+    EXPECT_EQ(expected[i][1], size.height) << i;
+  }
+  EXPECT_EQ("", log_);
+  EXPECT_EQ(1, record_->destroyed);
+}
+
+TEST_F(ExtractionTest, ShorterSideBecomesTheSizeTruncatedAndNeverEnlarged) {
+  struct Case {
+    int width, height;
+    uint32_t size;
+    int want_width, want_height;
+  };
+  const Case cases[] = {
+      {291, 194, 50, 74, 50},     // 50 / 194 * 291 is just under 75 in double
+      {100, 50, 64, 100, 50},     // short side not above the size: kept
+      {100, 50, 40, 80, 40},
+      {50, 100, 40, 40, 80},      // portrait
+      {500, 500, 256, 256, 256},  // square
+      {300, 120, 120, 300, 120},  // short side equal to the size: unscaled
+      {30, 20, 120, 30, 20},      // small image: never enlarged
+  };
+  for (const Case& c : cases) {
+    Outputs outputs = MakeOutputs(1);
+    ASSERT_TRUE(Extract(Bitmap(c.width, c.height), {c.size}, outputs)) << c.width << "x" << c.height;
+    testing::ImageSize size = ReadImageSize(outputs[0]->GetPath());
+    EXPECT_EQ(c.want_width, size.width) << c.width << "x" << c.height << " at " << c.size;
+    EXPECT_EQ(c.want_height, size.height) << c.width << "x" << c.height << " at " << c.size;
+  }
+}
+
+TEST_F(ExtractionTest, PngFlagWritesPng) {
+  Outputs outputs = MakeOutputs(1);
+  ASSERT_TRUE(Extract(Bitmap(80, 60), {30}, outputs, /*as_png=*/true));
+  testing::ImageSize size = ReadImageSize(outputs[0]->GetPath());
+  EXPECT_TRUE(size.is_png);
+  EXPECT_EQ(40, size.width);
+  EXPECT_EQ(30, size.height);
+}
+
+TEST_F(ExtractionTest, EachProviderFailureLogsOneErrorLineWithItsSourceLine) {
+  struct Case {
+    FakeProviderConfig config;
+    std::string line;
+  };
+  FakeProviderConfig item, bind, thumbnail;
+  item.item_result = -2;
+  bind.bind_result = kProviderNoHandler;
+  thumbnail.thumbnail_result = kProviderDecodeFailed;
+  const Case cases[] = {
+      {item, "(75): Failed to SHCreateItemFromParsingName '/photos/a.jpg' '-2'\n"},
+      {bind, "(84): Failed to BindToHandler BHID_ThumbnailHandler '-1000'\n"},
+      {thumbnail, "(95): Failed to GetThumbnail '/photos/a.jpg' '-1001', 3 * size = '360'\n"},
+  };
+  for (const Case& c : cases) {
+    Outputs outputs = MakeOutputs(1);
+    EXPECT_FALSE(Extract(c.config, {120}, outputs));
+    EXPECT_EQ(1, CountOf(log_, "[ERROR]")) << log_;
+    EXPECT_THAT(log_, HasSubstr("thumbnail-extraction.cc" + c.line));
+    EXPECT_EQ(0u, std::filesystem::file_size(outputs[0]->GetPath()));
+  }
+  // Every provider that was made was released again.
+  EXPECT_EQ(3, record_->destroyed);
+}
+
+TEST_F(ExtractionTest, FailedSaveStopsTheCascadeAndKeepsEarlierOutputs) {
+  Outputs outputs = MakeOutputs(3);
+  // Output 2 cannot be written: a directory stands where its file was.
+  const std::string blocked = outputs[2]->GetPath();
+  std::filesystem::remove(blocked);
+  std::filesystem::create_directory(blocked);
+
+  EXPECT_FALSE(Extract(Bitmap(900, 600), {300, 200, 100}, outputs));
+  EXPECT_EQ(1, CountOf(log_, "[ERROR]")) << log_;
+  EXPECT_THAT(log_, HasSubstr("thumbnail-extraction.cc(152): Failed to save thumbnail as jpg '/photos/a.jpg', hr = "));
+  EXPECT_EQ(450, ReadImageSize(outputs[0]->GetPath()).width);
+  EXPECT_EQ(300, ReadImageSize(outputs[1]->GetPath()).width);
+}
+
+TEST_F(ExtractionTest, MissingSizesThrowInvalidVectorSubscript) {
+  // An empty list fails after the handler is bound, before any request.
+  Outputs one = MakeOutputs(1);
+  try {
+    Extract(Bitmap(64, 48), {}, one);
+    FAIL() << "no exception";
+  } catch (const std::out_of_range& e) {
+    EXPECT_STREQ("invalid vector subscript", e.what());
+  }
+  EXPECT_EQ(1, record_->binds);
+  EXPECT_TRUE(record_->requested_cx.empty());
+  EXPECT_EQ(0u, std::filesystem::file_size(one[0]->GetPath()));
+
+  // Fewer sizes than outputs: fails when the output without a size is reached.
+  Outputs two = MakeOutputs(2);
+  EXPECT_THROW(Extract(Bitmap(64, 48), {32}, two), std::out_of_range);
+  EXPECT_TRUE(ReadImageSize(two[0]->GetPath()).ok());
+  EXPECT_EQ(0u, std::filesystem::file_size(two[1]->GetPath()));
+  EXPECT_EQ(2, record_->destroyed);
+}
+
+TEST_F(ExtractionTest, DefaultEntryPointUsesTheInstalledFactory) {
+  Outputs outputs = MakeOutputs(1);
+  FakeProviderConfig config = Bitmap(40, 40);
+  testing::ScopedProviderFactory scoped(FakeProviderFactory(config, record_));
+  EXPECT_TRUE(ExtractShellThumbnails(u"/x.png", {20}, false, outputs));
+  ASSERT_EQ(1u, record_->items.size());
+  EXPECT_EQ(u"/x.png", record_->items[0]);
+}
+
+}  // namespace
+}  // namespace thumbnail
+}  // namespace tessera

@@ -1,0 +1,138 @@
+#include "lib/thumbnail/thumbnail-job.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "lib/thumbnail/testing/fake-thumbnail-provider.h"
+#include "lib/thumbnail/testing/image-size.h"
+#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/thumbnail/thumbnail-helper.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+using ::testing::HasSubstr;
+using testing::FakeProviderConfig;
+using testing::FakeProviderFactory;
+using testing::FakeProviderRecord;
+using testing::Gate;
+using testing::ScratchDir;
+using testing::ScopedProviderFactory;
+
+int CountOf(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+class JobTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<utility::TempFile> MakeOutput() {
+    auto output = std::make_shared<utility::TempFile>(dir_.path());
+    EXPECT_EQ(0, output->Create());
+    return output;
+  }
+
+  ScratchDir dir_;
+  ThumbnailHelper helper_{dir_.path()};
+  std::shared_ptr<FakeProviderRecord> record_ = std::make_shared<FakeProviderRecord>();
+};
+
+TEST_F(JobTest, GenerateOneAsksForOneSizeAndWritesOneFile) {
+  ScopedProviderFactory fake(FakeProviderFactory(FakeProviderConfig(), record_));
+  auto output = MakeOutput();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(0, GenerateOne(helper_, "/p/a.jpg", "jpg", 320, false, output));
+  EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
+  EXPECT_EQ(std::vector<uint32_t>{960}, record_->requested_cx);
+  ASSERT_EQ(1u, record_->items.size());
+  EXPECT_EQ(u"/p/a.jpg", record_->items[0]);
+  EXPECT_TRUE(testing::ReadImageSize(output->GetPath()).is_jpeg);
+}
+
+TEST_F(JobTest, FailureAndStandardExceptionsGiveMinusOneWithOneWarning) {
+  FakeProviderConfig failing;
+  failing.thumbnail_result = kProviderDecodeFailed;
+  FakeProviderConfig throwing;
+  throwing.on_get_thumbnail = [] { throw std::runtime_error("boom"); };
+  struct Case {
+    FakeProviderConfig config;
+    std::string warning;
+  };
+  const Case cases[] = {
+      {failing, "GenerateThumbnail Failed '/p/a.jpg'\n"},
+      {throwing, "GenerateThumbnail exception, reason 'boom', path '/p/a.jpg'\n"},
+  };
+  for (const Case& c : cases) {
+    ScopedProviderFactory fake(FakeProviderFactory(c.config, record_));
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, GenerateOne(helper_, "/p/a.jpg", "jpg", 120, false, MakeOutput()));
+    const std::string log = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(1, CountOf(log, "[WARNING]")) << log;
+    EXPECT_THAT(log, HasSubstr(c.warning));
+  }
+}
+
+TEST_F(JobTest, OtherExceptionsPropagate) {
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [] { throw 42; };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  EXPECT_THROW(GenerateOne(helper_, "/p/a.jpg", "jpg", 120, false, MakeOutput()), int);
+}
+
+TEST_F(JobTest, BlockedExtractionIsAbandonedAtTheTimeLimit) {
+  auto gate = std::make_shared<Gate>();
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [gate] { gate->Wait(); };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  auto output = MakeOutput();
+  const std::string path = output->GetPath();
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {output},
+                                 std::chrono::milliseconds(50)));
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(1, CountOf(log, "[WARNING]")) << log;
+  EXPECT_THAT(log, HasSubstr("GenerateThumbnail timeout '/p/slow.jpg'\n"));
+  EXPECT_TRUE(HasAbandonedJobs());
+
+  // The abandoned thread still holds the output: letting go here keeps it.
+  output.reset();
+  EXPECT_TRUE(std::filesystem::exists(path));
+
+  // Released, the job runs to its end and its result is dropped.
+  gate->Open();
+  record_->WaitDestroyed(1);
+}
+
+TEST_F(JobTest, ExitWithAbandonedJobsRemovesTheirOutputs) {
+  // The forked child runs the job on these very files.
+  auto gate = std::make_shared<Gate>();  // never opened
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [gate] { gate->Wait(); };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  auto output = MakeOutput();
+  const std::string abandoned = output->GetPath();
+  auto kept = MakeOutput();
+  kept->Keep();
+
+  EXPECT_EXIT(
+      {
+        GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {output}, std::chrono::milliseconds(10));
+        ExitWithAbandonedJobs(3);
+      },
+      ::testing::ExitedWithCode(3), "GenerateThumbnail timeout '/p/slow.jpg'");
+  EXPECT_FALSE(std::filesystem::exists(abandoned));
+  EXPECT_TRUE(std::filesystem::exists(kept->GetPath()));
+  gate->Open();
+}
+
+}  // namespace
+}  // namespace thumbnail
+}  // namespace tessera
