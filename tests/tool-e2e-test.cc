@@ -1,0 +1,144 @@
+// The tool as its caller sees it: arguments, standard output and error, exit
+// status and the files left in the output directory.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "lib/thumbnail/testing/image-size.h"
+#include "lib/thumbnail/testing/scratch-dir.h"
+#include "tests/tool-runner.h"
+
+namespace tessera {
+namespace {
+
+using testing::ProcessResult;
+using testing::RunProcess;
+using testing::RunTool;
+using thumbnail::testing::ImageSize;
+using thumbnail::testing::ReadImageSize;
+using thumbnail::testing::ScratchDir;
+
+std::string HelpText() {
+  const time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+  return "Copyright (c) 2003-" + std::to_string(local.tm_year + 1900) +
+         " Tessera contributors. All rights reserved.\n"
+         "\n"
+         "Usage: PROGRAM --output_dir --src [-h, --help] \n"
+         "\n"
+         "Required arguments: \n"
+         "    --output_dir\tThe path to save thumbnail\n"
+         "    --src\tThe src image to generate thumbnail\n"
+         "\n"
+         "Optional arguments: \n"
+         "    -h, --help\tShow this help message\n"
+         "\n"
+         "\n";
+}
+
+// Makes a width x height test picture with the ffmpeg command; false when
+// that is not possible here.
+bool MakePicture(const std::string& path, int width, int height) {
+  ProcessResult made = RunProcess(
+      "ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i",
+                 "testsrc=size=" + std::to_string(width) + "x" + std::to_string(height), "-frames:v", "1",
+                 "-update", "1", path});
+  return made.exited && made.status == 0 && ReadImageSize(path).ok();
+}
+
+TEST(ToolArgumentsTest, RejectedCommandLinesPrintReasonAndHelp) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string reason;
+  };
+  const Case cases[] = {
+      {{}, "Argument 'output_dir': Required argument"},
+      {{"--src", "a.jpg"}, "Argument 'output_dir': Required argument"},
+      {{"--size", "3"}, "Argument '--size': '--size' is not a valid argument\n"},
+      {{"a.jpg", "--src", "b.jpg"}, "Global: '--src' is not a valid positional argument"},
+      {{"--src", "--output_dir", "out"}, "Argument 'src': Expect 1 arguments, but threre are 0"},
+      {{"--src", "a.jpg", "--output_dir"}, "Argument 'output_dir': Expect 1 arguments, but threre are 0"},
+  };
+  for (const Case& c : cases) {
+    ProcessResult run = RunTool(c.args);
+    ASSERT_TRUE(run.exited);
+    EXPECT_EQ(255, run.status);
+    EXPECT_EQ("Argument error. (reason: " + c.reason + ")\n", run.err);
+    EXPECT_EQ(HelpText(), run.out);
+  }
+}
+
+class ToolRunTest : public ::testing::Test {
+ protected:
+  // Runs the tool on `src` into out_ and checks what every run must hold.
+  ProcessResult Run(const std::string& src) {
+    ProcessResult run = RunTool({"--output_dir", out_.path(), "--src", src});
+    EXPECT_TRUE(run.exited);
+    EXPECT_EQ(0, run.status);
+    return run;
+  }
+
+  ScratchDir in_;
+  ScratchDir out_;
+};
+
+TEST_F(ToolRunTest, PicturesGiveFourThumbnailsAndASortedReport) {
+  struct Case {
+    std::string name;
+    int width, height;
+  };
+  const Case cases[] = {{"photo.JPG", 2000, 1500}, {"drawing.png", 300, 200}};
+  for (const Case& c : cases) {
+    const std::string src = in_.Join(c.name);
+    if (!MakePicture(src, c.width, c.height)) GTEST_SKIP() << "cannot make test pictures";
+    ProcessResult run = Run(src);
+
+    const std::vector<std::string> files = out_.List();
+    ASSERT_EQ(4u, files.size()) << run.err;
+    const char* names[] = {"large", "medium", "small", "small-medium"};
+    const int edges[] = {1280, 320, 120, 240};
+    std::string expected = "{\n";
+    for (int i = 0; i < 4; ++i) {
+      // The report names files of the output directory.
+      const size_t at = run.out.find("\"" + std::string(names[i]) + "\" : \"" + out_.path() + "/");
+      ASSERT_NE(std::string::npos, at) << run.out;
+      const std::string path = run.out.substr(at + std::string(names[i]).size() + 6, out_.path().size() + 9);
+      EXPECT_TRUE(std::binary_search(files.begin(), files.end(), path)) << path;
+      expected += "   \"" + std::string(names[i]) + "\" : \"" + path + "\"" + (i < 3 ? ",\n" : "\n");
+
+      // Shorter side the edge, or the original when smaller; never enlarged.
+      const ImageSize size = ReadImageSize(path);
+      EXPECT_TRUE(size.is_jpeg);
+      const int short_side = std::min(size.width, size.height);
+      EXPECT_EQ(std::min(edges[i], std::min(c.width, c.height)), short_side) << c.name << " " << names[i];
+      const double scale = static_cast<double>(short_side) / std::min(c.width, c.height);
+      EXPECT_NEAR(std::max(c.width, c.height) * scale, std::max(size.width, size.height), 1.0);
+    }
+    EXPECT_EQ(expected + "}\n\n", run.out);
+
+    for (const std::string& file : files) std::remove(file.c_str());
+  }
+}
+
+TEST_F(ToolRunTest, NothingMadePrintsNullAndLeavesNothing) {
+  const std::string garbage = in_.Join("broken.jpg");
+  FILE* f = fopen(garbage.c_str(), "wb");
+  ASSERT_NE(nullptr, f);
+  fputs("not a picture", f);
+  fclose(f);
+  const std::string sources[] = {in_.Join("notes.txt"), in_.Join("README"), garbage, in_.Join("missing.png")};
+  for (const std::string& src : sources) {
+    ProcessResult run = Run(src);
+    EXPECT_EQ("null\n\n", run.out) << src;
+    EXPECT_TRUE(out_.List().empty()) << src;
+  }
+}
+
+}  // namespace
+}  // namespace tessera
