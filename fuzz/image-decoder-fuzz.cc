@@ -1,0 +1,70 @@
+// Fuzzes one format family of the provider's decoders on in-memory input.
+// Built once per family with TESSERA_FUZZ_FORMAT naming an ImageFormat
+// enumerator. The input is decoded by that family's decoder whatever its
+// magic says (decoders must refuse foreign bytes cleanly), at a target edge
+// that varies with the input, and the result is checked against the
+// provider's contract: a non-empty bitmap whose longer side is at most cx,
+// every byte of it readable.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "lib/image/bitmap.h"
+#include "lib/image/byte-source.h"
+#include "lib/image/image-decoder.h"
+
+#ifndef TESSERA_FUZZ_FORMAT
+#error "TESSERA_FUZZ_FORMAT must name an ImageFormat enumerator"
+#endif
+
+namespace {
+
+using tessera::image::Bitmap;
+using tessera::image::ByteSource;
+using tessera::image::ImageFormat;
+
+// The edges the tool asks for (three times 120, 240, 320 and 1280), plus a
+// degenerate one.
+constexpr uint32_t kEdges[] = {360, 720, 960, 3840, 1};
+
+uint32_t EdgeFor(const uint8_t* data, size_t size) {
+  uint32_t mix = static_cast<uint32_t>(size);
+  if (size > 0) mix += data[size / 2];
+  return kEdges[mix % (sizeof(kEdges) / sizeof(kEdges[0]))];
+}
+
+void CheckContract(const Bitmap& bitmap, uint32_t cx) {
+  if (bitmap.empty() || bitmap.width() <= 0 || bitmap.height() <= 0) std::abort();
+  const uint32_t longer = static_cast<uint32_t>(
+      bitmap.width() > bitmap.height() ? bitmap.width() : bitmap.height());
+  if (longer > cx) std::abort();
+  // Touch every byte so that ASan sees a short buffer and MSan-like tools an
+  // uninitialised one.
+  volatile uint8_t sink = 0;
+  const uint8_t* pixels = bitmap.data();
+  for (size_t i = 0; i < bitmap.byte_size(); ++i) sink = sink ^ pixels[i];
+  (void)sink;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static constexpr ImageFormat kFormat = ImageFormat::TESSERA_FUZZ_FORMAT;
+  std::unique_ptr<tessera::image::ImageDecoder> decoder = tessera::image::CreateImageDecoder(kFormat);
+  if (decoder == nullptr) return 0;  // the family is not built into this configuration
+
+  // The sniffer must never read past what it is given.
+  (void)tessera::image::SniffImageFormat(data, size < 16 ? size : 16);
+  (void)tessera::image::SniffImageFormat(data, size);
+
+  const uint32_t cx = EdgeFor(data, size);
+  std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, size);
+  Bitmap bitmap;
+  if (decoder->Decode(source.get(), cx, &bitmap).ok()) {
+    CheckContract(bitmap, cx);
+  } else if (!bitmap.empty()) {
+    std::abort();  // output must be untouched on failure
+  }
+  return 0;
+}
