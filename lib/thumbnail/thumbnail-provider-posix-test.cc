@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <string>
 
@@ -63,6 +64,23 @@ TEST_F(PosixProviderTest, ChoosesTheDecoderByContentNotByName) {
   ASSERT_EQ(jpeg->GetThumbnail(360, &bitmap), 0);
   EXPECT_EQ(bitmap.width(), 40);
   EXPECT_EQ(bitmap.height(), 30);
+}
+
+TEST_F(PosixProviderTest, VideoContentGoesToTheVideoPath) {
+  const std::string clip = dir_ + "/clip.bin";
+  created_.push_back(clip);
+  ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -y -f lavfi -i color=c=red:s=96x64:d=2 "
+                         "-c:v mpeg4 -f mp4 '" + clip + "' >/dev/null 2>&1").c_str()),
+            0);
+  ASSERT_EQ(provider_->CreateItem(std::u16string(clip.begin(), clip.end())), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  image::Bitmap bitmap;
+  ASSERT_EQ(provider_->GetThumbnail(48, &bitmap), 0);
+  EXPECT_EQ(bitmap.width(), 48);
+  EXPECT_EQ(bitmap.height(), 32);
+  const uint8_t* center = bitmap.row(16) + 24 * 4;
+  EXPECT_GT(center[2], 200);
+  EXPECT_LT(center[1], 60);
 }
 
 TEST_F(PosixProviderTest, FailsEachStepWithItsOwnCode) {

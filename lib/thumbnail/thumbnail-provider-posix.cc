@@ -2,7 +2,9 @@
 //
 //   CreateItem     the path names a regular file we can open (never blocks:
 //                  FIFOs and devices are refused at once)
-//   BindToHandler  sniffs the first bytes and picks a decoder
+//   BindToHandler  sniffs the first bytes and picks a decoder; content that
+//                  is no image format goes to the video path when a demuxer
+//                  recognises it as a video (or a file with cover art)
 //   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
 #include <errno.h>
 
@@ -13,6 +15,7 @@
 #include "lib/image/image-decoder.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/thumbnail/video-thumbnail.h"
 #include "lib/utility/text-conversion.h"
 
 namespace tessera {
@@ -39,6 +42,8 @@ int32_t OpenErrorCode(const Status& status) {
 int32_t DecodeErrorCode(const Status& status) {
   if (image::IsImageTooLarge(status)) return kProviderTooLarge;
   switch (status.code()) {
+    case Status::Code::kTimeout:
+      return -ETIMEDOUT;
     case Status::Code::kNotFound:
       return -ENOENT;
     case Status::Code::kIoError:
@@ -55,6 +60,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
   int32_t CreateItem(const std::u16string& path) override {
     source_.reset();
     decoder_.reset();
+    video_ = false;
     if (utility::UTF16ToUTF8(path, &path_) != 0) return -EINVAL;
     Status status = image::ByteSource::OpenFile(path_, &source_);
     if (!status.ok()) {
@@ -71,19 +77,22 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     if (got < 0) return -EIO;
     const image::ImageFormat format = image::SniffImageFormat(head, static_cast<size_t>(got));
     decoder_ = image::CreateImageDecoder(format);
-    if (!decoder_) {
-      LOG_DEBUG(kLogComponent, "no decoder for '%s' (format %d)", path_.c_str(),
-                static_cast<int>(format));
-      return kProviderNoHandler;
+    if (decoder_) return 0;
+    if (format == image::ImageFormat::kUnknown && IsVideoContent(path_)) {
+      video_ = true;
+      return 0;
     }
-    return 0;
+    LOG_DEBUG(kLogComponent, "no decoder for '%s' (format %d)", path_.c_str(),
+              static_cast<int>(format));
+    return kProviderNoHandler;
   }
 
   int32_t GetThumbnail(uint32_t cx, image::Bitmap* out) override {
-    if (!decoder_) return kProviderNotReady;
+    if (!decoder_ && !video_) return kProviderNotReady;
     if (cx == 0) return -EINVAL;
     image::Bitmap bitmap;
-    Status status = decoder_->Decode(source_.get(), cx, &bitmap);
+    Status status = video_ ? ExtractVideoThumbnail(path_, cx, &bitmap)
+                           : decoder_->Decode(source_.get(), cx, &bitmap);
     if (!status.ok()) {
       LOG_DEBUG(kLogComponent, "decoding '%s' failed: %s", path_.c_str(),
                 status.ToString().c_str());
@@ -97,6 +106,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
   std::string path_;
   std::unique_ptr<image::ByteSource> source_;
   std::unique_ptr<image::ImageDecoder> decoder_;
+  bool video_ = false;
 };
 
 }  // namespace
