@@ -1,0 +1,304 @@
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "lib/image/decoders.h"
+#include "lib/image/testing/bitmap-probe.h"
+#include "lib/image/testing/image-fixtures.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+using testing::MeanColor;
+using testing::Rgb;
+
+void Put16(std::string* s, uint32_t v) {
+  s->push_back(static_cast<char>(v & 0xFF));
+  s->push_back(static_cast<char>((v >> 8) & 0xFF));
+}
+void Put32(std::string* s, uint32_t v) {
+  Put16(s, v & 0xFFFF);
+  Put16(s, v >> 16);
+}
+
+struct BmpSpec {
+  int width = 5;
+  int height = 6;
+  int bits = 24;
+  uint32_t compression = 0;
+  uint32_t info_size = 40;
+  bool top_down = false;
+  std::vector<uint32_t> masks;      // after a 40-byte header, or inside a larger one
+  std::vector<uint32_t> palette;    // 0x00RRGGBB
+  std::string pixels;               // rows in file order, padded
+};
+
+std::string Encode(const BmpSpec& spec) {
+  std::string info;
+  const bool core = spec.info_size == 12;
+  if (core) {
+    Put32(&info, 12);
+    Put16(&info, spec.width);
+    Put16(&info, spec.height);
+    Put16(&info, 1);
+    Put16(&info, spec.bits);
+  } else {
+    Put32(&info, spec.info_size);
+    Put32(&info, spec.width);
+    Put32(&info, static_cast<uint32_t>(spec.top_down ? -spec.height : spec.height));
+    Put16(&info, 1);
+    Put16(&info, spec.bits);
+    Put32(&info, spec.compression);
+    Put32(&info, static_cast<uint32_t>(spec.pixels.size()));
+    Put32(&info, 2835);
+    Put32(&info, 2835);
+    Put32(&info, static_cast<uint32_t>(spec.palette.size()));
+    Put32(&info, 0);
+    const bool inside = spec.info_size >= 52;
+    for (uint32_t mask : spec.masks) {
+      if (inside) Put32(&info, mask);
+    }
+    info.resize(spec.info_size, '\0');
+    if (!inside) {
+      for (uint32_t mask : spec.masks) Put32(&info, mask);
+    }
+  }
+  for (uint32_t c : spec.palette) {
+    Put16(&info, c & 0xFFFF);  // B, G
+    info.push_back(static_cast<char>((c >> 16) & 0xFF));
+    if (!core) info.push_back('\0');
+  }
+  std::string out = "BM";
+  Put32(&out, static_cast<uint32_t>(14 + info.size() + spec.pixels.size()));
+  Put32(&out, 0);
+  Put32(&out, static_cast<uint32_t>(14 + info.size()));
+  return out + info + spec.pixels;
+}
+
+// Rows of `spec` from a per-pixel function of the displayed position; the
+// function returns the packed sample (index or bit-field value).
+void FillPixels(BmpSpec* spec, const std::function<uint32_t(int x, int y)>& sample) {
+  const size_t stride = (static_cast<size_t>(spec->width) * spec->bits + 31) / 32 * 4;
+  spec->pixels.assign(stride * spec->height, '\0');
+  for (int r = 0; r < spec->height; ++r) {
+    const int y = spec->top_down ? r : spec->height - 1 - r;
+    uint8_t* line = reinterpret_cast<uint8_t*>(&spec->pixels[r * stride]);
+    for (int x = 0; x < spec->width; ++x) {
+      const uint32_t v = sample(x, y);
+      if (spec->bits < 8) {
+        const int bit = x * spec->bits;
+        line[bit / 8] |= static_cast<uint8_t>(v << (8 - spec->bits - bit % 8));
+      } else {
+        for (int b = 0; b < spec->bits / 8; ++b) line[x * spec->bits / 8 + b] = (v >> (8 * b)) & 0xFF;
+      }
+    }
+  }
+}
+
+Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  return CreateBmpDecoder()->Decode(source.get(), cx, out);
+}
+
+void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& what) {
+  EXPECT_NEAR(c.r, r, 3) << what << " " << testing::ToString(c);
+  EXPECT_NEAR(c.g, g, 3) << what << " " << testing::ToString(c);
+  EXPECT_NEAR(c.b, b, 3) << what << " " << testing::ToString(c);
+}
+
+// Top half red, bottom half blue: shows both the colours and which way up.
+void ExpectRedOverBlue(const BmpSpec& spec, const std::string& what) {
+  Bitmap bitmap;
+  const Status status = Decode(Encode(spec), 100, &bitmap);
+  ASSERT_TRUE(status.ok()) << what << ": " << status.ToString();
+  EXPECT_EQ(bitmap.width(), spec.width) << what;
+  EXPECT_EQ(bitmap.height(), spec.height) << what;
+  ExpectColor(MeanColor(bitmap, 0, 0, spec.width, spec.height / 2), 255, 0, 0, what + " top");
+  ExpectColor(MeanColor(bitmap, 0, spec.height / 2, spec.width, spec.height), 0, 0, 255, what + " bottom");
+}
+
+TEST(BmpDecoderTest, EveryDepthAndLayout) {
+  const int half = 3;  // of the 6 rows
+  auto red_over_blue = [&](uint32_t red, uint32_t blue) {
+    return [=](int, int y) { return y < half ? red : blue; };
+  };
+  for (bool top_down : {false, true}) {
+    const std::string way = top_down ? " top-down" : " bottom-up";
+    for (int bits : {1, 2, 4, 8}) {
+      BmpSpec spec;
+      spec.bits = bits;
+      spec.top_down = top_down;
+      spec.palette = {0x00FF00, 0xFF0000, 0x0000FF};  // index 0 unused
+      FillPixels(&spec, red_over_blue(1, bits == 1 ? 0 : 2));
+      if (bits == 1) spec.palette = {0x0000FF, 0xFF0000};
+      ExpectRedOverBlue(spec, std::to_string(bits) + "-bit" + way);
+    }
+    BmpSpec rgb24;
+    rgb24.top_down = top_down;
+    FillPixels(&rgb24, red_over_blue(0xFF0000, 0x0000FF));
+    ExpectRedOverBlue(rgb24, "24-bit" + way);
+
+    BmpSpec rgb555;
+    rgb555.bits = 16;
+    rgb555.top_down = top_down;
+    FillPixels(&rgb555, red_over_blue(0x7C00, 0x001F));
+    ExpectRedOverBlue(rgb555, "16-bit 555" + way);
+
+    BmpSpec rgb565 = rgb555;
+    rgb565.compression = 3;
+    rgb565.masks = {0xF800, 0x07E0, 0x001F};
+    FillPixels(&rgb565, red_over_blue(0xF800, 0x001F));
+    ExpectRedOverBlue(rgb565, "16-bit 565" + way);
+
+    // The fourth byte without bit fields is padding, even when zero.
+    BmpSpec rgb32;
+    rgb32.bits = 32;
+    rgb32.top_down = top_down;
+    FillPixels(&rgb32, red_over_blue(0xFF0000, 0x0000FF));
+    ExpectRedOverBlue(rgb32, "32-bit" + way);
+
+    // Unusual bit fields in a V3 header: 10-bit channels.
+    BmpSpec rgb10 = rgb32;
+    rgb10.compression = 3;
+    rgb10.info_size = 56;
+    rgb10.masks = {0x3FF00000, 0x000FFC00, 0x000003FF, 0};
+    FillPixels(&rgb10, red_over_blue(0x3FF00000, 0x3FF));
+    ExpectRedOverBlue(rgb10, "32-bit 10-10-10" + way);
+  }
+
+  BmpSpec os2;
+  os2.info_size = 12;
+  os2.bits = 8;
+  os2.palette = {0xFF0000, 0x0000FF};
+  FillPixels(&os2, [](int, int y) { return y < 3 ? 0u : 1u; });
+  ExpectRedOverBlue(os2, "OS/2 core header");
+}
+
+TEST(BmpDecoderTest, AlphaIsFlattenedOverWhite) {
+  // V5 header, alpha mask: left half opaque green, right half transparent.
+  BmpSpec spec;
+  spec.width = 8;
+  spec.bits = 32;
+  spec.compression = 3;
+  spec.info_size = 124;
+  spec.masks = {0x00FF0000, 0x0000FF00, 0x000000FF, 0xFF000000};
+  FillPixels(&spec, [](int x, int) { return x < 4 ? 0xFF00FF00u : 0x0000FF00u; });
+  Bitmap bitmap;
+  ASSERT_TRUE(Decode(Encode(spec), 8, &bitmap).ok());
+  ExpectColor(MeanColor(bitmap, 0, 0, 4, 6), 0, 255, 0, "opaque");
+  ExpectColor(MeanColor(bitmap, 4, 0, 8, 6), 255, 255, 255, "transparent");
+  for (int x = 0; x < 8; ++x) EXPECT_EQ(bitmap.row(0)[x * 4 + 3], 255);
+}
+
+TEST(BmpDecoderTest, RunLengthEncoded) {
+  // RLE8, 6x4 bottom-up. File order: bottom row blue; a delta skips the
+  // second row; third row: three literal red, then a run of 3 red; top row
+  // ended by end-of-bitmap after two red pixels (the rest skipped).
+  BmpSpec spec;
+  spec.width = 6;
+  spec.height = 4;
+  spec.bits = 8;
+  spec.compression = 1;
+  spec.palette = {0xFF0000, 0x0000FF};
+  const uint8_t rle8[] = {6, 1, 0, 0,              // row 3: six blue, end of line
+                          0, 2, 0, 1,              // delta: one row down
+                          0, 3, 0, 0, 0, 0,        // row 1: literal 0 0 0, padded,
+                          3, 0, 0, 0,              //        run 3 x 0, EOL
+                          2, 0, 0, 1};             // row 0: run 2 x 0, end of bitmap
+  spec.pixels.assign(reinterpret_cast<const char*>(rle8), sizeof(rle8));
+  Bitmap bitmap;
+  ASSERT_TRUE(Decode(Encode(spec), 100, &bitmap).ok());
+  ASSERT_EQ(bitmap.height(), 4);
+  ExpectColor(MeanColor(bitmap, 0, 3, 6, 4), 0, 0, 255, "bottom row");
+  ExpectColor(MeanColor(bitmap, 0, 2, 6, 3), 255, 255, 255, "skipped row");
+  ExpectColor(MeanColor(bitmap, 0, 1, 6, 2), 255, 0, 0, "literal and run");
+  ExpectColor(MeanColor(bitmap, 0, 0, 2, 1), 255, 0, 0, "top row start");
+  ExpectColor(MeanColor(bitmap, 2, 0, 6, 1), 255, 255, 255, "top row after end");
+
+  // RLE4: runs alternate the two nibbles of their byte.
+  spec.bits = 4;
+  spec.compression = 2;
+  spec.height = 2;
+  const uint8_t rle4[] = {6, 0x10, 0, 0,           // bottom: blue red blue red blue red
+                          0, 3, 0x00, 0x00, 3, 0x00, 0, 1};  // top: literal of 3 red, run of 3 red
+  spec.pixels.assign(reinterpret_cast<const char*>(rle4), sizeof(rle4));
+  ASSERT_TRUE(Decode(Encode(spec), 100, &bitmap).ok());
+  ExpectColor(MeanColor(bitmap, 0, 0, 6, 1), 255, 0, 0, "RLE4 top");
+  ExpectColor(MeanColor(bitmap, 0, 1, 1, 2), 0, 0, 255, "RLE4 bottom first");
+  ExpectColor(MeanColor(bitmap, 1, 1, 2, 2), 255, 0, 0, "RLE4 bottom second");
+}
+
+TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
+  BmpSpec spec;
+  spec.width = 64;
+  spec.height = 32;
+  FillPixels(&spec, [](int x, int) { return x < 32 ? 0xFF0000u : 0x00FF00u; });
+  Bitmap bitmap;
+  ASSERT_TRUE(Decode(Encode(spec), 16, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 16);
+  EXPECT_EQ(bitmap.height(), 8);
+  ExpectColor(MeanColor(bitmap, 0, 0, 8, 8), 255, 0, 0, "reduced left");
+
+  testing::PngImage png;
+  png.width = 20;
+  png.height = 10;
+  png.color_type = 2;
+  png.samples.assign(20 * 10 * 3, 0);
+  for (size_t i = 2; i < png.samples.size(); i += 3) png.samples[i] = 255;
+  BmpSpec wrapped;
+  wrapped.width = 20;
+  wrapped.height = 10;
+  wrapped.bits = 0;
+  wrapped.compression = 5;
+  wrapped.pixels = testing::EncodePng(png);
+  ASSERT_TRUE(Decode(Encode(wrapped), 100, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 20);
+  ExpectColor(MeanColor(bitmap), 0, 0, 255, "embedded PNG");
+}
+
+TEST(BmpDecoderTest, HostileInputFailsCleanly) {
+  BmpSpec spec;
+  spec.bits = 8;
+  spec.palette = {0xFF0000};  // indices past the table
+  FillPixels(&spec, [](int x, int) { return x * 50u; });
+  const std::string bmp = Encode(spec);
+  Bitmap bitmap;
+  ASSERT_TRUE(Decode(bmp, 100, &bitmap).ok());
+  ExpectColor(MeanColor(bitmap, 1, 0, 5, 6), 0, 0, 0, "outside the palette");
+  for (size_t n = 0; n < bmp.size(); ++n) Decode(bmp.substr(0, n), 100, &bitmap);
+  EXPECT_FALSE(Decode(bmp.substr(0, 20), 100, &bitmap).ok());
+
+  // Declared sizes over the limits are refused before any allocation.
+  BmpSpec huge;
+  huge.width = 1 << 20;
+  huge.height = 1 << 20;
+  huge.pixels = "xxxx";
+  EXPECT_TRUE(IsImageTooLarge(Decode(Encode(huge), 100, &bitmap)));
+
+  // RLE data that runs past the row and the image is cut, not written past.
+  BmpSpec rle;
+  rle.width = 3;
+  rle.height = 2;
+  rle.bits = 8;
+  rle.compression = 1;
+  rle.palette = {0xFF0000};
+  const uint8_t data[] = {255, 0, 0, 200, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 255, 255, 0, 2, 9, 9};
+  rle.pixels.assign(reinterpret_cast<const char*>(data), sizeof(data));
+  EXPECT_TRUE(Decode(Encode(rle), 100, &bitmap).ok());
+  const std::string rle_bytes = Encode(rle);
+  for (size_t n = 0; n < rle_bytes.size(); ++n) Decode(rle_bytes.substr(0, n), 100, &bitmap);
+
+  // Mismatched depth and compression, and unknown compression.
+  BmpSpec bad = spec;
+  bad.compression = 2;  // RLE4 at 8 bits
+  EXPECT_FALSE(Decode(Encode(bad), 100, &bitmap).ok());
+  bad.compression = 11;
+  EXPECT_FALSE(Decode(Encode(bad), 100, &bitmap).ok());
+}
+
+}  // namespace
+}  // namespace image
+}  // namespace tessera
