@@ -9,7 +9,8 @@
 
 #include "lib/image/limits.h"
 
-#if defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2)
+#if !defined(TESSERA_AREA_RESAMPLE_PORTABLE) && \
+    (defined(__SSE2__) || defined(_M_X64) || (defined(_M_IX86_FP) && _M_IX86_FP >= 2))
 #include <emmintrin.h>
 #define TESSERA_AREA_RESAMPLE_SSE2 1
 #endif
