@@ -148,34 +148,58 @@ void BuildColumnTable(int src, int dst, double scale, ColumnTable* table) {
   }
 }
 
-template <int kTaps>
-void ReduceRowFixed(const Pixel* in, const ColumnTable& table, int dst_width, Pixel* out) {
+// The horizontal pass. `Source` yields source pixel i as a Pixel: column
+// sums in float, or in 16-bit integers when only whole rows were added (read
+// directly, saving a conversion pass over the row).
+struct FloatColumns {
+  const Pixel* sums;
+  Pixel operator[](int i) const { return sums[i]; }
+};
+struct IntegerColumns {
+  const uint16_t* sums;
+  Pixel operator[](int i) const { return PixelFromWords(sums + i * kChannels); }
+};
+
+template <int kTaps, typename Source>
+void ReduceRowFixed(Source in, const ColumnTable& table, int dst_width, Pixel* out) {
   const int* starts = table.starts.data();
   const Pixel* w = table.weights.data();
   for (int x = 0; x < dst_width; ++x, w += kTaps) {
-    const Pixel* p = in + starts[x];
-    Pixel sum = PixelMul(w[0], p[0]);
-    for (int k = 1; k < kTaps; ++k) sum = PixelAdd(sum, PixelMul(w[k], p[k]));
+    const int p = starts[x];
+    Pixel sum = PixelMul(w[0], in[p]);
+    for (int k = 1; k < kTaps; ++k) sum = PixelAdd(sum, PixelMul(w[k], in[p + k]));
     out[x] = sum;
   }
 }
 
 // Any tap count; two running sums halve the dependency chain.
-void ReduceRowAny(const Pixel* in, const ColumnTable& table, int dst_width, Pixel* out) {
+template <typename Source>
+void ReduceRowAny(Source in, const ColumnTable& table, int dst_width, Pixel* out) {
   const int taps = table.taps;
   const int* starts = table.starts.data();
   const Pixel* w = table.weights.data();
   for (int x = 0; x < dst_width; ++x, w += taps) {
-    const Pixel* p = in + starts[x];
-    Pixel even = PixelMul(w[0], p[0]);
-    Pixel odd = PixelMul(w[1], p[1]);
+    const int p = starts[x];
+    Pixel even = PixelMul(w[0], in[p]);
+    Pixel odd = PixelMul(w[1], in[p + 1]);
     int k = 2;
     for (; k + 1 < taps; k += 2) {
-      even = PixelAdd(even, PixelMul(w[k], p[k]));
-      odd = PixelAdd(odd, PixelMul(w[k + 1], p[k + 1]));
+      even = PixelAdd(even, PixelMul(w[k], in[p + k]));
+      odd = PixelAdd(odd, PixelMul(w[k + 1], in[p + k + 1]));
     }
-    if (k < taps) even = PixelAdd(even, PixelMul(w[k], p[k]));
+    if (k < taps) even = PixelAdd(even, PixelMul(w[k], in[p + k]));
     out[x] = PixelAdd(even, odd);
+  }
+}
+
+template <typename Source>
+void ReduceRow(Source in, const ColumnTable& table, int dst_width, Pixel* out) {
+  switch (table.taps) {
+    case 1: ReduceRowFixed<1>(in, table, dst_width, out); break;
+    case 2: ReduceRowFixed<2>(in, table, dst_width, out); break;
+    case 3: ReduceRowFixed<3>(in, table, dst_width, out); break;
+    case 4: ReduceRowFixed<4>(in, table, dst_width, out); break;
+    default: ReduceRowAny(in, table, dst_width, out); break;
   }
 }
 
@@ -255,20 +279,19 @@ struct ReducerCore {
 
   // Reduces the finished column sums horizontally into the next target row.
   void EmitRow() {
-    if (integer_rows > 0) FoldIntegersIntoFloats();
-    if (!float_dirty) AddConstant(0.0f);
-    const Pixel* in = float_sums.data();
     Pixel* values = reduced.data();
-    switch (columns.taps) {
-      case 1: ReduceRowFixed<1>(in, columns, dst_width, values); break;
-      case 2: ReduceRowFixed<2>(in, columns, dst_width, values); break;
-      case 3: ReduceRowFixed<3>(in, columns, dst_width, values); break;
-      case 4: ReduceRowFixed<4>(in, columns, dst_width, values); break;
-      default: ReduceRowAny(in, columns, dst_width, values); break;
+    if (!float_dirty) {
+      // Every row is whole (or, at Finish, nothing was added at all).
+      if (integer_rows == 0) std::fill(integer_sums.begin(), integer_sums.end(), 0);
+      ReduceRow(IntegerColumns{integer_sums.data()}, columns, dst_width, values);
+    } else {
+      if (integer_rows > 0) FoldIntegersIntoFloats();
+      ReduceRow(FloatColumns{float_sums.data()}, columns, dst_width, values);
     }
     uint8_t* bytes = out.row(next_dst_row);
     for (int x = 0; x < dst_width; ++x) PixelToBytes(values[x], bytes + x * kChannels);
     float_dirty = false;
+    integer_rows = 0;
     ++next_dst_row;
   }
 
