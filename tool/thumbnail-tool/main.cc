@@ -9,6 +9,7 @@
 
 #include "lib/argument/argument-parser.h"
 #include "lib/thumbnail/thumbnail-job.h"
+#include "tool/thumbnail-tool/process-limits.h"
 #include "tool/thumbnail-tool/report.h"
 
 namespace {
@@ -46,6 +47,7 @@ std::string MissingValueReason(const tessera::argument::ParseResult& result) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  tessera::tool::ApplyProcessLimits();
   tessera::argument::ArgumentParser parser;
   tessera::argument::ParseResult parsed;
   RegisterArguments(&parser);
