@@ -24,7 +24,8 @@ class ImageEncoderTest : public ::testing::Test {
  protected:
   void SetUp() override {
     const char* base = std::getenv("TESSERA_TEST_TMPDIR");
-    std::string root = base != nullptr && *base != '\0' ? base : "/tmp";
+    std::string root = base != nullptr && *base != '\0' ? base : ::testing::TempDir();
+    if (root.size() > 1 && root.back() == '/') root.pop_back();
     ::mkdir(root.c_str(), 0700);
     std::string pattern = root + "/image-encoder-XXXXXX";
     ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
