@@ -172,6 +172,45 @@ ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLay
   return result;
 }
 
+ColorTransform ColorTransform::FromChromaticities(const Chromaticities& space, PixelLayout layout) {
+  ColorTransform result;
+  result.impl_->layout = layout;
+  if (layout != PixelLayout::kBgra8 && layout != PixelLayout::kRgb8) return result;
+  const double* xy[4] = {space.red, space.green, space.blue, space.white};
+  static const double kSrgb[4][2] = {{0.64, 0.33}, {0.30, 0.60}, {0.15, 0.06}, {0.3127, 0.3290}};
+  bool srgb_space = true;
+  for (int i = 0; i < 4; ++i) {
+    // y = 0 would divide by zero in the XYZ conversion.
+    if (!(xy[i][0] > 0 && xy[i][0] < 1 && xy[i][1] > 0.001 && xy[i][1] < 1)) return result;
+    srgb_space = srgb_space && std::fabs(xy[i][0] - kSrgb[i][0]) < 0.001 && std::fabs(xy[i][1] - kSrgb[i][1]) < 0.001;
+  }
+  if (srgb_space) return result;
+
+  ContextPtr context = NewContext();
+  if (!context) return result;
+  const cmsCIExyY white = {space.white[0], space.white[1], 1.0};
+  const cmsCIExyYTRIPLE primaries = {{space.red[0], space.red[1], 1.0},
+                                     {space.green[0], space.green[1], 1.0},
+                                     {space.blue[0], space.blue[1], 1.0}};
+  // The sRGB curve: IEC 61966-2-1 as an ICC parametric curve of type 4.
+  const cmsFloat64Number kSrgbCurve[5] = {2.4, 1.0 / 1.055, 0.055 / 1.055, 1.0 / 12.92, 0.04045};
+  cmsToneCurve* curve = cmsBuildParametricToneCurve(context.get(), 4, kSrgbCurve);
+  if (curve == nullptr) return result;
+  cmsToneCurve* curves[3] = {curve, curve, curve};
+  ProfilePtr input(cmsCreateRGBProfileTHR(context.get(), &white, &primaries, curves));
+  cmsFreeToneCurve(curve);
+  if (!input) return result;
+  ProfilePtr srgb(cmsCreate_sRGBProfileTHR(context.get()));
+  if (!srgb) return result;
+  const cmsUInt32Number flags = layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0;
+  TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout), srgb.get(),
+                                               TYPE_BGRA_8, INTENT_RELATIVE_COLORIMETRIC, flags));
+  if (!transform) return result;
+  result.impl_->context = std::move(context);
+  result.impl_->transform = std::move(transform);
+  return result;
+}
+
 bool ColorTransform::is_identity() const { return !impl_->transform && !impl_->built_in_cmyk; }
 
 void ColorTransform::Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_count) const {

@@ -19,6 +19,15 @@ enum class PixelLayout {
   kCmyk8,  // 4 bytes: C, M, Y, K with 0 = no ink
 };
 
+// CIE 1931 xy chromaticities of an RGB colour space's primaries and white,
+// as container colour descriptions (nclx) declare them.
+struct Chromaticities {
+  double red[2];
+  double green[2];
+  double blue[2];
+  double white[2];
+};
+
 class ColorTransform {
  public:
   ColorTransform();
@@ -33,6 +42,12 @@ class ColorTransform {
   // input, which always gets a CMYK conversion (a built-in one without a
   // usable profile).
   static ColorTransform FromIcc(const uint8_t* icc, size_t size, PixelLayout layout);
+
+  // A transform to sRGB for RGB input (kBgra8 or kRgb8) in the space with the
+  // given chromaticities and the sRGB tone curve, relative colorimetric.
+  // Returns the identity transform for sRGB's own chromaticities, for values
+  // that do not make a colour space, and for other layouts.
+  static ColorTransform FromChromaticities(const Chromaticities& space, PixelLayout layout);
 
   // True when Apply only rearranges bytes (no colour change).
   bool is_identity() const;

@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -60,14 +63,78 @@ HandlePtr ChooseThumbnail(heif_image_handle* primary, uint32_t cx) {
   return best;
 }
 
+struct NclxFreer {
+  void operator()(heif_color_profile_nclx* nclx) const { heif_nclx_color_profile_free(nclx); }
+};
+
+// An nclx description with primaries other than BT.709's (which are sRGB's)
+// or "unspecified" gives a conversion from those primaries.
+ColorTransform NclxTransformFor(heif_image_handle* handle) {
+  heif_color_profile_nclx* raw = nullptr;
+  if (heif_image_handle_get_nclx_color_profile(handle, &raw).code != heif_error_Ok || raw == nullptr) {
+    return ColorTransform();
+  }
+  std::unique_ptr<heif_color_profile_nclx, NclxFreer> nclx(raw);
+  if (nclx->color_primaries == heif_color_primaries_ITU_R_BT_709_5 ||
+      nclx->color_primaries == heif_color_primaries_unspecified) {
+    return ColorTransform();
+  }
+  const Chromaticities space = {{nclx->color_primary_red_x, nclx->color_primary_red_y},
+                                {nclx->color_primary_green_x, nclx->color_primary_green_y},
+                                {nclx->color_primary_blue_x, nclx->color_primary_blue_y},
+                                {nclx->color_primary_white_x, nclx->color_primary_white_y}};
+  return ColorTransform::FromChromaticities(space, PixelLayout::kBgra8);
+}
+
+// An ICC profile wins over an nclx description.
 ColorTransform TransformFor(heif_image_handle* handle) {
   const heif_color_profile_type type = heif_image_handle_get_color_profile_type(handle);
-  if (type != heif_color_profile_type_prof && type != heif_color_profile_type_rICC) return ColorTransform();
+  if (type != heif_color_profile_type_prof && type != heif_color_profile_type_rICC) {
+    return NclxTransformFor(handle);
+  }
   const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
   if (size == 0 || size > (size_t{16} << 20)) return ColorTransform();
   std::vector<uint8_t> icc(size);
   if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok) return ColorTransform();
   return ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
+}
+
+// The tool asks for one file at several sizes in a row, and HEVC has no
+// reduced decode, so the last primary image decoded is kept (up to
+// kMaxCachedBytes), keyed by the file's size and a hash of its bytes: the
+// second and later sizes then cost a reduction only.
+constexpr size_t kMaxCachedBytes = size_t{128} << 20;
+
+struct DecodedImage {
+  uint64_t file_size = 0;
+  size_t file_hash = 0;
+  int width = 0;
+  int height = 0;
+  std::vector<uint8_t> bgra;  // sRGB, straight alpha
+};
+
+class RecentImageCache {
+ public:
+  std::shared_ptr<const DecodedImage> Find(uint64_t file_size, size_t file_hash) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (image_ && image_->file_size == file_size && image_->file_hash == file_hash) return image_;
+    return nullptr;
+  }
+  void Store(std::shared_ptr<const DecodedImage> image) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    image_ = std::move(image);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::shared_ptr<const DecodedImage> image_;
+};
+
+// Never destroyed: a timed-out job's thread may still decode while the
+// process exits.
+RecentImageCache& RecentImage() {
+  static RecentImageCache* cache = new RecentImageCache;
+  return *cache;
 }
 
 class HeifDecoder : public ImageDecoder {
@@ -97,6 +164,36 @@ class HeifDecoder : public ImageDecoder {
     if (!WithinDecodeBudget(uint64_t(heif_image_handle_get_width(handle)) * heif_image_handle_get_height(handle) * 8)) {
       return Status::InvalidArgument("HEIF image too large to decode");
     }
+    const uint64_t key_hash = std::hash<std::string>()(bytes);
+    std::shared_ptr<const DecodedImage> decoded;
+    if (!thumbnail) decoded = RecentImage().Find(bytes.size(), key_hash);
+    if (!decoded) {
+      // The colour profile belongs to the primary image; thumbnails share it.
+      status = DecodeToBgra(handle, TransformFor(primary.get()), &decoded);
+      if (!status.ok()) return status;
+      if (!thumbnail && decoded->bgra.size() <= kMaxCachedBytes) {
+        std::shared_ptr<DecodedImage> entry = std::const_pointer_cast<DecodedImage>(decoded);
+        entry->file_size = bytes.size();
+        entry->file_hash = key_hash;
+        RecentImage().Store(decoded);
+      }
+    }
+
+    ReducingSink sink;
+    status = sink.Init(decoded->width, decoded->height, cx);
+    if (!status.ok()) return status;
+    const size_t row_bytes = static_cast<size_t>(decoded->width) * 4;
+    std::vector<uint8_t> row(row_bytes);
+    for (int y = 0; y < decoded->height; ++y) {
+      std::memcpy(row.data(), decoded->bgra.data() + row_bytes * y, row_bytes);
+      sink.PushStraightRow(row.data());
+    }
+    return sink.Finish(1, out);
+  }
+
+ private:
+  static Status DecodeToBgra(heif_image_handle* handle, const ColorTransform& transform,
+                             std::shared_ptr<const DecodedImage>* out) {
     heif_image* raw_image = nullptr;
     if (heif_decode_image(handle, &raw_image, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code !=
         heif_error_Ok) {
@@ -108,25 +205,25 @@ class HeifDecoder : public ImageDecoder {
     int stride = 0;
     const uint8_t* pixels = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
     if (pixels == nullptr || w <= 0 || h <= 0 || stride < w * 4) return Status::InvalidArgument("HEIF image layout");
+    if (!WithinPixelLimits(w, h)) return ImageTooLargeError(w, h);
 
-    // The colour profile belongs to the primary image; thumbnails share it.
-    const ColorTransform transform = TransformFor(primary.get());
-    ReducingSink sink;
-    status = sink.Init(w, h, cx);
-    if (!status.ok()) return status;
-    std::vector<uint8_t> row(static_cast<size_t>(w) * 4);
+    auto decoded = std::make_shared<DecodedImage>();
+    decoded->width = w;
+    decoded->height = h;
+    decoded->bgra.resize(static_cast<size_t>(w) * h * 4);
     for (int y = 0; y < h; ++y) {
       const uint8_t* src = pixels + static_cast<size_t>(stride) * y;
+      uint8_t* dst = decoded->bgra.data() + static_cast<size_t>(w) * 4 * y;
       for (int x = 0; x < w; ++x) {
-        row[x * 4 + 0] = src[x * 4 + 2];
-        row[x * 4 + 1] = src[x * 4 + 1];
-        row[x * 4 + 2] = src[x * 4 + 0];
-        row[x * 4 + 3] = src[x * 4 + 3];
+        dst[x * 4 + 0] = src[x * 4 + 2];
+        dst[x * 4 + 1] = src[x * 4 + 1];
+        dst[x * 4 + 2] = src[x * 4 + 0];
+        dst[x * 4 + 3] = src[x * 4 + 3];
       }
-      if (!transform.is_identity()) transform.Apply(row.data(), row.data(), static_cast<size_t>(w));
-      sink.PushStraightRow(row.data());
+      if (!transform.is_identity()) transform.Apply(dst, dst, static_cast<size_t>(w));
     }
-    return sink.Finish(1, out);
+    *out = std::move(decoded);
+    return Status::OK();
   }
 };
 
