@@ -1,11 +1,14 @@
 // Camera RAW through LibRaw (thread-safe build): the embedded preview when it
 // is large enough, else a half-size develop.
 //
-// Preview rule: a half-size develop gives at most half the sensor's longer
-// side, so a preview of at least min(cx, sensor / 2) on its longer side is as
-// good as developing and much faster. Its aspect must match the sensor's
-// (either way round, 5% slack for cropped margins) so that a letterboxed or
-// tiny index preview is never taken.
+// Size rule: a thumbnail asked for at cx is made from an image whose longer
+// side is at least two thirds of cx (enough for any aspect up to 2:1 at the
+// thumbnail sizes), or the whole sensor when that is smaller. A preview that
+// reaches it is used, as it is much faster than developing; otherwise the
+// develop runs at half size when that still reaches it, else at full size.
+// A preview's aspect must match the sensor's (either way round, 5% slack for
+// cropped margins) so that a letterboxed or tiny index preview is never
+// taken.
 #include <libraw/libraw.h>
 
 #include <algorithm>
@@ -52,6 +55,13 @@ int FlipToOrientation(int flip) {
   }
 }
 
+// The longer side the decoded image needs, by the rule above.
+uint32_t NeededLonger(const libraw_image_sizes_t& sizes, uint32_t cx) {
+  const uint32_t sensor_longer = std::max(sizes.width, sizes.height);
+  const uint64_t two_thirds = (uint64_t{cx} * 2 + 2) / 3;
+  return static_cast<uint32_t>(std::min<uint64_t>(two_thirds, sensor_longer));
+}
+
 bool AspectMatches(double a_w, double a_h, double b_w, double b_h) {
   const double a = a_w / a_h;
   const double b = b_w / b_h;
@@ -95,8 +105,7 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
     return Status::NotFound("no preview");
   }
   const uint32_t preview_longer = std::max(thumb.twidth, thumb.theight);
-  const uint32_t sensor_longer = std::max(sizes.width, sizes.height);
-  if (preview_longer < std::min<uint32_t>(cx, sensor_longer / 2)) return Status::NotFound("preview too small");
+  if (preview_longer < NeededLonger(sizes, cx)) return Status::NotFound("preview too small");
   const bool same_way = AspectMatches(thumb.twidth, thumb.theight, sizes.width, sizes.height);
   const bool turned = AspectMatches(thumb.twidth, thumb.theight, sizes.height, sizes.width);
   if (!same_way && !turned) return Status::NotFound("preview of another aspect");
@@ -128,15 +137,22 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
   return ReduceMemImage(*image, cx, orientation, out);
 }
 
-Status Develop(LibRaw* raw, uint32_t cx, Bitmap* out) {
+Status Develop(LibRaw* raw, uint64_t file_size, uint32_t cx, Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
-  // Unpacked raw data (16-bit) plus the half-size working image (4 x 16-bit)
-  // plus the 8-bit output.
+  // Even lossy RAW codecs spend more than a bit per photosite: a file
+  // smaller than that has had its image data stripped, and LibRaw would
+  // "develop" whatever bytes follow the header.
+  if (file_size < uint64_t{sizes.raw_width} * sizes.raw_height / 8) {
+    return Status::InvalidArgument("RAW file without its image data");
+  }
+  const bool half_size = std::max(sizes.width, sizes.height) / 2 >= NeededLonger(sizes, cx);
+  // Unpacked raw data (16-bit), the working image and the 8-bit output.
   const uint64_t raw_samples = raw->imgdata.idata.filters != 0 ? 1 : 4;
   const uint64_t raw_bytes = uint64_t{sizes.raw_width} * sizes.raw_height * 2 * raw_samples;
-  const uint64_t work_bytes = uint64_t{sizes.width} * sizes.height * 2 + uint64_t{sizes.width} * sizes.height;
+  const uint64_t pixels = uint64_t{sizes.width} * sizes.height;
+  const uint64_t work_bytes = half_size ? pixels * 2 + pixels * 3 / 4 : pixels * 8 + pixels * 3;
   if (!WithinDecodeBudget(raw_bytes + work_bytes)) return Status::InvalidArgument("RAW too large to develop");
-  raw->imgdata.params.half_size = 1;
+  raw->imgdata.params.half_size = half_size ? 1 : 0;
   raw->imgdata.params.use_camera_wb = 1;
   raw->imgdata.params.output_color = 1;  // sRGB
   raw->imgdata.params.output_bps = 8;
@@ -188,7 +204,7 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bit
   Status status = DecodePreview(raw.get(), cx, out);
   if (status.ok()) return status;
   LOG_DEBUG(kLogComponent, "RAW preview not used (%s); developing", status.ToString().c_str());
-  return Develop(raw.get(), cx, out);
+  return Develop(raw.get(), size, cx, out);
 }
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return std::make_unique<RawDecoder>(); }

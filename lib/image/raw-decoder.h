@@ -13,8 +13,9 @@ namespace tessera {
 namespace image {
 
 // Decodes a camera RAW file as the RAW decoder does: the embedded preview
-// when it is large enough, else a half-size develop; upright, sRGB, longer
-// side at most cx. With tiff_container set, a file LibRaw opens but that
+// when it is large enough, else a develop (at half size when that is enough);
+// upright, sRGB, longer side at most cx. A file too small to hold the image
+// data it declares fails. With tiff_container set, a file LibRaw opens but that
 // carries no RAW data (no colour filter array, not a DNG) is refused with
 // NotSupported so that the caller can read it as a plain TIFF. *out is
 // untouched on failure. Thread-safe (each call has its own LibRaw object).
