@@ -222,6 +222,7 @@ struct ReducerCore {
   ColumnTable columns;
   std::vector<uint16_t> integer_sums;  // src_width * 4
   std::vector<Pixel> float_sums;       // src_width pixels
+  std::vector<Pixel> next_float_sums;  // src_width pixels: the next target row's share of a split row
   std::vector<Pixel> reduced;          // dst_width pixels
   Bitmap out;
 
@@ -238,6 +239,7 @@ struct ReducerCore {
       BuildColumnTable(sw, dw, static_cast<double>(dh) / static_cast<double>(sh), &columns);
       integer_sums.resize(static_cast<size_t>(sw) * kChannels);
       float_sums.resize(static_cast<size_t>(sw));
+      next_float_sums.resize(static_cast<size_t>(sw));
       reduced.resize(static_cast<size_t>(dw));
     } catch (const std::bad_alloc&) {
       return Status::Internal("out of memory for the resampler's row buffers");
@@ -269,6 +271,21 @@ struct ReducerCore {
       for (int x = 0; x < src_width; ++x) sums[x] = PixelMul(w, PixelFromBytes(row + x * kChannels));
       float_dirty = true;
     }
+  }
+
+  // A row cut by the edge between the current target row and the next: one
+  // conversion feeds both, the next row's share going into `next_float_sums`.
+  void AddSplitRow(const uint8_t* row, float weight, float next_weight) {
+    const Pixel w = PixelSplat(weight);
+    const Pixel next_w = PixelSplat(next_weight);
+    Pixel* sums = float_sums.data();
+    Pixel* next = next_float_sums.data();
+    for (int x = 0; x < src_width; ++x) {
+      const Pixel v = PixelFromBytes(row + x * kChannels);
+      sums[x] = float_dirty ? PixelAdd(sums[x], PixelMul(w, v)) : PixelMul(w, v);
+      next[x] = PixelMul(next_w, v);
+    }
+    float_dirty = true;
   }
 
   void AddConstant(float value) {
@@ -309,6 +326,15 @@ struct ReducerCore {
       const uint64_t row_top = static_cast<uint64_t>(next_dst_row) * s;
       const uint64_t row_bottom = row_top + s;
       const uint64_t overlap = std::min(bottom, row_bottom) - std::max(top, row_top);
+      if (row_bottom < bottom && bottom < row_bottom + s && next_dst_row + 1 < dst_height) {
+        // Split between this target row and the next, ending inside the next.
+        AddSplitRow(row, static_cast<float>(static_cast<double>(overlap) / static_cast<double>(d)),
+                    static_cast<float>(static_cast<double>(bottom - row_bottom) / static_cast<double>(d)));
+        EmitRow();
+        float_sums.swap(next_float_sums);
+        float_dirty = true;
+        return;
+      }
       if (overlap == d) {
         AddWholeRow(row);
       } else {
