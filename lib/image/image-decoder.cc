@@ -103,6 +103,7 @@ std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format) {
     case ImageFormat::kRaw:
       return CreateRawDecoder();
     case ImageFormat::kBmp:
+      return CreateBmpDecoder();
     case ImageFormat::kUnknown:
       break;
   }
