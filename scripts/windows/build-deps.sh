@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# Cross-builds, for mingw-w64, the libraries that Debian packages only for
+# Linux: JsonCpp, ICU's common library (with its stub data: the UTF-8/UTF-16
+# conversions need no data), lcms2 and GoogleTest. The sources are the Debian
+# source packages of the versions installed on this machine (GoogleTest from
+# /usr/src/googletest), fetched with a scratch apt configuration inside the
+# deps folder, so the machine's own apt set-up is left untouched.
+#
+# Usage: build-deps.sh <deps dir>. Installs into <deps dir>/prefix; each
+# library is built once and then skipped (stamp files), so a warm run is quick.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+toolchain=$here/../../cmake/toolchain-mingw-w64.cmake
+deps=$(mkdir -p "$1" && cd "$1" && pwd)
+prefix=$deps/prefix
+src=$deps/src
+mkdir -p "$prefix/lib/pkgconfig" "$prefix/include" "$src"
+jobs=$(nproc)
+
+cross_cmake() {  # <source dir> <build dir> [cmake args...]
+  local source=$1 build=$2; shift 2
+  cmake -S "$source" -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+    -DTESSERA_WINDOWS_DEPS="$prefix" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" \
+    -DBUILD_SHARED_LIBS=OFF "$@" >/dev/null
+  cmake --build "$build" -j"$jobs" >/dev/null
+  cmake --install "$build" >/dev/null
+}
+
+# --- scratch apt: the machine's archives, as source entries -------------------
+apt_dir=$deps/apt
+apt_opts=(
+  -o Dir::Etc::SourceList="$apt_dir/sources.list"
+  -o Dir::Etc::SourceParts="$apt_dir/sources.list.d"
+  -o Dir::State::Lists="$apt_dir/lists"
+  -o Dir::Cache="$apt_dir/cache"
+  -o Debug::NoLocking=1
+)
+[ "$(id -u)" -eq 0 ] && apt_opts+=(-o APT::Sandbox::User=root)
+
+apt_ready=""
+prepare_apt() {
+  [ -n "$apt_ready" ] && return
+  rm -rf "$apt_dir"
+  mkdir -p "$apt_dir/sources.list.d" "$apt_dir/lists/partial" "$apt_dir/cache/archives/partial"
+  : >"$apt_dir/sources.list"
+  if [ -f /etc/apt/sources.list ]; then
+    sed -n 's/^deb \(.*\)$/deb-src \1/p' /etc/apt/sources.list >>"$apt_dir/sources.list"
+  fi
+  local f
+  for f in /etc/apt/sources.list.d/*.list; do
+    [ -f "$f" ] && sed -n 's/^deb \(.*\)$/deb-src \1/p' "$f" >>"$apt_dir/sources.list"
+  done
+  for f in /etc/apt/sources.list.d/*.sources; do
+    [ -f "$f" ] && sed 's/^Types:.*$/Types: deb-src/' "$f" >"$apt_dir/sources.list.d/$(basename "$f")"
+  done
+  echo "build-deps: fetching source indexes (scratch apt configuration)" >&2
+  apt-get "${apt_opts[@]}" update -q >"$apt_dir/update.log" 2>&1 || {
+    cat "$apt_dir/update.log" >&2
+    echo "build-deps: apt-get update of the source indexes failed" >&2
+    exit 1
+  }
+  apt_ready=1
+}
+
+# Unpacks the Debian source of the installed binary package $1 into $src/$2.
+fetch_source() {
+  local package=$1 name=$2
+  [ -d "$src/$name" ] && return
+  prepare_apt
+  local version
+  version=$(dpkg-query -W -f='${Version}' "$package")
+  local work=$src/.fetch-$name
+  rm -rf "$work" && mkdir -p "$work"
+  echo "build-deps: apt-get source $package=$version" >&2
+  (cd "$work" && apt-get "${apt_opts[@]}" source -q "$package=$version" >"$work.log" 2>&1) || {
+    cat "$work.log" >&2
+    echo "build-deps: could not fetch the source of $package" >&2
+    exit 1
+  }
+  local unpacked
+  unpacked=$(find "$work" -mindepth 1 -maxdepth 1 -type d | head -n1)
+  [ -n "$unpacked" ] || { echo "build-deps: no source tree for $package" >&2; exit 1; }
+  mv "$unpacked" "$src/$name"
+  rm -rf "$work" "$work.log"
+}
+
+# --- JsonCpp ------------------------------------------------------------------
+if [ ! -f "$deps/jsoncpp.stamp" ]; then
+  fetch_source libjsoncpp-dev jsoncpp
+  echo "build-deps: building JsonCpp" >&2
+  cross_cmake "$src/jsoncpp" "$deps/build/jsoncpp" -DJSONCPP_WITH_TESTS=OFF \
+    -DJSONCPP_WITH_POST_BUILD_UNITTEST=OFF -DJSONCPP_WITH_PKGCONFIG_SUPPORT=ON \
+    -DJSONCPP_WITH_CMAKE_PACKAGE=OFF -DBUILD_STATIC_LIBS=ON -DBUILD_OBJECT_LIBS=OFF
+  touch "$deps/jsoncpp.stamp"
+fi
+
+# --- ICU common + stub data -----------------------------------------------------
+if [ ! -f "$deps/icu.stamp" ]; then
+  fetch_source libicu-dev icu
+  icu_source=$src/icu/source
+  [ -d "$icu_source/common" ] || icu_source=$src/icu/icu4c/source
+  echo "build-deps: building ICU's common library (about two minutes)" >&2
+  cross_cmake "$here/icu" "$deps/build/icu" -DICU_SOURCE_DIR="$icu_source"
+  touch "$deps/icu.stamp"
+fi
+
+# --- lcms2 --------------------------------------------------------------------
+if [ ! -f "$deps/lcms2.stamp" ]; then
+  fetch_source liblcms2-dev lcms2
+  echo "build-deps: building lcms2" >&2
+  cross_cmake "$here/lcms2" "$deps/build/lcms2" -DLCMS2_SOURCE_DIR="$src/lcms2"
+  touch "$deps/lcms2.stamp"
+fi
+
+# --- GoogleTest -----------------------------------------------------------------
+if [ ! -f "$deps/googletest.stamp" ]; then
+  [ -f /usr/src/googletest/CMakeLists.txt ] || { echo "build-deps: /usr/src/googletest is missing (googletest package)" >&2; exit 1; }
+  echo "build-deps: building GoogleTest" >&2
+  cross_cmake /usr/src/googletest "$deps/build/googletest" -Dgtest_disable_pthreads=OFF
+  touch "$deps/googletest.stamp"
+fi
