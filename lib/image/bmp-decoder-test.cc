@@ -24,7 +24,7 @@ void Put32(std::string* s, uint32_t v) {
   Put16(s, v >> 16);
 }
 
-struct BmpSpec {
+struct BmpLayout {
   int width = 5;
   int height = 6;
   int bits = 24;
@@ -36,63 +36,63 @@ struct BmpSpec {
   std::string pixels;               // rows in file order, padded
 };
 
-std::string Encode(const BmpSpec& spec) {
+std::string Encode(const BmpLayout& layout) {
   std::string info;
-  const bool core = spec.info_size == 12;
+  const bool core = layout.info_size == 12;
   if (core) {
     Put32(&info, 12);
-    Put16(&info, spec.width);
-    Put16(&info, spec.height);
+    Put16(&info, layout.width);
+    Put16(&info, layout.height);
     Put16(&info, 1);
-    Put16(&info, spec.bits);
+    Put16(&info, layout.bits);
   } else {
-    Put32(&info, spec.info_size);
-    Put32(&info, spec.width);
-    Put32(&info, static_cast<uint32_t>(spec.top_down ? -spec.height : spec.height));
+    Put32(&info, layout.info_size);
+    Put32(&info, layout.width);
+    Put32(&info, static_cast<uint32_t>(layout.top_down ? -layout.height : layout.height));
     Put16(&info, 1);
-    Put16(&info, spec.bits);
-    Put32(&info, spec.compression);
-    Put32(&info, static_cast<uint32_t>(spec.pixels.size()));
+    Put16(&info, layout.bits);
+    Put32(&info, layout.compression);
+    Put32(&info, static_cast<uint32_t>(layout.pixels.size()));
     Put32(&info, 2835);
     Put32(&info, 2835);
-    Put32(&info, static_cast<uint32_t>(spec.palette.size()));
+    Put32(&info, static_cast<uint32_t>(layout.palette.size()));
     Put32(&info, 0);
-    const bool inside = spec.info_size >= 52;
-    for (uint32_t mask : spec.masks) {
+    const bool inside = layout.info_size >= 52;
+    for (uint32_t mask : layout.masks) {
       if (inside) Put32(&info, mask);
     }
-    info.resize(spec.info_size, '\0');
+    info.resize(layout.info_size, '\0');
     if (!inside) {
-      for (uint32_t mask : spec.masks) Put32(&info, mask);
+      for (uint32_t mask : layout.masks) Put32(&info, mask);
     }
   }
-  for (uint32_t c : spec.palette) {
+  for (uint32_t c : layout.palette) {
     Put16(&info, c & 0xFFFF);  // B, G
     info.push_back(static_cast<char>((c >> 16) & 0xFF));
     if (!core) info.push_back('\0');
   }
   std::string out = "BM";
-  Put32(&out, static_cast<uint32_t>(14 + info.size() + spec.pixels.size()));
+  Put32(&out, static_cast<uint32_t>(14 + info.size() + layout.pixels.size()));
   Put32(&out, 0);
   Put32(&out, static_cast<uint32_t>(14 + info.size()));
-  return out + info + spec.pixels;
+  return out + info + layout.pixels;
 }
 
-// Rows of `spec` from a per-pixel function of the displayed position; the
+// Rows of `layout` from a per-pixel function of the displayed position; the
 // function returns the packed sample (index or bit-field value).
-void FillPixels(BmpSpec* spec, const std::function<uint32_t(int x, int y)>& sample) {
-  const size_t stride = (static_cast<size_t>(spec->width) * spec->bits + 31) / 32 * 4;
-  spec->pixels.assign(stride * spec->height, '\0');
-  for (int r = 0; r < spec->height; ++r) {
-    const int y = spec->top_down ? r : spec->height - 1 - r;
-    uint8_t* line = reinterpret_cast<uint8_t*>(&spec->pixels[r * stride]);
-    for (int x = 0; x < spec->width; ++x) {
+void FillPixels(BmpLayout* layout, const std::function<uint32_t(int x, int y)>& sample) {
+  const size_t stride = (static_cast<size_t>(layout->width) * layout->bits + 31) / 32 * 4;
+  layout->pixels.assign(stride * layout->height, '\0');
+  for (int r = 0; r < layout->height; ++r) {
+    const int y = layout->top_down ? r : layout->height - 1 - r;
+    uint8_t* line = reinterpret_cast<uint8_t*>(&layout->pixels[r * stride]);
+    for (int x = 0; x < layout->width; ++x) {
       const uint32_t v = sample(x, y);
-      if (spec->bits < 8) {
-        const int bit = x * spec->bits;
-        line[bit / 8] |= static_cast<uint8_t>(v << (8 - spec->bits - bit % 8));
+      if (layout->bits < 8) {
+        const int bit = x * layout->bits;
+        line[bit / 8] |= static_cast<uint8_t>(v << (8 - layout->bits - bit % 8));
       } else {
-        for (int b = 0; b < spec->bits / 8; ++b) line[x * spec->bits / 8 + b] = (v >> (8 * b)) & 0xFF;
+        for (int b = 0; b < layout->bits / 8; ++b) line[x * layout->bits / 8 + b] = (v >> (8 * b)) & 0xFF;
       }
     }
   }
@@ -110,14 +110,14 @@ void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& 
 }
 
 // Top half red, bottom half blue: shows both the colours and which way up.
-void ExpectRedOverBlue(const BmpSpec& spec, const std::string& what) {
+void ExpectRedOverBlue(const BmpLayout& layout, const std::string& what) {
   Bitmap bitmap;
-  const Status status = Decode(Encode(spec), 100, &bitmap);
+  const Status status = Decode(Encode(layout), 100, &bitmap);
   ASSERT_TRUE(status.ok()) << what << ": " << status.ToString();
-  EXPECT_EQ(bitmap.width(), spec.width) << what;
-  EXPECT_EQ(bitmap.height(), spec.height) << what;
-  ExpectColor(MeanColor(bitmap, 0, 0, spec.width, spec.height / 2), 255, 0, 0, what + " top");
-  ExpectColor(MeanColor(bitmap, 0, spec.height / 2, spec.width, spec.height), 0, 0, 255, what + " bottom");
+  EXPECT_EQ(bitmap.width(), layout.width) << what;
+  EXPECT_EQ(bitmap.height(), layout.height) << what;
+  ExpectColor(MeanColor(bitmap, 0, 0, layout.width, layout.height / 2), 255, 0, 0, what + " top");
+  ExpectColor(MeanColor(bitmap, 0, layout.height / 2, layout.width, layout.height), 0, 0, 255, what + " bottom");
 }
 
 TEST(BmpDecoderTest, EveryDepthAndLayout) {
@@ -128,40 +128,40 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
   for (bool top_down : {false, true}) {
     const std::string way = top_down ? " top-down" : " bottom-up";
     for (int bits : {1, 2, 4, 8}) {
-      BmpSpec spec;
-      spec.bits = bits;
-      spec.top_down = top_down;
-      spec.palette = {0x00FF00, 0xFF0000, 0x0000FF};  // index 0 unused
-      FillPixels(&spec, red_over_blue(1, bits == 1 ? 0 : 2));
-      if (bits == 1) spec.palette = {0x0000FF, 0xFF0000};
-      ExpectRedOverBlue(spec, std::to_string(bits) + "-bit" + way);
+      BmpLayout layout;
+      layout.bits = bits;
+      layout.top_down = top_down;
+      layout.palette = {0x00FF00, 0xFF0000, 0x0000FF};  // index 0 unused
+      FillPixels(&layout, red_over_blue(1, bits == 1 ? 0 : 2));
+      if (bits == 1) layout.palette = {0x0000FF, 0xFF0000};
+      ExpectRedOverBlue(layout, std::to_string(bits) + "-bit" + way);
     }
-    BmpSpec rgb24;
+    BmpLayout rgb24;
     rgb24.top_down = top_down;
     FillPixels(&rgb24, red_over_blue(0xFF0000, 0x0000FF));
     ExpectRedOverBlue(rgb24, "24-bit" + way);
 
-    BmpSpec rgb555;
+    BmpLayout rgb555;
     rgb555.bits = 16;
     rgb555.top_down = top_down;
     FillPixels(&rgb555, red_over_blue(0x7C00, 0x001F));
     ExpectRedOverBlue(rgb555, "16-bit 555" + way);
 
-    BmpSpec rgb565 = rgb555;
+    BmpLayout rgb565 = rgb555;
     rgb565.compression = 3;
     rgb565.masks = {0xF800, 0x07E0, 0x001F};
     FillPixels(&rgb565, red_over_blue(0xF800, 0x001F));
     ExpectRedOverBlue(rgb565, "16-bit 565" + way);
 
     // The fourth byte without bit fields is padding, even when zero.
-    BmpSpec rgb32;
+    BmpLayout rgb32;
     rgb32.bits = 32;
     rgb32.top_down = top_down;
     FillPixels(&rgb32, red_over_blue(0xFF0000, 0x0000FF));
     ExpectRedOverBlue(rgb32, "32-bit" + way);
 
     // Unusual bit fields in a V3 header: 10-bit channels.
-    BmpSpec rgb10 = rgb32;
+    BmpLayout rgb10 = rgb32;
     rgb10.compression = 3;
     rgb10.info_size = 56;
     rgb10.masks = {0x3FF00000, 0x000FFC00, 0x000003FF, 0};
@@ -169,7 +169,7 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
     ExpectRedOverBlue(rgb10, "32-bit 10-10-10" + way);
   }
 
-  BmpSpec os2;
+  BmpLayout os2;
   os2.info_size = 12;
   os2.bits = 8;
   os2.palette = {0xFF0000, 0x0000FF};
@@ -179,15 +179,15 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
 
 TEST(BmpDecoderTest, AlphaIsFlattenedOverWhite) {
   // V5 header, alpha mask: left half opaque green, right half transparent.
-  BmpSpec spec;
-  spec.width = 8;
-  spec.bits = 32;
-  spec.compression = 3;
-  spec.info_size = 124;
-  spec.masks = {0x00FF0000, 0x0000FF00, 0x000000FF, 0xFF000000};
-  FillPixels(&spec, [](int x, int) { return x < 4 ? 0xFF00FF00u : 0x0000FF00u; });
+  BmpLayout layout;
+  layout.width = 8;
+  layout.bits = 32;
+  layout.compression = 3;
+  layout.info_size = 124;
+  layout.masks = {0x00FF0000, 0x0000FF00, 0x000000FF, 0xFF000000};
+  FillPixels(&layout, [](int x, int) { return x < 4 ? 0xFF00FF00u : 0x0000FF00u; });
   Bitmap bitmap;
-  ASSERT_TRUE(Decode(Encode(spec), 8, &bitmap).ok());
+  ASSERT_TRUE(Decode(Encode(layout), 8, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 4, 6), 0, 255, 0, "opaque");
   ExpectColor(MeanColor(bitmap, 4, 0, 8, 6), 255, 255, 255, "transparent");
   for (int x = 0; x < 8; ++x) EXPECT_EQ(bitmap.row(0)[x * 4 + 3], 255);
@@ -197,20 +197,20 @@ TEST(BmpDecoderTest, RunLengthEncoded) {
   // RLE8, 6x4 bottom-up. File order: bottom row blue; a delta skips the
   // second row; third row: three literal red, then a run of 3 red; top row
   // ended by end-of-bitmap after two red pixels (the rest skipped).
-  BmpSpec spec;
-  spec.width = 6;
-  spec.height = 4;
-  spec.bits = 8;
-  spec.compression = 1;
-  spec.palette = {0xFF0000, 0x0000FF};
+  BmpLayout layout;
+  layout.width = 6;
+  layout.height = 4;
+  layout.bits = 8;
+  layout.compression = 1;
+  layout.palette = {0xFF0000, 0x0000FF};
   const uint8_t rle8[] = {6, 1, 0, 0,              // row 3: six blue, end of line
                           0, 2, 0, 1,              // delta: one row down
                           0, 3, 0, 0, 0, 0,        // row 1: literal 0 0 0, padded,
                           3, 0, 0, 0,              //        run 3 x 0, EOL
                           2, 0, 0, 1};             // row 0: run 2 x 0, end of bitmap
-  spec.pixels.assign(reinterpret_cast<const char*>(rle8), sizeof(rle8));
+  layout.pixels.assign(reinterpret_cast<const char*>(rle8), sizeof(rle8));
   Bitmap bitmap;
-  ASSERT_TRUE(Decode(Encode(spec), 100, &bitmap).ok());
+  ASSERT_TRUE(Decode(Encode(layout), 100, &bitmap).ok());
   ASSERT_EQ(bitmap.height(), 4);
   ExpectColor(MeanColor(bitmap, 0, 3, 6, 4), 0, 0, 255, "bottom row");
   ExpectColor(MeanColor(bitmap, 0, 2, 6, 3), 255, 255, 255, "skipped row");
@@ -219,25 +219,25 @@ TEST(BmpDecoderTest, RunLengthEncoded) {
   ExpectColor(MeanColor(bitmap, 2, 0, 6, 1), 255, 255, 255, "top row after end");
 
   // RLE4: runs alternate the two nibbles of their byte.
-  spec.bits = 4;
-  spec.compression = 2;
-  spec.height = 2;
+  layout.bits = 4;
+  layout.compression = 2;
+  layout.height = 2;
   const uint8_t rle4[] = {6, 0x10, 0, 0,           // bottom: blue red blue red blue red
                           0, 3, 0x00, 0x00, 3, 0x00, 0, 1};  // top: literal of 3 red, run of 3 red
-  spec.pixels.assign(reinterpret_cast<const char*>(rle4), sizeof(rle4));
-  ASSERT_TRUE(Decode(Encode(spec), 100, &bitmap).ok());
+  layout.pixels.assign(reinterpret_cast<const char*>(rle4), sizeof(rle4));
+  ASSERT_TRUE(Decode(Encode(layout), 100, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 6, 1), 255, 0, 0, "RLE4 top");
   ExpectColor(MeanColor(bitmap, 0, 1, 1, 2), 0, 0, 255, "RLE4 bottom first");
   ExpectColor(MeanColor(bitmap, 1, 1, 2, 2), 255, 0, 0, "RLE4 bottom second");
 }
 
 TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
-  BmpSpec spec;
-  spec.width = 64;
-  spec.height = 32;
-  FillPixels(&spec, [](int x, int) { return x < 32 ? 0xFF0000u : 0x00FF00u; });
+  BmpLayout layout;
+  layout.width = 64;
+  layout.height = 32;
+  FillPixels(&layout, [](int x, int) { return x < 32 ? 0xFF0000u : 0x00FF00u; });
   Bitmap bitmap;
-  ASSERT_TRUE(Decode(Encode(spec), 16, &bitmap).ok());
+  ASSERT_TRUE(Decode(Encode(layout), 16, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 16);
   EXPECT_EQ(bitmap.height(), 8);
   ExpectColor(MeanColor(bitmap, 0, 0, 8, 8), 255, 0, 0, "reduced left");
@@ -248,7 +248,7 @@ TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
   png.color_type = 2;
   png.samples.assign(20 * 10 * 3, 0);
   for (size_t i = 2; i < png.samples.size(); i += 3) png.samples[i] = 255;
-  BmpSpec wrapped;
+  BmpLayout wrapped;
   wrapped.width = 20;
   wrapped.height = 10;
   wrapped.bits = 0;
@@ -260,11 +260,11 @@ TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
 }
 
 TEST(BmpDecoderTest, HostileInputFailsCleanly) {
-  BmpSpec spec;
-  spec.bits = 8;
-  spec.palette = {0xFF0000};  // indices past the table
-  FillPixels(&spec, [](int x, int) { return x * 50u; });
-  const std::string bmp = Encode(spec);
+  BmpLayout layout;
+  layout.bits = 8;
+  layout.palette = {0xFF0000};  // indices past the table
+  FillPixels(&layout, [](int x, int) { return x * 50u; });
+  const std::string bmp = Encode(layout);
   Bitmap bitmap;
   ASSERT_TRUE(Decode(bmp, 100, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 1, 0, 5, 6), 0, 0, 0, "outside the palette");
@@ -272,14 +272,14 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
   EXPECT_FALSE(Decode(bmp.substr(0, 20), 100, &bitmap).ok());
 
   // Declared sizes over the limits are refused before any allocation.
-  BmpSpec huge;
+  BmpLayout huge;
   huge.width = 1 << 20;
   huge.height = 1 << 20;
   huge.pixels = "xxxx";
   EXPECT_TRUE(IsImageTooLarge(Decode(Encode(huge), 100, &bitmap)));
 
   // RLE data that runs past the row and the image is cut, not written past.
-  BmpSpec rle;
+  BmpLayout rle;
   rle.width = 3;
   rle.height = 2;
   rle.bits = 8;
@@ -292,7 +292,7 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
   for (size_t n = 0; n < rle_bytes.size(); ++n) Decode(rle_bytes.substr(0, n), 100, &bitmap);
 
   // Mismatched depth and compression, and unknown compression.
-  BmpSpec bad = spec;
+  BmpLayout bad = layout;
   bad.compression = 2;  // RLE4 at 8 bits
   EXPECT_FALSE(Decode(Encode(bad), 100, &bitmap).ok());
   bad.compression = 11;
