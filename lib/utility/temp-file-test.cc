@@ -95,7 +95,7 @@ TEST_F(TempFileTest, DefaultDirectoryAndFailureToCreate) {
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(u.Create(), -1);
   EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-              ::testing::ContainsRegex("\\[ERROR\\] temp-file\\.cc\\([0-9]+\\): failed to create TempFile \\.\\.\\.\n"));
+              ::testing::ContainsRegex("\\[ERROR\\] temp-file\\.cc\\(.+\\): failed to create TempFile \\.\\.\\.\n"));
   EXPECT_TRUE(u.GetPath().empty());
 }
 

@@ -4,11 +4,12 @@
 #define TESSERA_LIB_UTILITY_TESTING_SCRATCH_DIR_H_
 
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
+#include <system_error>
 
 namespace tessera {
 namespace test {
@@ -17,10 +18,19 @@ class ScratchDir {
  public:
   ScratchDir() {
     const char* base = getenv("TESSERA_TEST_TMPDIR");
-    std::filesystem::create_directories(base && *base ? base : "/tmp");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/scratch-XXXXXX";
-    const char* made = mkdtemp(pattern.data());
-    if (made != nullptr) path_ = std::filesystem::canonical(made).string();
+    const std::string root = base && *base ? base : "/tmp";
+    std::error_code error;
+    std::filesystem::create_directories(root, error);
+    // create_directory reports whether it made the directory, so a name
+    // that is already taken is simply drawn again.
+    std::random_device entropy;
+    std::mt19937 engine(entropy());
+    for (int attempt = 0; attempt < 100 && path_.empty(); ++attempt) {
+      std::string candidate = root + "/scratch-" + std::to_string(engine() % 1000000000u);
+      if (std::filesystem::create_directory(candidate, error)) {
+        path_ = std::filesystem::canonical(candidate, error).string();
+      }
+    }
   }
   ~ScratchDir() {
     std::error_code ignored;
@@ -40,8 +50,8 @@ class ScratchDir {
 
 // Whether anything, a dangling link included, is there.
 inline bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
+  std::error_code error;
+  return std::filesystem::exists(std::filesystem::symlink_status(path, error));
 }
 
 }  // namespace test
