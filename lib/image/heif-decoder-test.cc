@@ -17,7 +17,7 @@ using testing::Rgb;
 
 using Painter = std::function<void(int x, int y, uint8_t* rgb)>;
 
-struct HeifSpec {
+struct HeifFixture {
   int width = 64;
   int height = 32;
   Painter paint;
@@ -45,30 +45,30 @@ heif_error WriteToString(heif_context*, const void* data, size_t size, void* use
 
 // An HEVC-coded HEIF made with the library's own encoder; empty when the
 // library has none.
-std::string EncodeHeif(const HeifSpec& spec) {
+std::string EncodeHeif(const HeifFixture& fixture) {
   heif_context* context = heif_context_alloc();
   heif_encoder* encoder = nullptr;
   std::string out;
   if (heif_context_get_encoder_for_format(context, heif_compression_HEVC, &encoder).code == heif_error_Ok) {
     heif_encoder_set_lossy_quality(encoder, 95);
     heif_encoder_set_parameter_string(encoder, "chroma", "444");
-    heif_image* image = MakeImage(spec.width, spec.height, spec.paint);
+    heif_image* image = MakeImage(fixture.width, fixture.height, fixture.paint);
     heif_color_profile_nclx* nclx = heif_nclx_color_profile_alloc();
-    if (spec.nclx_primaries != 0) {
-      heif_nclx_color_profile_set_color_primaries(nclx, static_cast<uint16_t>(spec.nclx_primaries));
+    if (fixture.nclx_primaries != 0) {
+      heif_nclx_color_profile_set_color_primaries(nclx, static_cast<uint16_t>(fixture.nclx_primaries));
       heif_nclx_color_profile_set_transfer_characteristics(nclx, heif_transfer_characteristic_IEC_61966_2_1);
       heif_nclx_color_profile_set_matrix_coefficients(nclx, heif_matrix_coefficients_ITU_R_BT_601_6);
       nclx->full_range_flag = 1;
       heif_image_set_nclx_color_profile(image, nclx);
     }
     heif_encoding_options* options = heif_encoding_options_alloc();
-    options->image_orientation = spec.orientation;
-    options->output_nclx_profile = spec.nclx_primaries != 0 ? nclx : nullptr;
+    options->image_orientation = fixture.orientation;
+    options->output_nclx_profile = fixture.nclx_primaries != 0 ? nclx : nullptr;
     options->macOS_compatibility_workaround_no_nclx_profile = 0;
     heif_image_handle* handle = nullptr;
     heif_context_encode_image(context, image, encoder, options, &handle);
-    if (spec.thumbnail_paint) {
-      heif_image* thumb = MakeImage(spec.width, spec.height, spec.thumbnail_paint);
+    if (fixture.thumbnail_paint) {
+      heif_image* thumb = MakeImage(fixture.width, fixture.height, fixture.thumbnail_paint);
       heif_context_encode_thumbnail(context, thumb, handle, encoder, options, 32, nullptr);
       heif_image_release(thumb);
     }
@@ -109,40 +109,40 @@ void RedBlue(int x, int, uint8_t* p) {
 class HeifDecoderTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    HeifSpec probe;
+    HeifFixture probe;
     probe.paint = Solid(1, 2, 3);
     if (EncodeHeif(probe).empty()) GTEST_SKIP() << "libheif without an HEVC encoder";
   }
 };
 
 TEST_F(HeifDecoderTest, RotationBoxIsAppliedOnce) {
-  HeifSpec spec;
-  spec.paint = RedBlue;
+  HeifFixture fixture;
+  fixture.paint = RedBlue;
   Bitmap bitmap;
-  ASSERT_TRUE(Decode(EncodeHeif(spec), 100, &bitmap).ok());
+  ASSERT_TRUE(Decode(EncodeHeif(fixture), 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 64);
   EXPECT_EQ(bitmap.height(), 32);
   ExpectColor(MeanColor(bitmap, 4, 4, 28, 28), 255, 0, 0, "upright left");
 
   // Turned a quarter clockwise by the container: the left half is on top.
-  spec.orientation = heif_orientation_rotate_90_cw;
-  ASSERT_TRUE(Decode(EncodeHeif(spec), 100, &bitmap).ok());
+  fixture.orientation = heif_orientation_rotate_90_cw;
+  ASSERT_TRUE(Decode(EncodeHeif(fixture), 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 64);
   ExpectColor(MeanColor(bitmap, 4, 4, 28, 28), 255, 0, 0, "rotated top");
   ExpectColor(MeanColor(bitmap, 4, 36, 28, 60), 0, 0, 255, "rotated bottom");
 
-  ASSERT_TRUE(Decode(EncodeHeif(spec), 16, &bitmap).ok());
+  ASSERT_TRUE(Decode(EncodeHeif(fixture), 16, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 8);
   EXPECT_EQ(bitmap.height(), 16);
 }
 
 TEST_F(HeifDecoderTest, ThumbnailOnlyWhenLargeEnough) {
   // The primary is red, its 32x16 thumbnail green.
-  HeifSpec spec;
-  spec.paint = Solid(255, 0, 0);
-  spec.thumbnail_paint = Solid(0, 255, 0);
-  const std::string heif = EncodeHeif(spec);
+  HeifFixture fixture;
+  fixture.paint = Solid(255, 0, 0);
+  fixture.thumbnail_paint = Solid(0, 255, 0);
+  const std::string heif = EncodeHeif(fixture);
   Bitmap bitmap;
   ASSERT_TRUE(Decode(heif, 24, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 24);
@@ -169,22 +169,22 @@ TEST_F(HeifDecoderTest, WideGamutPrimariesConvertToSrgb) {
   const double expected[3] = {to_srgb(1.2249 * r - 0.2247 * g), to_srgb(-0.0420 * r + 1.0419 * g),
                               to_srgb(-0.0197 * r - 0.0786 * g + 1.0979 * b)};
 
-  HeifSpec spec;
-  spec.paint = Solid(stored[0], stored[1], stored[2]);
-  spec.nclx_primaries = 12;
+  HeifFixture fixture;
+  fixture.paint = Solid(stored[0], stored[1], stored[2]);
+  fixture.nclx_primaries = 12;
   Bitmap bitmap;
-  ASSERT_TRUE(Decode(EncodeHeif(spec), 64, &bitmap).ok());
+  ASSERT_TRUE(Decode(EncodeHeif(fixture), 64, &bitmap).ok());
   ExpectColor(MeanColor(bitmap), expected[0], expected[1], expected[2], "P3");
 
-  spec.nclx_primaries = 1;  // BT.709: already sRGB
-  ASSERT_TRUE(Decode(EncodeHeif(spec), 64, &bitmap).ok());
+  fixture.nclx_primaries = 1;  // BT.709: already sRGB
+  ASSERT_TRUE(Decode(EncodeHeif(fixture), 64, &bitmap).ok());
   ExpectColor(MeanColor(bitmap), stored[0], stored[1], stored[2], "BT.709");
 }
 
 TEST_F(HeifDecoderTest, HostileInputFailsCleanly) {
-  HeifSpec spec;
-  spec.paint = RedBlue;
-  const std::string heif = EncodeHeif(spec);
+  HeifFixture fixture;
+  fixture.paint = RedBlue;
+  const std::string heif = EncodeHeif(fixture);
   Bitmap bitmap;
   for (size_t n = 0; n < heif.size(); n += 7) Decode(heif.substr(0, n), 64, &bitmap);
   EXPECT_FALSE(Decode(heif.substr(0, 40), 64, &bitmap).ok());
