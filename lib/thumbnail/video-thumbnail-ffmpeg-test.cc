@@ -113,6 +113,39 @@ TEST_F(VideoFfmpegTest, ExportsUprightFramesOfRotatedClips) {
   }
 }
 
+bool SameBitmap(const image::Bitmap& a, const image::Bitmap& b) {
+  return a.width() == b.width() && a.height() == b.height() &&
+         std::memcmp(a.data(), b.data(), a.byte_size()) == 0;
+}
+
+// The frame of one file is decoded once per process and serves every later
+// size: each must be exactly what a fresh decode gives, and a file that
+// changes is decoded again.
+TEST_F(VideoFfmpegTest, LaterSizesOfOneClipEqualFreshDecodes) {
+  const std::string clip = dir_.File("clip.mp4");
+  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-vf setsar=2 " + kH264 + "'" + clip + "'"));
+  image::Bitmap small, large, same;
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &small).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 128, &large).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &same).ok());
+  EXPECT_TRUE(SameBitmap(small, same));
+
+  const std::string copy = dir_.File("copy.mp4");
+  std::ifstream in(clip, std::ios::binary);
+  std::ofstream(copy, std::ios::binary) << in.rdbuf();
+  image::Bitmap fresh;
+  ASSERT_TRUE(ExtractVideoThumbnail(copy, 128, &fresh).ok());
+  EXPECT_EQ(128, fresh.width());
+  EXPECT_TRUE(SameBitmap(large, fresh));
+  ASSERT_TRUE(ExtractVideoThumbnail(copy, 40, &fresh).ok());
+  EXPECT_TRUE(SameBitmap(small, fresh));
+
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=64x48:r=10:d=2 " + std::string(kH264) + "'" + clip + "'"));
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &fresh).ok());
+  EXPECT_EQ(40, fresh.width());
+  EXPECT_TRUE(RedBgra(Pixel(fresh, 30, 20)));
+}
+
 TEST_F(VideoFfmpegTest, ReadsVp9AndShortClipsAndStretchesNonSquarePixels) {
   const std::string webm = dir_.File("clip.webm");
   ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-c:v libvpx-vp9 -deadline realtime -cpu-used 8 '" + webm + "'"));

@@ -6,8 +6,12 @@ extern "C" {
 #include <libavfilter/buffersrc.h>
 }
 
+#include <sys/stat.h>
+
 #include <chrono>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
 
 #include "lib/image/area-resample.h"
@@ -160,8 +164,17 @@ bool IsVideoContent(const std::string& utf8_path) {
   return ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok();
 }
 
-Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
-  if (cx == 0) return Status::InvalidArgument("cx is 0");
+namespace {
+
+// The representative frame, upright, at full size, with the size it is shown
+// at (non-square pixels are only applied by the final reduction).
+struct UprightFrame {
+  image::Bitmap bitmap;
+  int display_width = 0;
+  int display_height = 0;
+};
+
+Status DecodeUprightFrame(const std::string& utf8_path, UprightFrame* upright) {
   std::unique_ptr<ffmpeg::MediaFile> file;
   Status status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file);
   if (!status.ok()) return status;
@@ -213,16 +226,89 @@ Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::B
     }
   }
 
+  upright->bitmap = std::move(bitmap);
+  upright->display_width = display_width;
+  upright->display_height = display_height;
+  return Status::OK();
+}
+
+// What tells one file's content from another's without reading it.
+struct FileIdentity {
+  std::string path;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  int64_t mtime_ns = 0;
+  int64_t ctime_ns = 0;
+
+  bool operator==(const FileIdentity& o) const {
+    return path == o.path && device == o.device && inode == o.inode && size == o.size &&
+           mtime_ns == o.mtime_ns && ctime_ns == o.ctime_ns;
+  }
+};
+
+bool IdentifyFile(const std::string& utf8_path, FileIdentity* id) {
+  struct stat st;
+  if (stat(utf8_path.c_str(), &st) != 0) return false;
+  id->path = utf8_path;
+  id->device = st.st_dev;
+  id->inode = st.st_ino;
+  id->size = st.st_size;
+  id->mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  id->ctime_ns = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+  return true;
+}
+
+// The last decoded frame of the process. The tool asks for one file's
+// thumbnail at several sizes in a row; decoding the frame once serves them
+// all, and every size is reduced from exactly the frame a fresh decode gives.
+class FrameCache {
+ public:
+  std::shared_ptr<const UprightFrame> Find(const FileIdentity& id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return frame_ && id == id_ ? frame_ : nullptr;
+  }
+  void Keep(const FileIdentity& id, std::shared_ptr<const UprightFrame> frame) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    id_ = id;
+    frame_ = std::move(frame);
+  }
+
+ private:
+  std::mutex mutex_;
+  FileIdentity id_;
+  std::shared_ptr<const UprightFrame> frame_;
+};
+
+FrameCache& TheFrameCache() {
+  static FrameCache* cache = new FrameCache();
+  return *cache;
+}
+
+}  // namespace
+
+Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
+  if (cx == 0) return Status::InvalidArgument("cx is 0");
+  FileIdentity id;
+  const bool identified = IdentifyFile(utf8_path, &id);
+  std::shared_ptr<const UprightFrame> frame;
+  if (identified) frame = TheFrameCache().Find(id);
+  if (!frame) {
+    auto decoded = std::make_shared<UprightFrame>();
+    Status status = DecodeUprightFrame(utf8_path, decoded.get());
+    if (!status.ok()) return status;
+    frame = decoded;
+    if (identified) TheFrameCache().Keep(id, frame);
+  }
+
   int width = 0;
   int height = 0;
-  image::FitWithin(display_width, display_height, cx, &width, &height);
+  image::FitWithin(frame->display_width, frame->display_height, cx, &width, &height);
   if (width <= 0 || height <= 0) return Status::InvalidArgument("empty frame");
-  if (width == bitmap.width() && height == bitmap.height()) {
-    *out = std::move(bitmap);
-    return Status::OK();
-  }
   image::Bitmap reduced;
-  status = image::AreaResample(bitmap, width, height, &reduced);
+  Status status = width == frame->bitmap.width() && height == frame->bitmap.height()
+                      ? frame->bitmap.Clone(&reduced)
+                      : image::AreaResample(frame->bitmap, width, height, &reduced);
   if (!status.ok()) return status;
   *out = std::move(reduced);
   return Status::OK();
