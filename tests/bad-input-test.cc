@@ -21,11 +21,13 @@
 #include <vector>
 
 #include "lib/thumbnail/testing/scratch-dir.h"
+#include "tests/clean-run.h"
 #include "tests/tool-runner.h"
 
 namespace tessera {
 namespace {
 
+using testing::ExpectCleanRun;
 using testing::ProcessResult;
 using testing::RunProcess;
 using testing::RunTool;
@@ -48,53 +50,6 @@ bool MakeMedia(const std::string& path, const std::vector<std::string>& codec_ar
   args.push_back(path);
   const ProcessResult made = RunProcess("ffmpeg", args);
   return made.exited && made.status == 0;
-}
-
-std::set<std::string> ListNames(const std::string& dir) {
-  std::set<std::string> names;
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator(dir, ignored)) {
-    names.insert(entry.path().filename().string());
-  }
-  return names;
-}
-
-// Checks every promise of a run; returns the number of thumbnails reported
-// (-1 when the run itself broke a promise). `out_dir` may be empty when the
-// directory does not exist.
-int ExpectCleanRun(const ProcessResult& run, const std::string& out_dir) {
-  EXPECT_TRUE(run.exited) << "ended by signal " << run.status << "\n" << run.err;
-  EXPECT_EQ(run.status, 0) << run.err;
-  for (const char* alarm : {"AddressSanitizer", "LeakSanitizer", "runtime error:"}) {
-    EXPECT_EQ(run.err.find(alarm), std::string::npos) << run.err;
-  }
-  Json::Value report;
-  Json::CharReaderBuilder builder;
-  std::string errors;
-  std::istringstream text(run.out);
-  if (!Json::parseFromStream(builder, text, &report, &errors)) {
-    ADD_FAILURE() << "standard output is not one JSON document: " << run.out;
-    return -1;
-  }
-  EXPECT_TRUE(report.isNull() || report.isObject()) << run.out;
-  std::set<std::string> reported;
-  if (report.isObject()) {
-    static const std::set<std::string> kSizes = {"small", "small-medium", "medium", "large"};
-    for (const std::string& key : report.getMemberNames()) {
-      EXPECT_EQ(kSizes.count(key), 1u) << key;
-      EXPECT_TRUE(report[key].isString()) << run.out;
-      if (!report[key].isString()) continue;
-      const std::string path = report[key].asString();
-      struct stat st;
-      EXPECT_TRUE(stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) << path;
-      const size_t slash = path.rfind('/');
-      reported.insert(slash == std::string::npos ? path : path.substr(slash + 1));
-    }
-  }
-  if (!out_dir.empty()) {
-    EXPECT_EQ(ListNames(out_dir), reported) << run.out;
-  }
-  return run.exited && run.status == 0 ? static_cast<int>(reported.size()) : -1;
 }
 
 class BadInputTest : public ::testing::Test {
