@@ -109,19 +109,22 @@ class GifDecoder : public ImageDecoder {
       p[3] = 255;
     }
 
-    const uint64_t index_plane = desc.Interlace ? uint64_t(desc.Width) * uint64_t(desc.Height) : 0;
-    if (!WithinDecodeBudget(index_plane + uint64_t(screen_width) * 4 + uint64_t(desc.Width))) {
-      return Status::InvalidArgument("GIF image too large to decode");
-    }
-    std::vector<uint8_t> canvas_row(static_cast<size_t>(screen_width) * 4);
-    std::vector<GifPixelType> indices(desc.Interlace ? static_cast<size_t>(index_plane)
-                                                     : static_cast<size_t>(desc.Width));
-
     // Part of the image that lies on the screen.
     const int x0 = std::max(0, desc.Left);
     const int x1 = std::min(screen_width, desc.Left + desc.Width);
     const int y0 = std::max(0, desc.Top);
     const int y1 = std::min(screen_height, desc.Top + desc.Height);
+
+    // An interlaced image is held whole, but only its rows on the screen: a
+    // frame far larger than its screen costs no more than the screen.
+    const int held_rows = desc.Interlace ? std::max(0, y1 - y0) : 0;
+    const uint64_t index_plane = uint64_t(desc.Width) * uint64_t(held_rows);
+    if (!WithinDecodeBudget(index_plane + uint64_t(screen_width) * 4 + uint64_t(desc.Width))) {
+      return Status::InvalidArgument("GIF image too large to decode");
+    }
+    std::vector<uint8_t> canvas_row(static_cast<size_t>(screen_width) * 4);
+    std::vector<GifPixelType> indices(static_cast<size_t>(index_plane));
+    std::vector<GifPixelType> line(static_cast<size_t>(desc.Width));
 
     auto push_white = [&]() {
       std::fill(canvas_row.begin(), canvas_row.end(), uint8_t{255});
@@ -143,26 +146,30 @@ class GifDecoder : public ImageDecoder {
       static const int kStart[4] = {0, 4, 2, 1};
       static const int kStep[4] = {8, 8, 4, 2};
       bool ok = true;
+      const int first_held = y0 - desc.Top;  // image row of indices' first row
       for (int pass = 0; pass < 4 && ok; ++pass) {
         for (int r = kStart[pass]; r < desc.Height && ok; r += kStep[pass]) {
-          ok = DGifGetLine(gif, &indices[static_cast<size_t>(r) * desc.Width], desc.Width) != GIF_ERROR;
+          const bool held = r >= first_held && r < first_held + held_rows;
+          GifPixelType* target =
+              held ? &indices[static_cast<size_t>(r - first_held) * desc.Width] : line.data();
+          ok = DGifGetLine(gif, target, desc.Width) != GIF_ERROR;
         }
       }
       for (int y = y0; y < y1; ++y) {
-        push_image_row(&indices[static_cast<size_t>(y - desc.Top) * desc.Width]);
+        push_image_row(&indices[static_cast<size_t>(y - y0) * desc.Width]);
       }
       pushed = y1;
     } else {
       // Rows above the screen are read and dropped.
       for (int r = 0; r < desc.Height; ++r) {
-        if (DGifGetLine(gif, indices.data(), desc.Width) == GIF_ERROR) {
+        if (DGifGetLine(gif, line.data(), desc.Width) == GIF_ERROR) {
           if (pushed == 0 && r == 0) return Status::InvalidArgument("GIF data unreadable");
           break;  // a truncated file keeps what was read
         }
         const int y = desc.Top + r;
         if (y < y0) continue;
         if (y >= y1) break;
-        push_image_row(indices.data());
+        push_image_row(line.data());
         ++pushed;
       }
     }
