@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "lib/image/bitmap.h"
 #include "lib/image/byte-source.h"
@@ -39,6 +40,12 @@ class ImageDecoder {
  public:
   virtual ~ImageDecoder() = default;
   virtual Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) = 0;
+  // Names the content of the sources this decoder will see, for a
+  // process-wide cache of intermediate pictures (a JPEG decoded at one DCT
+  // scale serves a later request at another cx that needs the same scale).
+  // Equal keys must mean equal bytes; empty (the default) disables the cache.
+  // Results are byte for byte those of an uncached decode.
+  virtual void SetContentKey(const std::string& /*key*/) {}
 };
 
 // The decoder for a format, or nullptr when none is built in.

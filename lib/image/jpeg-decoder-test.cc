@@ -1,5 +1,6 @@
 #include <lcms2.h>
 
+#include <cstring>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -92,6 +93,49 @@ TEST(JpegDecoderTest, ShrinksOnLoadButNeverBelowTheRequestedSize) {
     const Rgb mean = MeanColor(bitmap);
     EXPECT_NEAR(mean.g, 160, 4) << cx;
   }
+}
+
+Status DecodeKeyed(const std::string& bytes, const std::string& key, uint32_t cx, Bitmap* out) {
+  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  auto decoder = CreateJpegDecoder();
+  decoder->SetContentKey(key);
+  return decoder->Decode(source.get(), cx, out);
+}
+
+bool SameBitmap(const Bitmap& a, const Bitmap& b) {
+  return a.width() == b.width() && a.height() == b.height() &&
+         std::memcmp(a.data(), b.data(), a.byte_size()) == 0;
+}
+
+// A picture decoded at one DCT scale serves later requests of the same key
+// that need that scale; each result equals an uncached decode byte for byte,
+// and another key never sees it.
+TEST(JpegDecoderTest, CachedScaleGivesExactlyTheUncachedResult) {
+  RgbImage image(803, 600);
+  for (int y = 0; y < image.height; y += 7) {
+    for (int x = 0; x < image.width; x += 5) {
+      image.Fill(x, y, x + 3, y + 4, static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>(x ^ y));
+    }
+  }
+  JpegOptions orientated;
+  orientated.exif_orientation = 6;
+  const std::string a = EncodeJpeg(image, orientated);
+  image.Fill(0, 0, 400, 300, 10, 200, 30);
+  const std::string b = EncodeJpeg(image);
+
+  // 1/8 gives 101 x 75: cx 60 and 90 reduce it, cx 101 copies it.
+  for (uint32_t cx : {60u, 90u, 101u, 60u}) {
+    SCOPED_TRACE(cx);
+    Bitmap cached, fresh;
+    ASSERT_TRUE(DecodeKeyed(a, "a", cx, &cached).ok());
+    ASSERT_TRUE(DecodeBytes(a, cx, &fresh).ok());
+    EXPECT_TRUE(SameBitmap(cached, fresh));
+  }
+  Bitmap other, fresh;
+  ASSERT_TRUE(DecodeKeyed(b, "b", 90, &other).ok());
+  ASSERT_TRUE(DecodeBytes(b, 90, &fresh).ok());
+  EXPECT_TRUE(SameBitmap(other, fresh));
+  EXPECT_EQ(90, other.width());  // b has no orientation; a came out turned
 }
 
 TEST(JpegDecoderTest, CmykWithAndWithoutAdobeInversion) {

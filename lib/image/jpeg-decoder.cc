@@ -3,6 +3,8 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <vector>
@@ -205,6 +207,41 @@ uint64_t EstimateDecodeBytes(const jpeg_decompress_struct& cinfo) {
   return bytes + static_cast<uint64_t>(cinfo.image_width) * 4 * 2;
 }
 
+// A JPEG decoded at one DCT scale, kept for the next request of the same
+// content: the tool asks for one file at several sizes in a row, and the
+// smaller ones often need the same scale (1/8 serves both 3 x 120 and
+// 3 x 240 for most camera pictures). Only small pictures are kept, so the
+// cache never dominates memory; larger ones stream through the reducer.
+constexpr uint64_t kMaxCachedBytes = 8 << 20;
+
+struct ScaledPicture {
+  std::string key;
+  unsigned scale_denom = 0;
+  Bitmap bitmap;  // converted BGRA rows, exactly as the reducer receives them
+};
+
+class ScaledPictureCache {
+ public:
+  std::shared_ptr<const ScaledPicture> Find(const std::string& key, unsigned scale_denom) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (picture_ && picture_->key == key && picture_->scale_denom == scale_denom) return picture_;
+    return nullptr;
+  }
+  void Keep(std::shared_ptr<const ScaledPicture> picture) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    picture_ = std::move(picture);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::shared_ptr<const ScaledPicture> picture_;
+};
+
+ScaledPictureCache& TheScaledPictureCache() {
+  static ScaledPictureCache* cache = new ScaledPictureCache();
+  return *cache;
+}
+
 class JpegDecoder : public ImageDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
@@ -256,6 +293,28 @@ class JpegDecoder : public ImageDecoder {
     AreaReducer reducer;
     Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
     if (!status.ok()) return status;
+
+    const bool cacheable =
+        !content_key_.empty() && static_cast<uint64_t>(width) * height * 4 <= kMaxCachedBytes;
+    std::shared_ptr<const ScaledPicture> cached;
+    if (cacheable) {
+      cached = TheScaledPictureCache().Find(content_key_, cinfo->scale_denom);
+    } else {
+      // A large decode follows: let a kept picture go rather than add to its peak.
+      TheScaledPictureCache().Keep(nullptr);
+    }
+    if (cached && cached->bitmap.width() == width && cached->bitmap.height() == height) {
+      for (int y = 0; y < height; ++y) reducer.PushRow(cached->bitmap.row(y));
+      return FinishDecode(&reducer, cinfo, out);
+    }
+    std::shared_ptr<ScaledPicture> keep;
+    if (cacheable) {
+      keep = std::make_shared<ScaledPicture>();
+      keep->key = content_key_;
+      keep->scale_denom = cinfo->scale_denom;
+      if (!Bitmap::Create(width, height, &keep->bitmap).ok()) keep.reset();
+    }
+
     std::vector<uint8_t> row, bgra;
     try {
       row.resize(static_cast<size_t>(width) * bytes_per_pixel);
@@ -270,22 +329,32 @@ class JpegDecoder : public ImageDecoder {
       if (invert_cmyk) {
         for (uint8_t& v : row) v = static_cast<uint8_t>(255 - v);
       }
+      const uint8_t* converted = row.data();
       if (convert) {
         transform.Apply(row.data(), bgra.data(), static_cast<size_t>(width));
-        reducer.PushRow(bgra.data());
-      } else {
-        reducer.PushRow(row.data());
+        converted = bgra.data();
       }
+      reducer.PushRow(converted);
+      if (keep) std::memcpy(keep->bitmap.row(y), converted, static_cast<size_t>(width) * 4);
     }
+    if (keep) TheScaledPictureCache().Keep(std::move(keep));
+    return FinishDecode(&reducer, cinfo, out);
+  }
 
+  void SetContentKey(const std::string& key) override { content_key_ = key; }
+
+ private:
+  static Status FinishDecode(AreaReducer* reducer, jpeg_decompress_struct* cinfo, Bitmap* out) {
     Bitmap bitmap;
-    status = reducer.Finish(&bitmap);
+    Status status = reducer->Finish(&bitmap);
     if (!status.ok()) return status;
     status = ApplyExifOrientation(OrientationFromMarkers(cinfo), &bitmap);
     if (!status.ok()) return status;
     *out = std::move(bitmap);
     return Status::OK();
   }
+
+  std::string content_key_;
 };
 
 }  // namespace

@@ -66,6 +66,27 @@ TEST_F(PosixProviderTest, ChoosesTheDecoderByContentNotByName) {
   EXPECT_EQ(bitmap.height(), 30);
 }
 
+// Each size of a run uses a new provider; one that finds the file rewritten
+// since the last request must decode the new content, not a kept picture.
+TEST_F(PosixProviderTest, RewrittenFileIsDecodedAfresh) {
+  auto thumbnail = [](const std::u16string& path, uint32_t cx, image::Bitmap* out) {
+    auto provider = CreatePlatformThumbnailProvider();
+    ASSERT_EQ(provider->CreateItem(path), 0);
+    ASSERT_EQ(provider->BindToHandler(), 0);
+    ASSERT_EQ(provider->GetThumbnail(cx, out), 0);
+  };
+  const std::u16string path = Write("photo.jpg", image::testing::EncodeJpeg(
+                                                     image::testing::RgbImage(800, 600, 250, 0, 0)));
+  image::Bitmap bitmap;
+  thumbnail(path, 90, &bitmap);
+  EXPECT_GT(bitmap.row(40)[2], 200);  // red
+  Write("photo.jpg", image::testing::EncodeJpeg(image::testing::RgbImage(800, 608, 0, 0, 250)));
+  thumbnail(path, 60, &bitmap);  // the same DCT scale as before
+  EXPECT_EQ(bitmap.height(), 46);
+  EXPECT_GT(bitmap.row(20)[0], 200);  // blue
+  EXPECT_LT(bitmap.row(20)[2], 50);
+}
+
 TEST_F(PosixProviderTest, VideoContentGoesToTheVideoPath) {
   const std::string clip = dir_ + "/clip.bin";
   created_.push_back(clip);

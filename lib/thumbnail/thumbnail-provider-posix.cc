@@ -7,6 +7,9 @@
 //                  recognises it as a video (or a file with cover art)
 //   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
 #include <errno.h>
+#include <sys/stat.h>
+
+#include <cstdio>
 
 #include <memory>
 #include <string>
@@ -55,18 +58,44 @@ int32_t DecodeErrorCode(const Status& status) {
   }
 }
 
+// Names a file's content for the decoders' per-process cache: path, device,
+// inode, size, modification and change times, taken before and after the
+// file is opened. Empty (no caching) when the two differ or stat fails, so a
+// file replaced while it is opened is never mistaken for the old one.
+std::string ContentKey(const std::string& path, const struct stat& before) {
+  struct stat after;
+  if (stat(path.c_str(), &after) != 0) return std::string();
+  if (before.st_dev != after.st_dev || before.st_ino != after.st_ino ||
+      before.st_size != after.st_size || before.st_mtim.tv_sec != after.st_mtim.tv_sec ||
+      before.st_mtim.tv_nsec != after.st_mtim.tv_nsec ||
+      before.st_ctim.tv_sec != after.st_ctim.tv_sec ||
+      before.st_ctim.tv_nsec != after.st_ctim.tv_nsec) {
+    return std::string();
+  }
+  char identity[160];
+  snprintf(identity, sizeof(identity), "\n%llu:%llu:%lld:%lld.%09ld:%lld.%09ld",
+           static_cast<unsigned long long>(after.st_dev), static_cast<unsigned long long>(after.st_ino),
+           static_cast<long long>(after.st_size), static_cast<long long>(after.st_mtim.tv_sec),
+           after.st_mtim.tv_nsec, static_cast<long long>(after.st_ctim.tv_sec), after.st_ctim.tv_nsec);
+  return path + identity;
+}
+
 class PosixThumbnailProvider : public ThumbnailProvider {
  public:
   int32_t CreateItem(const std::u16string& path) override {
     source_.reset();
     decoder_.reset();
     video_ = false;
+    content_key_.clear();
     if (utility::UTF16ToUTF8(path, &path_) != 0) return -EINVAL;
+    struct stat before;
+    const bool have_before = stat(path_.c_str(), &before) == 0;
     Status status = image::ByteSource::OpenFile(path_, &source_);
     if (!status.ok()) {
       LOG_DEBUG(kLogComponent, "cannot open '%s': %s", path_.c_str(), status.ToString().c_str());
       return OpenErrorCode(status);
     }
+    if (have_before) content_key_ = ContentKey(path_, before);
     return 0;
   }
 
@@ -77,7 +106,10 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     if (got < 0) return -EIO;
     const image::ImageFormat format = image::SniffImageFormat(head, static_cast<size_t>(got));
     decoder_ = image::CreateImageDecoder(format);
-    if (decoder_) return 0;
+    if (decoder_) {
+      decoder_->SetContentKey(content_key_);
+      return 0;
+    }
     if (format == image::ImageFormat::kUnknown && IsVideoContent(path_)) {
       video_ = true;
       return 0;
@@ -106,6 +138,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
   std::string path_;
   std::unique_ptr<image::ByteSource> source_;
   std::unique_ptr<image::ImageDecoder> decoder_;
+  std::string content_key_;
   bool video_ = false;
 };
 
