@@ -10,7 +10,9 @@
 #define TESSERA_LIB_THUMBNAIL_MEDIA_SOURCE_H_
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -53,6 +55,11 @@ class MediaSample {
 
   MediaSample(int64_t time_hns, int width, int height, std::vector<uint8_t> bgrx)
       : time_hns_(time_hns), width_(width), height_(height), bgrx_(std::move(bgrx)) {}
+  // A sample whose pixels `convert` makes on the first call of bytes(), so
+  // that frames read only to be skipped are never converted. `convert`
+  // returns no bytes when it fails.
+  MediaSample(int64_t time_hns, int width, int height, std::function<std::vector<uint8_t>()> convert)
+      : time_hns_(time_hns), width_(width), height_(height), convert_(std::move(convert)) {}
 
   // Presentation time in 100-ns units. Fails when the frame had none.
   int32_t GetSampleTime(int64_t* time_hns) const {
@@ -63,13 +70,22 @@ class MediaSample {
   int width() const { return width_; }
   int height() const { return height_; }
   // The pixel bytes (width * height * 4 of them when the frame is whole).
-  const std::vector<uint8_t>& bytes() const { return bgrx_; }
+  // Thread-safe; the first call may convert the frame.
+  const std::vector<uint8_t>& bytes() const {
+    std::call_once(converted_, [this] {
+      if (convert_) bgrx_ = convert_();
+      convert_ = nullptr;
+    });
+    return bgrx_;
+  }
 
  private:
   int64_t time_hns_;
   int width_;
   int height_;
-  std::vector<uint8_t> bgrx_;
+  mutable std::vector<uint8_t> bgrx_;
+  mutable std::function<std::vector<uint8_t>()> convert_;
+  mutable std::once_flag converted_;
 };
 
 // Receives the answers to MediaSource::ReadSample, on a reader thread. Counted

@@ -146,16 +146,20 @@ class FfmpegMediaSource : public MediaSource {
       callback_->OnReadSample(error, 0, 0, 0, nullptr);
       return;
     }
-    std::vector<uint8_t> pixels;
-    // Every frame comes out at the size announced for the stream.
-    const Status status = ffmpeg::ConvertToBgra(frame.get(), width_, height_, &pixels);
-    if (!status.ok()) {
-      callback_->OnReadSample(AVERROR_INVALIDDATA, 0, 0, 0, nullptr);
-      return;
-    }
     const int64_t us = file_->FrameTimeUs(frame.get());
     const int64_t hns = us == INT64_MIN ? MediaSample::kNoTime : us * kHnsPerUs;
-    auto sample = std::make_shared<MediaSample>(hns, width_, height_, std::move(pixels));
+    // Converted only when the frame is taken: the reader may skip dozens of
+    // frames on its way to the seek time, and converting a 4K frame costs
+    // more than decoding it. Every frame comes out at the size announced for
+    // the stream.
+    std::shared_ptr<AVFrame> decoded(frame.release(), ffmpeg::FrameFreer());
+    const int width = width_;
+    const int height = height_;
+    auto sample = std::make_shared<MediaSample>(hns, width, height, [decoded, width, height] {
+      std::vector<uint8_t> pixels;
+      if (!ffmpeg::ConvertToBgra(decoded.get(), width, height, &pixels).ok()) pixels.clear();
+      return pixels;
+    });
     callback_->OnReadSample(0, 0, 0, hns == MediaSample::kNoTime ? 0 : hns, std::move(sample));
   }
 
