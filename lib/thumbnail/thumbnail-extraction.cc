@@ -170,6 +170,9 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
                    ErrorNumber(status));
       return false;
     }
+    // The source is done with: let it go before the encoder adds its own
+    // buffers, so the largest bitmap of a run never meets them in memory.
+    source = image::Bitmap();
 
     const std::string output_path = outputs[i] ? outputs[i]->GetPath() : std::string();
     status = SaveOutput(target, output_path, as_png);
