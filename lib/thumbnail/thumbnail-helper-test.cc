@@ -99,8 +99,9 @@ TEST_F(HelperTest, FailedImageLeavesNothingBehind) {
   ThumbnailResult result = Generate("/a/photo.jpeg", 3);
   ASSERT_FALSE(result.has_path());
   EXPECT_EQ(kFailed, result.error());
-  EXPECT_THAT(log_, HasSubstr("Failed to GetThumbnail '/a/photo.jpeg' '-1001', 3 * size = '3840'"));
-  EXPECT_THAT(log_, HasSubstr("GenerateThumbnail Failed '/a/photo.jpeg'"));
+  EXPECT_THAT(log_, HasSubstr("Failed to GetThumbnail '" + NormalizeSeparators("/a/photo.jpeg") +
+                                    "' '-1001', 3 * size = '3840'"));
+  EXPECT_THAT(log_, HasSubstr("GenerateThumbnail Failed '" + NormalizeSeparators("/a/photo.jpeg") + "'"));
   EXPECT_TRUE(out_.List().empty());
 }
 
@@ -112,7 +113,7 @@ TEST_F(HelperTest, VideoWhoseFrameExportFailsKeepsTheFirstResult) {
   ThumbnailResult result = Generate(src, 1);
   ASSERT_FALSE(result.has_path());
   EXPECT_EQ(kFailed, result.error());
-  EXPECT_EQ(1, CountOf(log_, "Failed to export frame '" + src + "'\n")) << log_;
+  EXPECT_EQ(1, CountOf(log_, "Failed to export frame '" + NormalizeSeparators(src) + "'\n")) << log_;
   EXPECT_EQ(1u, record_->items.size());  // no second attempt
   EXPECT_TRUE(out_.List().empty());       // neither output nor frame file
 }

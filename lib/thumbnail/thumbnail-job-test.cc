@@ -112,6 +112,9 @@ TEST_F(JobTest, BlockedExtractionIsAbandonedAtTheTimeLimit) {
 }
 
 TEST_F(JobTest, ExitWithAbandonedJobsRemovesTheirOutputs) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the death test's child shares the parent's files only where it is forked";
+#endif
   // The forked child runs the job on these very files.
   auto gate = std::make_shared<Gate>();  // never opened
   FakeProviderConfig config;

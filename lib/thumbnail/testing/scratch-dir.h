@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "lib/thumbnail/thumbnail-helper.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -22,8 +25,13 @@ class ScratchDir {
     std::string root = base && *base ? base : "/tmp";
     std::error_code ignored;
     std::filesystem::create_directories(root, ignored);
-    std::string pattern = root + "/thumbnail-XXXXXX";
-    if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
+    // create_directory says whether it made the directory: a taken name is
+    // drawn again.
+    std::random_device entropy;
+    for (int attempt = 0; attempt < 100 && path_.empty(); ++attempt) {
+      std::string candidate = root + "/thumbnail-" + std::to_string(entropy());
+      if (std::filesystem::create_directory(candidate, ignored)) path_ = candidate;
+    }
   }
   ~ScratchDir() {
     std::error_code ignored;
@@ -40,7 +48,8 @@ class ScratchDir {
     std::vector<std::string> entries;
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(path_, ignored)) {
-      entries.push_back(entry.path().string());
+      // In the separators the tool reports paths with.
+      entries.push_back(NormalizeSeparators(entry.path().string()));
     }
     std::sort(entries.begin(), entries.end());
     return entries;

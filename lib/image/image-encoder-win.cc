@@ -1,0 +1,125 @@
+// Saving bitmaps with GDI+ (flat API). GDI+ is started once per process, on
+// first use, and stays up until the process ends.
+#include <windows.h>
+// GDI+ needs the Windows types first.
+#include <gdiplus.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib/image/image-encoder.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+namespace gdip = Gdiplus::DllExports;
+
+constexpr int kJpegQuality = 85;
+// {1d5be4b5-fa4a-452d-9cdd-5db35105e7eb}
+constexpr GUID kEncoderQuality = {0x1d5be4b5, 0xfa4a, 0x452d, {0x9c, 0xdd, 0x5d, 0xb3, 0x51, 0x05, 0xe7, 0xeb}};
+
+// GdiplusStartup once, thread-safely; false when GDI+ could not start.
+bool EnsureGdiplus() {
+  static const bool started = [] {
+    Gdiplus::GdiplusStartupInput input;
+    ULONG_PTR token = 0;
+    return Gdiplus::GdiplusStartup(&token, &input, nullptr) == Gdiplus::Ok;
+  }();
+  return started;
+}
+
+std::wstring Widen(const std::string& utf8) {
+  if (utf8.empty()) return std::wstring();
+  int needed = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), static_cast<int>(utf8.size()),
+                                   nullptr, 0);
+  if (needed <= 0) return std::wstring();
+  std::wstring wide(static_cast<size_t>(needed), L'\0');
+  MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), static_cast<int>(utf8.size()), &wide[0], needed);
+  return wide;
+}
+
+// The class id of the installed encoder whose MIME type is exactly `mime`.
+bool FindEncoder(const wchar_t* mime, CLSID* clsid) {
+  if (!EnsureGdiplus()) return false;
+  UINT count = 0;
+  UINT bytes = 0;
+  if (gdip::GdipGetImageEncodersSize(&count, &bytes) != Gdiplus::Ok || bytes == 0) return false;
+  std::vector<uint8_t> table(bytes);
+  auto* codecs = reinterpret_cast<Gdiplus::ImageCodecInfo*>(table.data());
+  if (gdip::GdipGetImageEncoders(count, bytes, codecs) != Gdiplus::Ok) return false;
+  for (UINT i = 0; i < count; ++i) {
+    if (codecs[i].MimeType != nullptr && wcscmp(codecs[i].MimeType, mime) == 0) {
+      *clsid = codecs[i].Clsid;
+      return true;
+    }
+  }
+  return false;
+}
+
+struct ImageDisposer {
+  void operator()(Gdiplus::GpBitmap* bitmap) const { gdip::GdipDisposeImage(bitmap); }
+};
+
+Status Save(const Bitmap& bitmap, const std::string& utf8_path, const wchar_t* mime,
+            const Gdiplus::EncoderParameters* parameters) {
+  if (bitmap.empty()) return Status::InvalidArgument("empty bitmap");
+  std::wstring path = Widen(utf8_path);
+  if (path.empty()) return Status::InvalidArgument("path is not valid UTF-8: " + utf8_path);
+  CLSID clsid;
+  if (!FindEncoder(mime, &clsid)) return Status::NotSupported("no GDI+ encoder for the format");
+  // GDI+ only reads the pixels while saving; the 32bpp RGB format ignores
+  // the fourth byte, so the bitmap is saved opaque.
+  Gdiplus::GpBitmap* raw = nullptr;
+  Gdiplus::GpStatus status = gdip::GdipCreateBitmapFromScan0(
+      bitmap.width(), bitmap.height(), static_cast<INT>(bitmap.stride()), PixelFormat32bppRGB,
+      const_cast<BYTE*>(bitmap.data()), &raw);
+  if (status != Gdiplus::Ok) return Status::Internal("GdipCreateBitmapFromScan0: " + std::to_string(status));
+  std::unique_ptr<Gdiplus::GpBitmap, ImageDisposer> image(raw);
+  status = gdip::GdipSaveImageToFile(image.get(), path.c_str(), &clsid, parameters);
+  if (status != Gdiplus::Ok) return Status::IoError("GdipSaveImageToFile: " + std::to_string(status));
+  return Status::OK();
+}
+
+}  // namespace
+
+Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
+  ULONG quality = kJpegQuality;
+  Gdiplus::EncoderParameters parameters;
+  parameters.Count = 1;
+  parameters.Parameter[0].Guid = kEncoderQuality;
+  parameters.Parameter[0].Type = Gdiplus::EncoderParameterValueTypeLong;
+  parameters.Parameter[0].NumberOfValues = 1;
+  parameters.Parameter[0].Value = &quality;
+  return Save(bitmap, utf8_path, L"image/jpeg", &parameters);
+}
+
+Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
+  return Save(bitmap, utf8_path, L"image/png", nullptr);
+}
+
+const std::vector<ImageEncoder>& ImageEncoders() {
+  // The formats this platform can save, in the order of the GDI+ table.
+  static const std::vector<ImageEncoder> encoders = [] {
+    std::vector<ImageEncoder> list;
+    if (!EnsureGdiplus()) return list;
+    UINT count = 0;
+    UINT bytes = 0;
+    if (gdip::GdipGetImageEncodersSize(&count, &bytes) != Gdiplus::Ok || bytes == 0) return list;
+    std::vector<uint8_t> table(bytes);
+    auto* codecs = reinterpret_cast<Gdiplus::ImageCodecInfo*>(table.data());
+    if (gdip::GdipGetImageEncoders(count, bytes, codecs) != Gdiplus::Ok) return list;
+    for (UINT i = 0; i < count; ++i) {
+      if (codecs[i].MimeType == nullptr) continue;
+      if (wcscmp(codecs[i].MimeType, L"image/jpeg") == 0) list.push_back({"image/jpeg", &SaveJpeg});
+      if (wcscmp(codecs[i].MimeType, L"image/png") == 0) list.push_back({"image/png", &SavePng});
+    }
+    return list;
+  }();
+  return encoders;
+}
+
+}  // namespace image
+}  // namespace tessera

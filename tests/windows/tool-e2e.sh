@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# tool-e2e.sh <thumbnail-tool.exe> <linux thumbnail-tool> <scratch dir> <ffmpeg>
+#
+# Runs the Windows build of the tool under Wine and checks, byte for byte,
+# what it prints. Fails on the first difference.
+set -euo pipefail
+
+exe=$(realpath "$1")
+linux_tool=$(realpath "$2")
+scratch=$3
+ffmpeg=$4
+run_wine=$(cd "$(dirname "$0")/../.." && pwd)/scripts/windows/wine-run.sh
+
+fail() { echo "FAIL: $*" >&2; exit 1; }
+[ -x "$linux_tool" ] || fail "no Linux tool to compare with (TESSERA_LINUX_TOOL='$linux_tool')"
+[ -x "$ffmpeg" ] || fail "the ffmpeg command is needed to make the test media"
+
+rm -rf "$scratch" && mkdir -p "$scratch"
+scratch=$(cd "$scratch" && pwd)
+win() { echo "Z:${1//\//\\}"; }  # the Unix path as Wine's Z: drive sees it
+
+# Runs a command, leaving stdout, stderr and the exit status in $1.{out,err,rc}.
+capture() {
+  local name=$1; shift
+  set +e
+  "$@" >"$name.out" 2>"$name.err"
+  echo $? >"$name.rc"
+  set -e
+}
+
+# --- command lines that are rejected: the same bytes and status as on Linux ---
+cd "$scratch"
+cases=(
+  ""
+  "--src a.jpg"
+  "--size 3"
+  "--src --output_dir out"
+  "--output_dir=out"
+  "-h"
+  "--src a.jpg b.jpg positional --output_dir"
+)
+for i in "${!cases[@]}"; do
+  read -r -a argv <<<"${cases[$i]}"
+  capture "linux-$i" "$linux_tool" "${argv[@]}"
+  capture "win-$i" "$run_wine" "$exe" "${argv[@]}"
+  for part in out err rc; do
+    cmp -s "linux-$i.$part" "win-$i.$part" ||
+      fail "arguments '${cases[$i]}': std$part differs from Linux ($(diff "linux-$i.$part" "win-$i.$part" | head -5))"
+  done
+done
+echo "argument errors: ${#cases[@]} cases identical to Linux"
+
+# --- a photo: no Shell handler under Wine, so the report is null -------------
+"$ffmpeg" -v error -f lavfi -i testsrc=size=640x480 -frames:v 1 "$scratch/photo.jpg"
+mkdir -p "$scratch/photo-out"
+capture photo "$run_wine" "$exe" --output_dir "$(win "$scratch/photo-out")" --src "$(win "$scratch/photo.jpg")"
+[ "$(cat photo.rc)" = 0 ] || fail "photo: exit status $(cat photo.rc)"
+printf 'null\n\n' | cmp -s - photo.out || fail "photo: stdout is '$(cat photo.out)', not null"
+[ -z "$(ls -A "$scratch/photo-out")" ] || fail "photo: files left behind: $(ls -A "$scratch/photo-out")"
+echo "photo: null report, nothing left behind"
+
+# --- a video: the Shell attempt fails under Wine, the frame fallback runs -----
+# The frame is read with Media Foundation and written as a JPEG by GDI+; the
+# job then asks the Shell for that file. Without a Shell thumbnail handler (as
+# under Wine) that attempt fails too and the report is null, with nothing left
+# behind; with one (Windows) all four sizes are made.
+"$ffmpeg" -v error -f lavfi -i testsrc=duration=2:size=640x360:rate=25 -c:v libx264 -pix_fmt yuv420p \
+  "$scratch/clip.mp4"
+mkdir -p "$scratch/video-out"
+out_dir=$(win "$scratch/video-out")
+capture video "$run_wine" "$exe" --output_dir "$out_dir" --src "$(win "$scratch/clip.mp4")"
+[ "$(cat video.rc)" = 0 ] || fail "video: exit status $(cat video.rc); stderr: $(head -c 2000 video.err)"
+grep -q 'Failed to export frame' video.err && fail "video: the frame export failed: $(cat video.err)"
+if printf 'null\n\n' | cmp -s - video.out; then
+  frames=$(grep -F "GenerateThumbnail Failed '$out_dir\\" video.err | grep -c "\.jpg'\$" || true)
+  [ "$frames" = 4 ] || fail "video: $frames of 4 sizes reached the frame file; stderr: $(cat video.err)"
+  [ -z "$(ls -A "$scratch/video-out")" ] || fail "video: files left behind: $(ls -A "$scratch/video-out")"
+  echo "video: frame exported for each size, Shell unavailable, nothing left behind"
+else
+  keys=$(grep -o '"[a-z-]*" : ' video.out | tr -d '": ' | tr '\n' ' ')
+  [ "$keys" = "large medium small small-medium " ] || fail "video: report keys '$keys'; stdout: $(cat video.out)"
+  [ "$(tail -c 3 video.out | od -An -tx1 | tr -d ' ')" = 7d0a0a ] || fail "video: report does not end in '}\\n\\n'"
+  for path in $(grep -o ': "[^"]*"' video.out | sed 's/^: "//; s/"$//'); do
+    unix=${path#Z:}
+    unix=${unix//\\\\//}
+    [ "$(head -c 3 "$unix" | od -An -tx1 | tr -d ' ')" = ffd8ff ] || fail "video: '$path' is not a JPEG"
+  done
+  [ "$(ls -A "$scratch/video-out" | wc -l)" = 4 ] || fail "video: stray files: $(ls -A "$scratch/video-out")"
+  echo "video: four sizes"
+fi
+rm -rf "$scratch"
