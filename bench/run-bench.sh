@@ -32,11 +32,14 @@ if ((${#need[@]})); then
   apt-get install -y -qq --no-install-recommends "${need[@]}" >&2
 fi
 
-# --- the tool, in Release -------------------------------------------------------
-cmake -S "$root" -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-      -DTESSERA_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build_dir" -j2 --target thumbnail-tool >&2
-tool=$build_dir/tool/thumbnail-tool/thumbnail-tool
+# --- the tool, in Release (TESSERA_BENCH_TOOL names an already built one) -------
+tool=${TESSERA_BENCH_TOOL:-}
+if [[ -z $tool ]]; then
+  cmake -S "$root" -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DTESSERA_BUILD_TESTS=OFF >/dev/null
+  cmake --build "$build_dir" -j2 --target thumbnail-tool >&2
+  tool=$build_dir/tool/thumbnail-tool/thumbnail-tool
+fi
 
 # --- corpus ---------------------------------------------------------------------
 mkdir -p "$corpus_dir"
