@@ -83,9 +83,11 @@ std::string FullStoredPath(const std::string& path) {
   SplitPath(stripped, &parent, &name);
   // "/", "." and ".." name directories: canonicalise them whole.
   const bool whole = name.empty() || IsDotOrDotDot(name) || stripped == "/";
-  std::unique_ptr<char, FreeDeleter> resolved(realpath(whole ? stripped.c_str() : parent.c_str(), nullptr));
+  const std::string& looked_up = whole ? stripped : parent;
+  std::unique_ptr<char, FreeDeleter> resolved(realpath(looked_up.c_str(), nullptr));
   if (!resolved) {
-    LOG_ERROR(kComponent, "realpath: %d [%s]", errno, path.c_str());
+    // The same text as the Windows lookup, whatever the code.
+    LOG_ERROR(kComponent, "FindFirstFile: %d [%s, %s]", errno, path.c_str(), looked_up.c_str());
     return path;
   }
   std::string result = resolved.get();
@@ -257,12 +259,11 @@ int FSRemove(const std::string& path) {
 int RemoveDirectoryRecursive(const std::string& dir) {
   std::string stripped = StripTrailingSlashes(dir);
   // O_NOFOLLOW: a link to a directory is not a directory to empty.
+  // A directory that cannot be opened, a missing one included, is a failure
+  // here: FSRemove only comes this way for a directory it has just seen.
   int fd = open(stripped.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) {
-    int error = errno;
-    struct stat st;
-    if (lstat(stripped.c_str(), &st) != 0 && IsNotFound(errno)) return 0;
-    LOG_ERROR(kComponent, "RemoveDirectoryRecursive: error code %d", error);
+    LOG_ERROR(kComponent, "RemoveDirectoryRecursive: error code %d", errno);
     return -1;
   }
   int result = EmptyDirectory(fd, 0);
@@ -280,7 +281,8 @@ int FSMktemp(const std::string& prefix, std::string* path) {
     LOG_ERROR(kComponent, "FSMktemp failed.");
     return -1;
   }
-  int fd = open(candidate.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  // Created with the permissions fopen(..., "w") gives: 0666 less the umask.
+  int fd = open(candidate.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) return -1;
   close(fd);
   *path = candidate;

@@ -123,6 +123,12 @@ TEST_F(FileOpTest, RemoveLeavesLinksDevicesAndTheirTargetsAlone) {
 
   EXPECT_EQ(FSRemove(dir_.Path("no/such")), 0);
   EXPECT_EQ(FSRemove(""), -1);
+
+  // Asked directly, a directory that is not there cannot be searched.
+  CaptureStderr();
+  EXPECT_EQ(RemoveDirectoryRecursive(dir_.Path("no/such")), -1);
+  EXPECT_THAT(GetCapturedStderr(), ContainsRegex("\\[ERROR\\] file-op-posix\\.cc\\([0-9]+\\): "
+                                                 "RemoveDirectoryRecursive: error code 2\n"));
 }
 
 TEST_F(FileOpTest, RemoveTreeUnlinksLinksWithoutFollowingThem) {
