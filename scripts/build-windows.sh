@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# The Windows build: installs what is missing (mingw-w64 cross compilers,
+# Wine and the GStreamer plugins behind Wine's Media Foundation), cross-builds
+# the dependencies once (cached in build-windows/deps), builds
+# thumbnail-tool.exe and the unit tests with the "windows" CMake preset, and
+# runs every test under Wine, the end-to-end checks against the Linux build of
+# the tool included. Any failure stops the script with a non-zero status.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 mingw-w64-x86-64-dev
+  wine wine64 gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
+  dpkg-dev  # apt-get source unpacks with dpkg-source
+)
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}" >&2
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -q
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+scripts/install-deps.sh  # the Linux side: the reference tool, ffmpeg for test media
+
+build=build-windows
+scripts/windows/build-deps.sh "$build/deps"
+
+# The Linux tool, whose output the Windows one must reproduce byte for byte.
+cmake -S . -B build -G Ninja >/dev/null
+cmake --build build -j2 --target thumbnail-tool
+linux_tool=$PWD/build/tool/thumbnail-tool/thumbnail-tool
+
+cmake --preset windows -DTESSERA_LINUX_TOOL="$linux_tool" >/dev/null
+cmake --build --preset windows
+
+# One Wine prefix for the whole run, in the build folder; its server and
+# services are started once up front, so no test pays for the start-up.
+export WINEPREFIX=$PWD/$build/wine-prefix
+export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
+wineserver -p >/dev/null 2>&1
+trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
+scripts/windows/wine-run.sh cmd /c exit >/dev/null 2>&1
+
+ctest --preset windows
