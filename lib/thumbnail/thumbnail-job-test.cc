@@ -3,14 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
 #include "lib/thumbnail/testing/image-size.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/thumbnail/thumbnail-extraction.h"
 #include "lib/thumbnail/thumbnail-helper.h"
 
 namespace tessera {
@@ -133,6 +138,43 @@ TEST_F(JobTest, ExitWithAbandonedJobsRemovesTheirOutputs) {
       ::testing::ExitedWithCode(3), "GenerateThumbnail timeout '/p/slow.jpg'");
   EXPECT_FALSE(std::filesystem::exists(abandoned));
   EXPECT_TRUE(std::filesystem::exists(kept->GetPath()));
+  gate->Open();
+}
+
+TEST_F(JobTest, ExitWaitsForAnOutputBeingWrittenEvenWithNothingToRemove) {
+#ifdef _WIN32
+  GTEST_SKIP() << "the death test's child shares the parent's files only where it is forked";
+#endif
+  // The first job is abandoned and a second one completes the same output, as
+  // the video fallback does; the abandoned job may then be rewriting that
+  // reported file when the process ends, which must not cut the write short.
+  auto gate = std::make_shared<Gate>();  // never opened
+  auto calls = std::make_shared<std::atomic<int>>(0);
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [gate, calls] {
+    if (calls->fetch_add(1) == 0) gate->Wait();
+  };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  auto output = MakeOutput();
+  const std::string written = dir_.Join("written");
+
+  EXPECT_EXIT(
+      {
+        GenerateThumbnail(helper_, "/p/a.mp4", "mp4", {120}, false, {output}, std::chrono::milliseconds(10));
+        if (GenerateThumbnail(helper_, "/p/frame.jpg", "mp4", {120}, false, {output}) != 0) std::_Exit(1);
+        Gate holding;
+        std::thread writer([&holding, &written] {
+          std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
+          holding.Open();
+          std::this_thread::sleep_for(std::chrono::milliseconds(200));
+          std::ofstream(written) << "done";
+        });
+        holding.Wait();
+        ExitWithAbandonedJobs(3);
+      },
+      ::testing::ExitedWithCode(3), "GenerateThumbnail timeout ./p/a.mp4.");
+  EXPECT_TRUE(std::filesystem::exists(written));
+  EXPECT_TRUE(std::filesystem::exists(output->GetPath()));
   gate->Open();
 }
 

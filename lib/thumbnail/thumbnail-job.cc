@@ -128,9 +128,12 @@ void ExitWithAbandonedJobs(int status) {
     std::lock_guard<std::mutex> lock(jobs.mutex);
     paths = jobs.paths;
   }
-  // Held until the process is gone: no job can start writing a file again
-  // once it has been removed.
-  if (!paths.empty() && OutputWriteMutex().try_lock_for(kExitWriteWait)) {
+  // Taken even when no file is left to remove: an abandoned job may be
+  // rewriting an output that a later attempt completed and the report names
+  // (the video fallback reuses the output file), and ending the process in
+  // the middle of that write would leave the reported file cut short. Held
+  // until the process is gone: no job can start writing a file again.
+  if (OutputWriteMutex().try_lock_for(kExitWriteWait)) {
     for (const std::string& path : paths) file::FSRemove(path);
   }
   std::_Exit(status);

@@ -53,10 +53,10 @@ int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, cons
 bool HasAbandonedJobs();
 
 // Ends the process with `status` while abandoned jobs may still run: flushes
-// standard output and standard error, removes the output files of every
-// abandoned job (under OutputWriteMutex, so that none is being written or
-// can be written afterwards), and leaves with std::_Exit, running no
-// destructors. If a write does not finish within a few seconds the files are
+// standard output and standard error, waits for an output file being
+// written to be finished, removes the output files of every abandoned job
+// (all under OutputWriteMutex, so that none is being written or can be
+// written afterwards), and leaves with std::_Exit, running no destructors. If a write does not finish within a few seconds the files are
 // left behind rather than raced. Call from the main thread only.
 [[noreturn]] void ExitWithAbandonedJobs(int status);
 
