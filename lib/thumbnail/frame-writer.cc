@@ -1,6 +1,5 @@
 #include "lib/thumbnail/frame-writer.h"
 
-#include <new>
 #include <stdexcept>
 
 #include "lib/image/transform.h"
@@ -26,15 +25,7 @@ void ThrowOnError(const char* message, int32_t code) {
 
 image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type,
                                      const std::vector<image::ImageEncoder>& encoders) {
-  if (encoders.size() > 4096) ThrowOnError("Failed to get image encoder size", -1);
-  // The table is copied for every lookup: nothing is cached between calls.
-  std::vector<image::ImageEncoder> table;
-  try {
-    table = encoders;
-  } catch (const std::bad_alloc&) {
-    ThrowOnError("Failed to get all image encoders", -1);
-  }
-  for (const image::ImageEncoder& encoder : table) {
+  for (const image::ImageEncoder& encoder : encoders) {
     if (encoder.mime_type == nullptr) continue;
     std::u16string wide;
     if (utility::UTF8ToUTF16(encoder.mime_type, &wide) != 0) continue;
@@ -54,11 +45,7 @@ int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& fra
 
 int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& frame,
                      const VideoFrameInfo& info, const std::vector<image::ImageEncoder>& encoders) {
-  // The image object we turn and save is our own copy of the caller's frame.
-  image::Bitmap picture;
   if (frame.empty()) ThrowOnError("Failed to create GDI+ bitmap", -1);
-  Status status = frame.Clone(&picture);
-  if (!status.ok()) ThrowOnError("Failed to create GDI+ bitmap", StatusCode(status));
 
   int quarter_turns = 0;
   switch (info.rotation) {
@@ -67,13 +54,16 @@ int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& fra
     case 270: quarter_turns = 3; break;
     default: break;  // 0, 45, 360 ...: left as it is
   }
+  // The caller's frame is saved as it is unless it has to be turned: no copy
+  // of a whole decoded frame just to hold it.
+  const image::Bitmap* picture = &frame;
+  image::Bitmap turned;
   if (quarter_turns != 0) {
-    image::Bitmap turned;
     // The library's own status is deliberately not reported.
-    if (!image::RotateClockwise(picture, quarter_turns, &turned).ok()) {
+    if (!image::RotateClockwise(frame, quarter_turns, &turned).ok()) {
       ThrowOnError("Failed to rotate GDI+ bitmap", 0);
     }
-    picture = std::move(turned);
+    picture = &turned;
   }
 
   const image::ImageEncoder encoder = FindEncoderClsid(u"image/jpeg", encoders);
@@ -81,7 +71,7 @@ int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& fra
   if (utility::UTF16ToUTF8(output_path, &utf8_path) != 0 || encoder.save == nullptr) {
     ThrowOnError("Failed to save bitmap as JPEG", -1);
   }
-  status = encoder.save(picture, utf8_path);
+  const Status status = encoder.save(*picture, utf8_path);
   if (!status.ok()) ThrowOnError("Failed to save bitmap as JPEG", StatusCode(status));
   return 0;
 }

@@ -198,9 +198,7 @@ std::shared_ptr<MediaSample> SourceReader::ReadSample() {
   }
   if (status == kMediaPending) {
     stuck_ = true;
-    if (log::LogIsEnabled(log::kError, kComponent)) {
-      LOG_ERROR(kComponent, "ReadSample stuck for more than 10 seconds");
-    }
+    LOG_ERROR(kComponent, "ReadSample stuck for more than 10 seconds");  // tests the level itself
     ThrowOnError("Failed to get sample from listener [timeout]", 0);
   }
   if (status < 0) ThrowOnError("Failed to get sample from listener", status);
