@@ -126,6 +126,17 @@ TEST_F(ToolRunTest, PicturesGiveFourThumbnailsAndASortedReport) {
   }
 }
 
+TEST_F(ToolRunTest, InlineValuesAndExtraValuesAreAccepted) {
+  // Only the first value of an option is used: a second one is ignored.
+  const std::string src = in_.Join("photo.png");
+  if (!MakePicture(src, 200, 100)) GTEST_SKIP() << "cannot make test pictures";
+  ProcessResult run = RunTool({"--src", src, in_.Join("missing.png"), "--output_dir=" + out_.path()});
+  ASSERT_TRUE(run.exited);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(4u, out_.List().size()) << run.err;
+  EXPECT_EQ(std::string::npos, run.out.find("missing.png")) << run.out;
+}
+
 TEST_F(ToolRunTest, NothingMadePrintsNullAndLeavesNothing) {
   const std::string garbage = in_.Join("broken.jpg");
   FILE* f = fopen(garbage.c_str(), "wb");
