@@ -10,22 +10,105 @@
 #include "gtest/gtest.h"
 #include "lib/image/decoders.h"
 #include "lib/image/testing/bitmap-probe.h"
+#include "lib/image/testing/image-fixtures.h"
 
 namespace tessera {
 namespace image {
 namespace {
 
 using testing::MeanColor;
+using testing::Rgb;
 
-// A linear (demosaiced) DNG, 96x64, top half bright and bottom half black,
-// whose orientation tag turns it a quarter clockwise. Written with libtiff
-// through a scratch file.
-std::string MakeDng() {
+std::string ScratchPath() {
   const char* base = std::getenv("TESSERA_TEST_TMPDIR");
   std::string path = std::string(base != nullptr ? base : "/tmp") + "/raw-test-XXXXXX";
   const int fd = mkstemp(&path[0]);
   if (fd < 0) return "";
   close(fd);
+  return path;
+}
+
+std::string ReadAndRemove(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  unlink(path.c_str());
+  return bytes;
+}
+
+void SetDngIdentity(TIFF* tif) {
+  TIFFSetField(tif, TIFFTAG_MAKE, "Tessera");
+  TIFFSetField(tif, TIFFTAG_MODEL, "Test");
+  static const uint8_t kVersion[4] = {1, 4, 0, 0};
+  TIFFSetField(tif, TIFFTAG_DNGVERSION, kVersion);
+  TIFFSetField(tif, TIFFTAG_UNIQUECAMERAMODEL, "Tessera Test");
+}
+
+// Writes the current directory as a 96x64 linear raw image of one level.
+void WriteLinearRaw(TIFF* tif, uint16_t level) {
+  const int width = 96;
+  const int height = 64;
+  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, 0);
+  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
+  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
+  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, 34892);  // linear raw
+  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
+  std::vector<uint16_t> row(width * 3, level);
+  for (int y = 0; y < height; ++y) TIFFWriteScanline(tif, row.data(), y, 0);
+}
+
+// A DNG as cameras write it: IFD0 holds a JPEG preview (top half red,
+// bottom half blue as stored) and the orientation, a SubIFD the 96x64 raw
+// image, a uniform grey that shows whether the preview was used.
+// With preview_exif_orientation the preview JPEG carries its own EXIF tag.
+std::string MakeDngWithPreview(int preview_width, int preview_height, int preview_exif_orientation = 0) {
+  testing::RgbImage preview(preview_width, preview_height, 0, 0, 255);
+  preview.Fill(0, 0, preview_width, preview_height / 2, 255, 0, 0);
+  testing::JpegOptions options;
+  options.exif_orientation = preview_exif_orientation;
+  const std::string jpeg = testing::EncodeJpeg(preview, options);
+  if (jpeg.empty()) return "";
+  const std::string path = ScratchPath();
+  if (path.empty()) return "";
+  TIFF* tif = TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) return "";
+  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
+  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, preview_width);
+  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, preview_height);
+  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
+  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
+  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, preview_height);
+  TIFFSetField(tif, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);  // EXIF 6: turn clockwise
+  SetDngIdentity(tif);
+  uint64_t sub_ifd = 0;
+  TIFFSetField(tif, TIFFTAG_SUBIFD, 1, &sub_ifd);
+  // The whole JPEG stream, tables included, as the only strip.
+  TIFFWriteRawStrip(tif, 0, const_cast<char*>(jpeg.data()), static_cast<tmsize_t>(jpeg.size()));
+  TIFFWriteDirectory(tif);
+  WriteLinearRaw(tif, 30000);
+  TIFFWriteDirectory(tif);
+  TIFFClose(tif);
+  return ReadAndRemove(path);
+}
+
+void ExpectColor(const Rgb& c, double r, double g, double b) {
+  EXPECT_NEAR(c.r, r, 12) << testing::ToString(c);
+  EXPECT_NEAR(c.g, g, 12) << testing::ToString(c);
+  EXPECT_NEAR(c.b, b, 12) << testing::ToString(c);
+}
+
+// A linear (demosaiced) DNG, 96x64, top half bright and bottom half black,
+// whose orientation tag turns it a quarter clockwise. Written with libtiff
+// through a scratch file.
+std::string MakeDng() {
+  const std::string path = ScratchPath();
+  if (path.empty()) return "";
   const int width = 96;
   const int height = 64;
   TIFF* tif = TIFFOpen(path.c_str(), "w");
@@ -50,10 +133,7 @@ std::string MakeDng() {
     TIFFWriteScanline(tif, row.data(), y, 0);
   }
   TIFFClose(tif);
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  unlink(path.c_str());
-  return bytes;
+  return ReadAndRemove(path);
 }
 
 Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
@@ -75,6 +155,44 @@ TEST(RawDecoderTest, DngDevelopsUpright) {
   EXPECT_GT(MeanColor(bitmap, 36, 4, 60, 92).g, 200);
 
   ASSERT_TRUE(Decode(dng, 48, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 32);
+  EXPECT_EQ(bitmap.height(), 48);
+}
+
+TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
+  Bitmap bitmap;
+  // Stored as the sensor sees the scene: turned clockwise, the red top
+  // becomes the right half.
+  const std::string sideways = MakeDngWithPreview(96, 64);
+  ASSERT_FALSE(sideways.empty());
+  Status status = Decode(sideways, 200, &bitmap);
+  ASSERT_TRUE(status.ok()) << status.ToString();
+  EXPECT_EQ(bitmap.width(), 64);
+  EXPECT_EQ(bitmap.height(), 96);
+  ExpectColor(MeanColor(bitmap, 36, 4, 60, 92), 255, 0, 0);
+  ExpectColor(MeanColor(bitmap, 4, 4, 28, 92), 0, 0, 255);
+
+  // Already upright (portrait on a landscape sensor): not turned again.
+  const std::string upright = MakeDngWithPreview(64, 96);
+  ASSERT_FALSE(upright.empty());
+  status = Decode(upright, 200, &bitmap);
+  ASSERT_TRUE(status.ok()) << status.ToString();
+  EXPECT_EQ(bitmap.width(), 64);
+  EXPECT_EQ(bitmap.height(), 96);
+  ExpectColor(MeanColor(bitmap, 4, 4, 60, 44), 255, 0, 0);
+  ExpectColor(MeanColor(bitmap, 4, 52, 60, 92), 0, 0, 255);
+
+  // A preview that names the same turn itself is turned once, not twice.
+  const std::string tagged = MakeDngWithPreview(96, 64, 6);
+  ASSERT_FALSE(tagged.empty());
+  status = Decode(tagged, 200, &bitmap);
+  ASSERT_TRUE(status.ok()) << status.ToString();
+  EXPECT_EQ(bitmap.width(), 64);
+  EXPECT_EQ(bitmap.height(), 96);
+  ExpectColor(MeanColor(bitmap, 36, 4, 60, 92), 255, 0, 0);
+
+  // Reduced like any other image.
+  ASSERT_TRUE(Decode(sideways, 48, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 48);
 }

@@ -13,10 +13,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "lib/image/decoders.h"
+#include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
 #include "lib/image/raw-decoder.h"
 #include "lib/image/reducing-sink.h"
@@ -53,6 +55,31 @@ int FlipToOrientation(int flip) {
     default:
       return 1;
   }
+}
+
+// The orientation tag of a JPEG stream's EXIF segment, 1 when it has none.
+// Looks only at the marker segments before the first scan.
+int JpegExifOrientation(const uint8_t* data, size_t size) {
+  if (size < 4 || data[0] != 0xFF || data[1] != 0xD8) return 1;
+  size_t pos = 2;
+  while (pos + 4 <= size) {
+    if (data[pos] != 0xFF) return 1;
+    const uint8_t marker = data[pos + 1];
+    if (marker == 0xFF) {
+      ++pos;  // fill byte
+      continue;
+    }
+    if (marker == 0xDA || marker == 0xD9) return 1;
+    const size_t length = (size_t{data[pos + 2]} << 8) | data[pos + 3];
+    if (length < 2 || pos + 2 + length > size) return 1;
+    const uint8_t* payload = data + pos + 4;
+    const size_t payload_size = length - 2;
+    if (marker == 0xE1 && payload_size >= 6 && std::memcmp(payload, "Exif\0\0", 6) == 0) {
+      return ExifOrientation(payload, payload_size);
+    }
+    pos += 2 + length;
+  }
+  return 1;
 }
 
 // The longer side the decoded image needs, by the rule above.
@@ -111,19 +138,23 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
   if (!same_way && !turned) return Status::NotFound("preview of another aspect");
 
   if (raw->unpack_thumb() != LIBRAW_SUCCESS) return Status::NotFound("preview unreadable");
-  int error = 0;
-  MemImagePtr image(raw->dcraw_make_mem_thumb(&error));
-  if (!image) return Status::NotFound("preview unreadable");
 
   // Previews are stored as the sensor sees the scene; one already turned
   // (portrait aspect on a landscape sensor) must not be turned again.
   int orientation = FlipToOrientation(sizes.flip);
   if (OrientationSwapsAxes(orientation) && turned && !same_way) orientation = 1;
 
-  if (image->type == LIBRAW_IMAGE_JPEG) {
+  if (thumb.tformat == LIBRAW_THUMBNAIL_JPEG) {
+    // The preview's own bytes: LibRaw's in-memory copy of a JPEG preview
+    // gains an EXIF segment carrying the RAW's flip, which the JPEG decoder
+    // would apply on top of (or instead of) the decision above.
+    if (thumb.thumb == nullptr || thumb.tlength == 0) return Status::NotFound("preview unreadable");
+    const uint8_t* data = reinterpret_cast<const uint8_t*>(thumb.thumb);
+    // A preview that names its own orientation is turned by the JPEG decoder.
+    if (JpegExifOrientation(data, thumb.tlength) != 1) orientation = 1;
     std::unique_ptr<ImageDecoder> jpeg = CreateJpegDecoder();
     if (!jpeg) return Status::NotSupported("no JPEG decoder");
-    std::unique_ptr<ByteSource> source = ByteSource::FromMemory(image->data, image->data_size);
+    std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, thumb.tlength);
     Bitmap bitmap;
     Status status = jpeg->Decode(source.get(), cx, &bitmap);
     if (!status.ok()) return status;
@@ -134,6 +165,10 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
     *out = std::move(bitmap);
     return Status::OK();
   }
+  int error = 0;
+  MemImagePtr image(raw->dcraw_make_mem_thumb(&error));
+  if (!image) return Status::NotFound("preview unreadable");
+  if (image->type != LIBRAW_IMAGE_BITMAP) return Status::NotFound("preview of an unknown kind");
   return ReduceMemImage(*image, cx, orientation, out);
 }
 
