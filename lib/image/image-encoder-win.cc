@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "lib/image/image-encoder.h"
+#include "lib/utility/text-conversion.h"
 
 namespace tessera {
 namespace image {
@@ -29,16 +30,6 @@ bool EnsureGdiplus() {
     return Gdiplus::GdiplusStartup(&token, &input, nullptr) == Gdiplus::Ok;
   }();
   return started;
-}
-
-std::wstring Widen(const std::string& utf8) {
-  if (utf8.empty()) return std::wstring();
-  int needed = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), static_cast<int>(utf8.size()),
-                                   nullptr, 0);
-  if (needed <= 0) return std::wstring();
-  std::wstring wide(static_cast<size_t>(needed), L'\0');
-  MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, utf8.data(), static_cast<int>(utf8.size()), &wide[0], needed);
-  return wide;
 }
 
 // The class id of the installed encoder whose MIME type is exactly `mime`.
@@ -66,7 +57,8 @@ struct ImageDisposer {
 Status Save(const Bitmap& bitmap, const std::string& utf8_path, const wchar_t* mime,
             const Gdiplus::EncoderParameters* parameters) {
   if (bitmap.empty()) return Status::InvalidArgument("empty bitmap");
-  std::wstring path = Widen(utf8_path);
+  // Strict: a path that is not valid UTF-8 is refused, not guessed at.
+  const std::u16string path = utility::UTF8ToUTF16(utf8_path);
   if (path.empty()) return Status::InvalidArgument("path is not valid UTF-8: " + utf8_path);
   CLSID clsid;
   if (!FindEncoder(mime, &clsid)) return Status::NotSupported("no GDI+ encoder for the format");
@@ -78,7 +70,7 @@ Status Save(const Bitmap& bitmap, const std::string& utf8_path, const wchar_t* m
       const_cast<BYTE*>(bitmap.data()), &raw);
   if (status != Gdiplus::Ok) return Status::Internal("GdipCreateBitmapFromScan0: " + std::to_string(status));
   std::unique_ptr<Gdiplus::GpBitmap, ImageDisposer> image(raw);
-  status = gdip::GdipSaveImageToFile(image.get(), path.c_str(), &clsid, parameters);
+  status = gdip::GdipSaveImageToFile(image.get(), reinterpret_cast<const WCHAR*>(path.c_str()), &clsid, parameters);
   if (status != Gdiplus::Ok) return Status::IoError("GdipSaveImageToFile: " + std::to_string(status));
   return Status::OK();
 }
