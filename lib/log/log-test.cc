@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -276,6 +277,28 @@ TEST_F(LogTest, DeinitOfFileModeLeavesStandardOutputAsStream) {
   EXPECT_EQ(LogInit(config), -1);
   EXPECT_FALSE(LogIsEnabled(kError, "c"));
 }
+// A writer that passed its checks just before LogDeinit must neither write
+// into the closed file nor, once the stream has become standard output, there.
+TEST_F(LogTest, DeinitWaitsForWritersInFileMode) {
+  LogConfig config = FileConfig("app.log", 0);
+  ASSERT_EQ(LogInit(config), 0);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 3; ++i) {
+    writers.emplace_back([&stop] {
+      while (!stop) LOG_ERROR("c", "busy");
+    });
+  }
+  CaptureStdout();
+  for (int round = 0; round < 2000; ++round) {
+    LogDeinit();
+    ASSERT_EQ(LogInit(config), 0);
+  }
+  stop = true;
+  for (std::thread& writer : writers) writer.join();
+  EXPECT_EQ(GetCapturedStdout(), "");
+}
+
 }  // namespace
 }  // namespace log
 }  // namespace tessera

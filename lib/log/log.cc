@@ -249,8 +249,14 @@ int ReadLevelConfig(const std::string& path, std::unordered_map<std::string, std
 void LogDeinit() {
   LoggerState& state = State();
   state.initialised = false;
-  // Any file destination (3 and above opens the file) is closed. Standard
-  // output becomes the stream under destination 2: kept as it always was.
+  // A writer that got past its checks before the flag fell finishes its line
+  // under the mutex; the file must not be closed under it.
+  std::unique_lock<std::mutex> lock;
+  if (state.mutex != nullptr) lock = std::unique_lock<std::mutex>(*state.mutex);
+  // Every destination that opened the log file (3, and above 3, which opens
+  // it alike) closes it here; closing only for 3 would leak the handle of the
+  // others. Standard output then becomes the stream under destination 2, a
+  // pairing that callers of LogRaw have always seen and that is kept.
   if (state.destination >= 3) {
     if (state.stream != nullptr && state.stream != stdout && state.stream != stderr) fclose(state.stream);
     state.stream = stdout;
@@ -343,10 +349,13 @@ void LogPrintf(int level, const char* component, const char* format, ...) {
 
   std::mutex* mutex = state.mutex;
   if (mutex != nullptr) mutex->lock();
-  va_list args;
-  va_start(args, format);
-  WriteMessage(state, format, args);
-  va_end(args);
+  // LogDeinit may have run between the checks above and the lock.
+  if (state.initialised) {
+    va_list args;
+    va_start(args, format);
+    WriteMessage(state, format, args);
+    va_end(args);
+  }
   if (mutex != nullptr) mutex->unlock();
 }
 
