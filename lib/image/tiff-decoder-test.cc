@@ -1,3 +1,4 @@
+#include <lcms2.h>
 #include <stdlib.h>
 #include <tiffio.h>
 #include <unistd.h>
@@ -34,7 +35,28 @@ struct Page {
   int orientation = 0;   // 0: no tag
   std::function<int(int x, int y, int s)> pixel;
   std::vector<uint16_t> colormap;  // 3 * 2^bits entries for palette images
+  std::string icc;                 // embedded when not empty
 };
+
+// Packs one row of samples as libtiff expects them: bytes, 16-bit words in
+// host order, or other depths most significant bit first.
+std::vector<uint8_t> PackRow(const std::vector<int>& values, int bits) {
+  std::vector<uint8_t> out((values.size() * bits + 7) / 8);
+  if (bits == 16) {
+    for (size_t i = 0; i < values.size(); ++i) {
+      const uint16_t w = static_cast<uint16_t>(values[i]);
+      std::memcpy(out.data() + i * 2, &w, 2);
+    }
+    return out;
+  }
+  size_t bit = 0;
+  for (int v : values) {
+    for (int b = bits - 1; b >= 0; --b, ++bit) {
+      if ((v >> b) & 1) out[bit / 8] |= static_cast<uint8_t>(0x80 >> (bit % 8));
+    }
+  }
+  return out;
+}
 
 // Writes the pages with libtiff into a scratch file and returns its bytes.
 std::string WriteTiff(const std::vector<Page>& pages) {
@@ -62,40 +84,37 @@ std::string WriteTiff(const std::vector<Page>& pages) {
       TIFFSetField(tif, TIFFTAG_COLORMAP, page.colormap.data(), page.colormap.data() + n,
                    page.colormap.data() + 2 * n);
     }
-    const int bytes = page.bits / 8;
-    auto put = [&](std::vector<uint8_t>* buf, size_t i, int v) {
-      if (bytes == 2) {
-        uint16_t w = static_cast<uint16_t>(v);
-        std::memcpy(buf->data() + i * 2, &w, 2);
-      } else {
-        (*buf)[i] = static_cast<uint8_t>(v);
+    if (!page.icc.empty()) {
+      TIFFSetField(tif, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(page.icc.size()), page.icc.data());
+    }
+    // Samples of one row of pixels [x0, x0 + count), zero outside the page.
+    auto row_values = [&](int x0, int count, int y) {
+      std::vector<int> values;
+      for (int x = x0; x < x0 + count; ++x) {
+        for (int s = 0; s < page.samples; ++s) {
+          values.push_back(x < page.width && y < page.height ? page.pixel(x, y, s) : 0);
+        }
       }
+      return values;
     };
     if (page.tiled) {
       const int tile = 16;
       TIFFSetField(tif, TIFFTAG_TILEWIDTH, tile);
       TIFFSetField(tif, TIFFTAG_TILELENGTH, tile);
-      std::vector<uint8_t> buf(static_cast<size_t>(tile) * tile * page.samples * bytes);
       for (int ty = 0; ty < page.height; ty += tile) {
         for (int tx = 0; tx < page.width; tx += tile) {
+          std::vector<uint8_t> buf;
           for (int y = 0; y < tile; ++y) {
-            for (int x = 0; x < tile; ++x) {
-              for (int s = 0; s < page.samples; ++s) {
-                const int v = (tx + x < page.width && ty + y < page.height) ? page.pixel(tx + x, ty + y, s) : 0;
-                put(&buf, (static_cast<size_t>(y) * tile + x) * page.samples + s, v);
-              }
-            }
+            const std::vector<uint8_t> row = PackRow(row_values(tx, tile, ty + y), page.bits);
+            buf.insert(buf.end(), row.begin(), row.end());
           }
           TIFFWriteTile(tif, buf.data(), tx, ty, 0, 0);
         }
       }
     } else {
       TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 7);
-      std::vector<uint8_t> row(static_cast<size_t>(page.width) * page.samples * bytes);
       for (int y = 0; y < page.height; ++y) {
-        for (int x = 0; x < page.width; ++x) {
-          for (int s = 0; s < page.samples; ++s) put(&row, static_cast<size_t>(x) * page.samples + s, page.pixel(x, y, s));
-        }
+        std::vector<uint8_t> row = PackRow(row_values(0, page.width, y), page.bits);
         TIFFWriteScanline(tif, row.data(), y, 0);
       }
     }
@@ -195,6 +214,100 @@ TEST(TiffDecoderTest, SampleLayouts) {
   EXPECT_LT(yellow.b, 60);
 }
 
+// A CMYK printer profile that prints cyan ink as pure red and ignores the
+// other inks, so a result shows whether the profile was honoured.
+int CyanAsRed(const cmsUInt16Number in[], cmsUInt16Number out[], void*) {
+  cmsCIELab lab;
+  const double ink = in[0] / 65535.0;
+  lab.L = 100 - ink * (100 - 53.24);
+  lab.a = ink * 80.09;
+  lab.b = ink * 67.20;
+  cmsFloat2LabEncoded(out, &lab);
+  return 1;
+}
+
+std::string CyanAsRedCmykProfile() {
+  cmsHPROFILE profile = cmsCreateProfilePlaceholder(nullptr);
+  cmsSetProfileVersion(profile, 2.1);
+  cmsSetDeviceClass(profile, cmsSigOutputClass);
+  cmsSetColorSpace(profile, cmsSigCmykData);
+  cmsSetPCS(profile, cmsSigLabData);
+  cmsPipeline* lut = cmsPipelineAlloc(nullptr, 4, 3);
+  cmsStage* clut = cmsStageAllocCLut16bit(nullptr, 9, 4, 3, nullptr);
+  cmsStageSampleCLut16bit(clut, CyanAsRed, nullptr, 0);
+  cmsPipelineInsertStage(lut, cmsAT_BEGIN, clut);
+  cmsWriteTag(profile, cmsSigAToB0Tag, lut);
+  cmsWriteTag(profile, cmsSigMediaWhitePointTag, cmsD50_XYZ());
+  cmsPipelineFree(lut);
+  std::string bytes;
+  cmsUInt32Number size = 0;
+  if (cmsSaveProfileToMem(profile, nullptr, &size)) {
+    bytes.resize(size);
+    cmsSaveProfileToMem(profile, &bytes[0], &size);
+  }
+  cmsCloseProfile(profile);
+  return bytes;
+}
+
+TEST(TiffDecoderTest, DepthsAndInksBeyondTheRgbaInterface) {
+  // 12-bit gray in strips: white left half, a quarter level right half.
+  Page gray;
+  gray.width = 40;
+  gray.height = 20;
+  gray.samples = 1;
+  gray.bits = 12;
+  gray.photometric = PHOTOMETRIC_MINISBLACK;
+  gray.pixel = [](int x, int, int) { return x < 20 ? 4095 : 1024; };
+  Bitmap bitmap;
+  Status status = Decode(WriteTiff({gray}), 40, &bitmap);
+  ASSERT_TRUE(status.ok()) << status.ToString();
+  EXPECT_EQ(bitmap.width(), 40);
+  EXPECT_EQ(bitmap.height(), 20);
+  ExpectColor(MeanColor(bitmap, 0, 0, 19, 20), 255, 255, 255);
+  ExpectColor(MeanColor(bitmap, 21, 0, 40, 20), 64, 64, 64);
+
+  // 12-bit tiled RGB with unassociated alpha, tiles overhanging the edges,
+  // turned by its orientation: orange on the left as stored (the top once
+  // upright), transparent (white) on the right.
+  Page rgba;
+  rgba.width = 37;
+  rgba.height = 21;
+  rgba.samples = 4;
+  rgba.bits = 12;
+  rgba.tiled = true;
+  rgba.orientation = ORIENTATION_RIGHTTOP;
+  rgba.pixel = [](int x, int, int s) {
+    static const int kOrange[4] = {4095, 2048, 0, 4095};
+    return x < 18 ? kOrange[s] : 0;
+  };
+  status = Decode(WriteTiff({rgba}), 37, &bitmap);
+  ASSERT_TRUE(status.ok()) << status.ToString();
+  EXPECT_EQ(bitmap.width(), 21);
+  EXPECT_EQ(bitmap.height(), 37);
+  ExpectColor(MeanColor(bitmap, 0, 0, 21, 17), 255, 128, 0);
+  ExpectColor(MeanColor(bitmap, 0, 20, 21, 37), 255, 255, 255);
+
+  // 16-bit CMYK is converted through its embedded profile.
+  Page cmyk;
+  cmyk.width = cmyk.height = 12;
+  cmyk.samples = 4;
+  cmyk.bits = 16;
+  cmyk.photometric = PHOTOMETRIC_SEPARATED;
+  cmyk.icc = CyanAsRedCmykProfile();
+  ASSERT_FALSE(cmyk.icc.empty());
+  cmyk.pixel = Solid({65535, 0, 0, 0});
+  status = Decode(WriteTiff({cmyk}), 12, &bitmap);
+  ASSERT_TRUE(status.ok()) << status.ToString();
+  ExpectColor(MeanColor(bitmap), 255, 0, 0);
+
+  // Without a profile the same ink is cyan.
+  cmyk.icc.clear();
+  ASSERT_TRUE(Decode(WriteTiff({cmyk}), 12, &bitmap).ok());
+  const Rgb cyan = MeanColor(bitmap);
+  EXPECT_LT(cyan.r, 80) << testing::ToString(cyan);
+  EXPECT_GT(cyan.b, 180) << testing::ToString(cyan);
+}
+
 TEST(TiffDecoderTest, FirstPageAndLargeEnoughReducedCopy) {
   Page main;
   main.width = 400;
@@ -230,9 +343,21 @@ TEST(TiffDecoderTest, HostileInputFailsCleanly) {
   // Truncations of every size must not crash; small ones fail.
   for (size_t n = 0; n < tiff.size(); n += 37) {
     Status status = Decode(tiff.substr(0, n), 30, &bitmap);
-    if (n < 16) EXPECT_FALSE(status.ok());
+    if (n < 16) {
+      EXPECT_FALSE(status.ok());
+    }
   }
   EXPECT_FALSE(Decode(std::string("II*\0garbagegarbage", 18), 30, &bitmap).ok());
+
+  // The same for tiles unpacked sample by sample.
+  Page tiled = page;
+  tiled.tiled = true;
+  tiled.bits = 12;
+  tiled.samples = 4;
+  tiled.photometric = PHOTOMETRIC_SEPARATED;
+  tiled.pixel = [](int x, int y, int s) { return (x * 97 + y * 31 + s * 1000) & 4095; };
+  const std::string tiles = WriteTiff({tiled});
+  for (size_t n = 0; n < tiles.size(); n += 29) Decode(tiles.substr(0, n), 30, &bitmap);
 
   // A declared size over the limits is refused before decoding.
   Page big = page;

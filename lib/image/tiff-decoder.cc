@@ -1,7 +1,12 @@
-// TIFF through libtiff's RGBA interface, which covers strips and tiles,
-// 1- to 16-bit samples, gray, palette, RGB, YCbCr, CMYK and the usual
-// compressions. Rows are fetched one strip or tile row at a time and reduced
-// on the fly, so memory is bounded by one strip/tile row plus the output.
+// TIFF in two ways. CMYK and sample depths that libtiff's RGBA interface
+// refuses (12-bit scans, 10- and 14-bit sensors' TIFFs) are unpacked here
+// from the decoded strips or tiles: CMYK goes through the colour-managed
+// conversion (the embedded profile, else the built-in press model), other
+// depths are scaled to 8 bits. Everything else (palette, YCbCr, old-style
+// JPEG, planar-separate, 1- to 16-bit gray and RGB) goes through the RGBA
+// interface. Either way rows are fetched one scanline or tile row at a time
+// and reduced on the fly, so memory is bounded by one strip/tile row plus
+// the output.
 #include <tiffio.h>
 
 #include <algorithm>
@@ -120,10 +125,80 @@ bool SameAspect(const Candidate& a, const Candidate& b) {
   return std::fabs(ra - rb) <= 0.01 * rb;
 }
 
-bool Readable(TIFF* tif) {
+bool RgbaReadable(TIFF* tif) {
   char message[1024];
   return TIFFRGBAImageOK(tif, message) != 0;
 }
+
+// What the sample path reads: unsigned integer samples of 1 to 16 bits,
+// interleaved, as gray, RGB or CMYK with an optional alpha sample after the
+// colour ones.
+struct SampleLayout {
+  uint16_t photometric = 0;
+  int bits = 0;
+  int samples = 0;        // per pixel, extra samples included
+  int color_samples = 0;  // 1, 3 or 4
+  int alpha_index = -1;   // sample index of alpha, -1 when none
+  bool associated_alpha = false;
+};
+
+bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
+  uint16_t photometric = 0;
+  uint16_t bits = 0;
+  uint16_t samples = 0;
+  uint16_t planar = 0;
+  uint16_t format = 0;
+  if (!TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric)) return false;
+  TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bits);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &samples);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
+  TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &format);
+  if (bits < 1 || bits > 16 || format != SAMPLEFORMAT_UINT) return false;
+  if (planar != PLANARCONFIG_CONTIG && samples > 1) return false;
+  SampleLayout layout;
+  layout.photometric = photometric;
+  layout.bits = bits;
+  layout.samples = samples;
+  switch (photometric) {
+    case PHOTOMETRIC_MINISBLACK:
+    case PHOTOMETRIC_MINISWHITE:
+      layout.color_samples = 1;
+      break;
+    case PHOTOMETRIC_RGB:
+      layout.color_samples = 3;
+      break;
+    case PHOTOMETRIC_SEPARATED: {
+      uint16_t inkset = INKSET_CMYK;
+      TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkset);
+      if (inkset != INKSET_CMYK) return false;
+      layout.color_samples = 4;
+      break;
+    }
+    default:
+      return false;
+  }
+  if (samples < layout.color_samples || samples > layout.color_samples + 8) return false;
+  uint16_t extra_count = 0;
+  uint16_t* extra = nullptr;
+  if (samples > layout.color_samples && TIFFGetField(tif, TIFFTAG_EXTRASAMPLES, &extra_count, &extra) &&
+      extra != nullptr && extra_count > 0 &&
+      (extra[0] == EXTRASAMPLE_ASSOCALPHA || extra[0] == EXTRASAMPLE_UNASSALPHA)) {
+    layout.alpha_index = layout.color_samples;
+    layout.associated_alpha = extra[0] == EXTRASAMPLE_ASSOCALPHA;
+  }
+  *out = layout;
+  return true;
+}
+
+// CMYK always takes the sample path (the RGBA interface converts it without
+// colour management); other layouts only when the RGBA interface refuses them.
+bool PreferSamplePath(TIFF* tif) {
+  SampleLayout layout;
+  if (!ParseSampleLayout(tif, &layout)) return false;
+  return layout.photometric == PHOTOMETRIC_SEPARATED || !RgbaReadable(tif);
+}
+
+bool Readable(TIFF* tif) { return PreferSamplePath(tif) || RgbaReadable(tif); }
 
 // The first full-resolution page, or a reduced-resolution copy of it (a
 // following reduced IFD or a SubIFD) that is still at least cx on its longer
@@ -258,6 +333,173 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, Bitmap* out) {
   return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
 }
 
+// Unpacks count samples of `bits` bits into 8-bit values, rounding. Samples
+// of other than 8 or 16 bits are packed most significant bit first; 16-bit
+// ones come in host order (libtiff swaps them).
+void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst) {
+  if (bits == 8) {
+    std::memcpy(dst, src, count);
+    return;
+  }
+  if (bits == 16) {
+    for (size_t i = 0; i < count; ++i) {
+      uint16_t v;
+      std::memcpy(&v, src + i * 2, 2);
+      dst[i] = static_cast<uint8_t>((uint32_t{v} * 255 + 32767) / 65535);
+    }
+    return;
+  }
+  const uint32_t max = (1u << bits) - 1;
+  uint32_t acc = 0;
+  int have = 0;
+  for (size_t i = 0; i < count; ++i) {
+    while (have < bits) {
+      acc = (acc << 8) | *src++;
+      have += 8;
+    }
+    have -= bits;
+    const uint32_t v = (acc >> have) & max;
+    acc &= (1u << have) - 1;
+    dst[i] = static_cast<uint8_t>((v * 255 + max / 2) / max);
+  }
+}
+
+// Turns count pixels of 8-bit samples into BGRA. cmyk is scratch of 4 bytes
+// a pixel for CMYK input.
+void SamplesToBgra(const SampleLayout& layout, const ColorTransform& transform, const uint8_t* s,
+                   size_t count, uint8_t* cmyk, uint8_t* bgra) {
+  const int n = layout.samples;
+  if (layout.color_samples == 4) {
+    for (size_t x = 0; x < count; ++x) std::memcpy(cmyk + x * 4, s + x * n, 4);
+    transform.Apply(cmyk, bgra, count);
+  } else if (layout.color_samples == 3) {
+    for (size_t x = 0; x < count; ++x) {
+      bgra[x * 4] = s[x * n + 2];
+      bgra[x * 4 + 1] = s[x * n + 1];
+      bgra[x * 4 + 2] = s[x * n];
+      bgra[x * 4 + 3] = 255;
+    }
+  } else {
+    const uint8_t flip = layout.photometric == PHOTOMETRIC_MINISWHITE ? 255 : 0;
+    for (size_t x = 0; x < count; ++x) {
+      const uint8_t v = s[x * n] ^ flip;
+      bgra[x * 4] = bgra[x * 4 + 1] = bgra[x * 4 + 2] = v;
+      bgra[x * 4 + 3] = 255;
+    }
+  }
+  if (layout.alpha_index >= 0) {
+    for (size_t x = 0; x < count; ++x) bgra[x * 4 + 3] = s[x * n + layout.alpha_index];
+  }
+  if (layout.color_samples == 3 && !transform.is_identity()) transform.Apply(bgra, bgra, count);
+}
+
+void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
+  if (layout.associated_alpha) {
+    sink->PushPremultipliedRow(bgra);
+  } else {
+    sink->PushStraightRow(bgra);
+  }
+}
+
+// The sample path: scanline by scanline for strips, one row of tiles at a
+// time for tiles. A read error after the first scanline or tile keeps what
+// was read.
+Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap* out) {
+  uint32_t width = 0;
+  uint32_t height = 0;
+  if (!ReadSize(tif, &width, &height)) return Status::InvalidArgument("TIFF without a size");
+  ReducingSink sink;
+  Status status = sink.Init(width, height, cx);
+  if (!status.ok()) return status;
+
+  uint16_t orientation = ORIENTATION_TOPLEFT;
+  TIFFGetFieldDefaulted(tif, TIFFTAG_ORIENTATION, &orientation);
+  uint32_t icc_size = 0;
+  void* icc = nullptr;
+  if (!TIFFGetField(tif, TIFFTAG_ICCPROFILE, &icc_size, &icc)) {
+    icc = nullptr;
+    icc_size = 0;
+  }
+  ColorTransform transform;
+  if (layout.color_samples == 4) {
+    // Without a usable profile this is the built-in press model.
+    transform = ColorTransform::FromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kCmyk8);
+  } else if (layout.color_samples == 3 && icc != nullptr) {
+    transform = ColorTransform::FromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8);
+  }
+
+  const uint64_t pixel_bits = uint64_t{static_cast<uint32_t>(layout.bits)} * layout.samples;
+  const uint64_t row_samples = uint64_t{width} * layout.samples;
+  const uint64_t cmyk_bytes = layout.color_samples == 4 ? uint64_t{width} * 4 : 0;
+  std::vector<uint8_t> samples;
+  std::vector<uint8_t> cmyk;
+  std::vector<uint8_t> bgra;
+
+  if (!TIFFIsTiled(tif)) {
+    const uint64_t line_bytes = static_cast<uint64_t>(TIFFScanlineSize64(tif));
+    if (line_bytes < (uint64_t{width} * pixel_bits + 7) / 8) return Status::InvalidArgument("TIFF scanline size");
+    if (!WithinDecodeBudget(line_bytes + row_samples + cmyk_bytes + uint64_t{width} * 4)) {
+      return Status::InvalidArgument("TIFF scanlines too large to decode");
+    }
+    std::vector<uint8_t> line(static_cast<size_t>(line_bytes));
+    samples.resize(static_cast<size_t>(row_samples));
+    cmyk.resize(static_cast<size_t>(cmyk_bytes));
+    bgra.resize(static_cast<size_t>(width) * 4);
+    for (uint32_t y = 0; y < height; ++y) {
+      if (TIFFReadScanline(tif, line.data(), y, 0) < 0) {
+        if (y == 0) return Status::InvalidArgument("TIFF data unreadable");
+        break;
+      }
+      UnpackSamples(line.data(), layout.bits, samples.size(), samples.data());
+      SamplesToBgra(layout, transform, samples.data(), width, cmyk.data(), bgra.data());
+      PushRow(layout, &sink, bgra.data());
+    }
+    return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
+  }
+
+  uint32_t tile_width = 0;
+  uint32_t tile_height = 0;
+  if (!TIFFGetField(tif, TIFFTAG_TILEWIDTH, &tile_width) || !TIFFGetField(tif, TIFFTAG_TILELENGTH, &tile_height) ||
+      tile_width == 0 || tile_height == 0) {
+    return Status::InvalidArgument("TIFF tile size");
+  }
+  const uint64_t tile_bytes = static_cast<uint64_t>(TIFFTileSize64(tif));
+  const uint64_t tile_row_bytes = static_cast<uint64_t>(TIFFTileRowSize64(tif));
+  const uint32_t band_rows = std::min(tile_height, height);
+  if (tile_row_bytes < (uint64_t{tile_width} * pixel_bits + 7) / 8 ||
+      tile_bytes < tile_row_bytes * tile_height) {
+    return Status::InvalidArgument("TIFF tile size");
+  }
+  const uint64_t band_bytes = uint64_t{width} * band_rows * 4;
+  if (!WithinDecodeBudget(tile_bytes + band_bytes + row_samples + cmyk_bytes)) {
+    return Status::InvalidArgument("TIFF tiles too large to decode");
+  }
+  std::vector<uint8_t> tile(static_cast<size_t>(tile_bytes));
+  samples.resize(static_cast<size_t>(uint64_t{std::min(tile_width, width)} * layout.samples));
+  cmyk.resize(static_cast<size_t>(cmyk_bytes));
+  bgra.resize(static_cast<size_t>(band_bytes));
+  bool truncated = false;
+  for (uint32_t ty = 0; ty < height && !truncated; ty += tile_height) {
+    const uint32_t rows = std::min(tile_height, height - ty);
+    for (uint32_t tx = 0; tx < width; tx += tile_width) {
+      const uint32_t cols = std::min(tile_width, width - tx);
+      if (TIFFReadTile(tif, tile.data(), tx, ty, 0, 0) < 0) {
+        if (ty == 0 && tx == 0) return Status::InvalidArgument("TIFF data unreadable");
+        // Keep this row of tiles with the unreadable one blank, then stop.
+        std::fill(tile.begin(), tile.end(), 0);
+        truncated = true;
+      }
+      for (uint32_t r = 0; r < rows; ++r) {
+        UnpackSamples(tile.data() + r * tile_row_bytes, layout.bits, size_t{cols} * layout.samples, samples.data());
+        SamplesToBgra(layout, transform, samples.data(), cols, cmyk.data(),
+                      bgra.data() + (static_cast<size_t>(r) * width + tx) * 4);
+      }
+    }
+    for (uint32_t r = 0; r < rows; ++r) PushRow(layout, &sink, bgra.data() + static_cast<size_t>(r) * width * 4);
+  }
+  return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
+}
+
 class TiffDecoder : public ImageDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
@@ -274,6 +516,10 @@ class TiffDecoder : public ImageDecoder {
     Candidate chosen;
     status = ChooseImage(tif.get(), cx, &chosen);
     if (!status.ok()) return status;
+    SampleLayout layout;
+    if (PreferSamplePath(tif.get()) && ParseSampleLayout(tif.get(), &layout)) {
+      return DecodeSamples(tif.get(), layout, cx, out);
+    }
     return DecodeRgba(tif.get(), cx, out);
   }
 
