@@ -56,6 +56,9 @@ void InstallLogger() {
 
 int64_t NowUs() { return av_gettime_relative(); }
 
+// *sum = a + b; false when hostile times would overflow.
+bool AddTime(int64_t a, int64_t b, int64_t* sum) { return !__builtin_add_overflow(a, b, sum); }
+
 Status AvStatus(const char* context, int error) {
   if (error == AVERROR_EXIT) return Status::Timeout(AvError(context, error));
   if (error == AVERROR(ENOENT)) return Status::NotFound(AvError(context, error));
@@ -238,7 +241,9 @@ int MediaFile::SeekTo(int64_t time_us) {
   if (attached_picture_) return AVERROR(ENOSYS);
   const AVStream* s = stream();
   int64_t target = time_us;
-  if (format_->start_time != AV_NOPTS_VALUE) target += format_->start_time;
+  if (format_->start_time != AV_NOPTS_VALUE && !AddTime(target, format_->start_time, &target)) {
+    return AVERROR_INVALIDDATA;
+  }
   target = av_rescale_q(target, AV_TIME_BASE_Q, s->time_base);
   const int error = av_seek_frame(format_.get(), stream_index_, target, AVSEEK_FLAG_BACKWARD);
   if (error < 0) return error;
@@ -252,7 +257,9 @@ int64_t MediaFile::FrameTimeUs(const AVFrame* frame) const {
   if (pts == AV_NOPTS_VALUE) pts = frame->pts;
   if (pts == AV_NOPTS_VALUE) return INT64_MIN;
   int64_t us = av_rescale_q(pts, stream()->time_base, AV_TIME_BASE_Q);
-  if (format_->start_time != AV_NOPTS_VALUE) us -= format_->start_time;
+  if (format_->start_time != AV_NOPTS_VALUE && !AddTime(us, -format_->start_time, &us)) return INT64_MIN;
+  // Callers count in 100-ns units; a time that cannot be one is no time.
+  if (us > kMaxFrameTimeUs || us < -kMaxFrameTimeUs) return INT64_MIN;
   return us;
 }
 

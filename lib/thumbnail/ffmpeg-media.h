@@ -54,6 +54,9 @@ using SwsPtr = std::unique_ptr<SwsContext, SwsFreer>;
 // "<context>: <av_strerror text>".
 std::string AvError(const char* context, int error);
 
+// Largest frame time in microseconds that FrameTimeUs reports (about 29,000 years).
+constexpr int64_t kMaxFrameTimeUs = INT64_MAX / 10;
+
 // Packets read at most while looking for one decoded frame.
 constexpr int kMaxPacketsPerFrame = 4000;
 
@@ -91,7 +94,8 @@ class MediaFile {
   int SeekTo(int64_t time_us);
 
   // Microseconds from the start of the file for a frame's time; INT64_MIN
-  // when the frame has none.
+  // when the frame has none, or one beyond +-kMaxFrameTimeUs (hostile files),
+  // so that callers may multiply it by 10 for 100-ns units.
   int64_t FrameTimeUs(const AVFrame* frame) const;
 
   // Clockwise degrees (0, 90, 180, 270) that make frames upright, and whether
