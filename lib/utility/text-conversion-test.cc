@@ -64,10 +64,16 @@ TEST(TextConversionTest, IsValidUTF8AnswersQuietly) {
   EXPECT_EQ(GetCapturedStderr(), "");
 }
 
-TEST(TextConversionTest, FormatLocalTimeFitsIn128Bytes) {
+// The limit is 127 wide characters, not bytes: a result in a multi-byte
+// script fits as long as its UTF-16 length does.
+TEST(TextConversionTest, FormatLocalTimeFits127WideCharacters) {
   EXPECT_EQ(FormatLocalTime("%Y").size(), 4u);
   EXPECT_EQ(FormatLocalTime(std::string(127, 'x')), std::string(127, 'x'));
   EXPECT_EQ(FormatLocalTime(std::string(128, 'x')), "");
+  std::string alpha;
+  for (int i = 0; i < 127; ++i) alpha += "\xce\xb1";  // U+03B1, 2 bytes, 1 unit
+  EXPECT_EQ(FormatLocalTime(alpha), alpha);
+  EXPECT_EQ(FormatLocalTime(alpha + "x"), "");
 }
 
 }  // namespace

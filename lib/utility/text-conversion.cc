@@ -114,9 +114,13 @@ bool IsValidUTF8(const std::string& in) {
   return FromUTF8(in, &scratch) != U_INVALID_CHAR_FOUND;
 }
 
-// The buffer holds 128 bytes including the terminator; a result that does not
-// fit (or an empty one) gives an empty string, as strftime reports 0 for both.
+// The result may hold 127 UTF-16 units (a buffer of 128 wide characters with
+// its terminator); one that does not fit, or an empty one, gives an empty
+// string, as the wide strftime reports 0 for both. The narrow strftime writes
+// UTF-8, so its buffer is sized for 3 bytes a unit (a surrogate pair, 2 units,
+// takes 4 bytes) and the units are counted afterwards.
 std::string FormatLocalTime(const std::string& format) {
+  constexpr size_t kMaxUnits = 127;
   // A format that is not valid UTF-8 is refused like any other text.
   std::u16string checked;
   if (UTF8ToUTF16(format, &checked) != 0) return std::string();
@@ -130,9 +134,12 @@ std::string FormatLocalTime(const std::string& format) {
     if (shared == nullptr) return std::string();
     local = *shared;
   }
-  char buffer[128];
+  char buffer[kMaxUnits * 3 + 1];
   size_t written = std::strftime(buffer, sizeof buffer, format.c_str(), &local);
-  return std::string(buffer, written);
+  std::string result(buffer, written);
+  std::u16string units;
+  if (UTF8ToUTF16(result, &units) != 0 || units.size() > kMaxUnits) return std::string();
+  return result;
 }
 
 }  // namespace utility

@@ -28,7 +28,9 @@ std::string UTF16ToUTF8(const std::u16string& in);
 // UTF-8 sequence.
 bool IsValidUTF8(const std::string& in);
 
-// The current local time formatted with a strftime format (UTF-8).
+// The current local time formatted with a strftime format (UTF-8); empty
+// when the result is longer than 127 UTF-16 units, is empty, or the format
+// is not valid UTF-8. Thread-safe.
 std::string FormatLocalTime(const std::string& format);
 
 }  // namespace utility
