@@ -13,10 +13,11 @@ namespace {
 
 constexpr char kComponent[] = "utility_debug";
 
-// The process-wide default directory, empty until set.
+// The process-wide default directory, empty until set. Neither the string
+// nor its mutex is destroyed: both stay usable while the process exits.
 std::mutex& DefaultDirMutex() {
-  static std::mutex mutex;
-  return mutex;
+  static std::mutex* mutex = new std::mutex;
+  return *mutex;
 }
 
 std::string& DefaultDirStorage() {
