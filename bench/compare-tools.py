@@ -25,6 +25,8 @@ import time
 EDGES = (120, 240, 320, 1280)
 SIZE_NAMES = ("small", "small-medium", "medium", "large")
 CONVERT = "/usr/bin/convert"  # the real ImageMagick, whatever else is on PATH
+NOTES_MARKER = "<!-- notes: kept across reruns -->"
+PROCESS_TIMEOUT = 60  # seconds; a contender's process that takes longer is given up
 CRAWL_SECONDS = 12.0  # contenders slower than this are run once, not timed by hyperfine
 
 
@@ -154,8 +156,14 @@ def run_once(contender, out):
     failed = False
     rss_file = os.path.join(out, "..", "rss.txt")
     for cmd in contender.commands:
-        rc = subprocess.call(["/usr/bin/time", "-f", "%M", "-o", rss_file, "sh", "-c", cmd],
-                             stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        try:
+            rc = subprocess.call(["/usr/bin/time", "-f", "%M", "-o", rss_file, "sh", "-c", cmd],
+                                 stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                 timeout=PROCESS_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            contender.note = "timed out"
+            contender.rss_kib = max(peak, contender.rss_kib or 0)
+            return False
         with open(rss_file) as f:
             numbers = [int(t) for t in f.read().split() if t.isdigit()]
         if numbers:
@@ -227,11 +235,15 @@ def machine():
 
 
 def fmt_s(c, attr="seconds"):
+    if c is not None and c.note == "timed out":
+        return f"> {PROCESS_TIMEOUT} (timed out)"
     if c is None or getattr(c, attr) is None:
         return "—"
     mark = "" if c.ok or not c.check else " ✗"
     if c.note == "one run":
         mark += " †"
+    if c.note == "timed out":
+        mark += " (timed out)"
     return f"{getattr(c, attr):.3f}" + mark
 
 
@@ -258,6 +270,7 @@ def timing_table(rows, attr):
         t = by["tool"]
         peers = [by[n] for n in ("vipsthumbnail", "convert", "ffmpegthumbnailer")
                  if n in by and by[n].ok]
+        peers = [c for c in peers if getattr(c, attr) is not None]
         best = min(peers, key=lambda c: getattr(c, attr)) if peers else None
         cells = [entry["name"], fmt_s(t, attr), fmt_mib(t)]
         for n in ("vipsthumbnail", "convert", "ffmpegthumbnailer"):
@@ -314,11 +327,14 @@ def main():
                     quality["vipsthumbnail"] = ssim_at_320(entry["path"], c.outputs[320], work)
             # A contender that needs minutes is timed by its one run above,
             # so the whole benchmark stays within a few minutes.
-            crawling = [c for c in contenders if c.once > CRAWL_SECONDS]
+            crawling = [c for c in contenders if c.once > CRAWL_SECONDS or c.note == "timed out"]
             for c in crawling:
-                c.seconds = c.once
-                c.note = "one run"
-            timed = [c for c in contenders if c.once <= CRAWL_SECONDS]
+                if c.note == "timed out":
+                    c.ok = False
+                else:
+                    c.seconds = c.once
+                    c.note = "one run"
+            timed = [c for c in contenders if c not in crawling]
             time_contenders(timed, out, opts.runs, any(c.once > 4.0 for c in timed))
             by = {c.name: c for c in contenders}
             rows.append((entry, by))
@@ -326,6 +342,13 @@ def main():
             print(f"{entry['name']}: {line}", file=sys.stderr)
     finally:
         shutil.rmtree(work, ignore_errors=True)
+
+    # --- raw numbers, for a table redone by hand ---
+    raw = [{"file": e["name"], "contenders": {n: {"seconds": c.seconds, "cpu": c.cpu, "rss_kib": c.rss_kib,
+                                                   "ok": c.ok, "note": c.note} for n, c in by.items()}}
+           for e, by in rows]
+    with open(os.path.join(opts.corpus, "last-run.json"), "w") as f:
+        json.dump({"raw": raw, "quality": quality}, f, indent=1)
 
     # --- tables and targets ---
     table = timing_table(rows, "seconds") + ["", "CPU time (user + system, mean), same layout:", ""] \
@@ -350,10 +373,10 @@ def main():
         target(f"1080p H.264: tool/ffmpegthumbnailer = {fmt_ratio(r)} (≤ 0.40)", r is not None and r <= 0.4)
     over = [e["name"] for e, by in rows
             if "vipsthumbnail" in by and by["vipsthumbnail"].ok
-            and by["tool"].rss_kib > by["vipsthumbnail"].rss_kib]
+            and (by["tool"].rss_kib or 0) > (by["vipsthumbnail"].rss_kib or 0)]
     target("peak RSS never above vipsthumbnail's" + (f" (above on {', '.join(over)})" if over else ""),
            not over)
-    big = [e["name"] for e, by in rows if by["tool"].rss_kib > 1024 * 1024]
+    big = [e["name"] for e, by in rows if (by["tool"].rss_kib or 0) > 1024 * 1024]
     target("peak RSS below 1 GiB everywhere" + (f" (above on {', '.join(big)})" if big else ""), not big)
     if quality and quality.get("tool") is not None and quality.get("vipsthumbnail") is not None:
         target(f"SSIM at 320 px on the 24 MP JPEG: tool {quality['tool']:.4f}, "
@@ -365,7 +388,8 @@ def main():
             continue
         peers = [by[n] for n in ("vipsthumbnail", "convert", "ffmpegthumbnailer")
                  if n in by and by[n].ok]
-        if peers and by["tool"].seconds > min(p.seconds for p in peers):
+        peers = [p for p in peers if p.seconds is not None]
+        if peers and by["tool"].seconds is not None and by["tool"].seconds > min(p.seconds for p in peers):
             slower.append(e["name"])
     target("every other file no slower than its fastest correct peer"
            + (f" (slower on {', '.join(slower)})" if slower else ""), not slower)
@@ -377,6 +401,16 @@ def main():
     text = "\n".join(table) + "\n\n" + "\n".join("- " + v for v in verdicts) + "\n"
     print(text)
     if not opts.no_results and not opts.only:
+        # Hand-written notes (profiles of missed targets) below the marker
+        # survive a rerun.
+        notes = ""
+        try:
+            with open(opts.results) as f:
+                old = f.read()
+            if NOTES_MARKER in old:
+                notes = old[old.index(NOTES_MARKER):]
+        except OSError:
+            pass
         with open(opts.results, "w") as f:
             f.write("# Benchmark results\n\n")
             f.write("Written by `bench/run-bench.sh`. Times are medians of whole runs "
@@ -389,6 +423,8 @@ def main():
             f.write(f"- Machine: {machine()}\n- Date: {when}\n"
                     f"- Load average before / after: {load_before} / {os.getloadavg()[0]:.1f}\n\n")
             f.write(text)
+            if notes:
+                f.write("\n" + notes)
 
 
 if __name__ == "__main__":
