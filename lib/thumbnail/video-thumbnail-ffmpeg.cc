@@ -159,11 +159,6 @@ Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
 
 }  // namespace
 
-bool IsVideoContent(const std::string& utf8_path) {
-  std::unique_ptr<ffmpeg::MediaFile> file;
-  return ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok();
-}
-
 namespace {
 
 // The representative frame, upright, at full size, with the size it is shown
@@ -286,6 +281,15 @@ FrameCache& TheFrameCache() {
 }
 
 }  // namespace
+
+bool IsVideoContent(const std::string& utf8_path) {
+  // A file whose frame is already decoded needs no second probe (probing
+  // decodes frames too, and every size of a run asks again).
+  FileIdentity id;
+  if (IdentifyFile(utf8_path, &id) && TheFrameCache().Find(id)) return true;
+  std::unique_ptr<ffmpeg::MediaFile> file;
+  return ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok();
+}
 
 Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
   if (cx == 0) return Status::InvalidArgument("cx is 0");
