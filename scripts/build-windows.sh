@@ -41,8 +41,13 @@ cmake --build --preset windows
 # services are started once up front, so no test pays for the start-up.
 export WINEPREFIX=$PWD/$build/wine-prefix
 export WINEDEBUG=-all WINEDLLOVERRIDES="mscoree=;mshtml="
-wineserver -p >/dev/null 2>&1
+wine_fails() { echo "build-windows: Wine does not start ($1)" >&2; exit 1; }
+# The first start creates the prefix; its short-lived server is then replaced
+# by one that stays until the end of this script.
+scripts/windows/wine-run.sh cmd /c exit >/dev/null 2>&1 || wine_fails "creating $WINEPREFIX"
+wineserver -w
+wineserver -p || wine_fails "wineserver -p"
 trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
-scripts/windows/wine-run.sh cmd /c exit >/dev/null 2>&1
+scripts/windows/wine-run.sh cmd /c exit >/dev/null 2>&1 || wine_fails "warm-up"
 
 ctest --preset windows
