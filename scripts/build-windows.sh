@@ -27,14 +27,19 @@ fi
 scripts/install-deps.sh  # the Linux side: the reference tool, ffmpeg for test media
 
 build=build-windows
-scripts/windows/build-deps.sh "$build/deps"
+# The cross-built dependencies depend only on Debian's sources and the
+# scripts in scripts/windows, so a caller may keep them outside the build
+# folder (TESSERA_WINDOWS_DEPS_DIR) to reuse them across fresh clones.
+deps=${TESSERA_WINDOWS_DEPS_DIR:-$build/deps}
+scripts/windows/build-deps.sh "$deps"
+deps=$(cd "$deps" && pwd)
 
 # The Linux tool, whose output the Windows one must reproduce byte for byte.
 cmake -S . -B build -G Ninja >/dev/null
 cmake --build build -j2 --target thumbnail-tool
 linux_tool=$PWD/build/tool/thumbnail-tool/thumbnail-tool
 
-cmake --preset windows -DTESSERA_LINUX_TOOL="$linux_tool" >/dev/null
+cmake --preset windows -DTESSERA_LINUX_TOOL="$linux_tool" -DTESSERA_WINDOWS_DEPS="$deps/prefix" >/dev/null
 cmake --build --preset windows
 
 # One Wine prefix for the whole run, in the build folder; its server and
