@@ -33,6 +33,7 @@ struct Page {
   bool tiled = false;
   bool reduced = false;  // a reduced-resolution copy of the page before
   int orientation = 0;   // 0: no tag
+  int rows_per_strip = 7;  // 0: the whole image in one strip
   std::function<int(int x, int y, int s)> pixel;
   std::vector<uint16_t> colormap;  // 3 * 2^bits entries for palette images
   std::string icc;                 // embedded when not empty
@@ -112,7 +113,7 @@ std::string WriteTiff(const std::vector<Page>& pages) {
         }
       }
     } else {
-      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 7);
+      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, page.rows_per_strip > 0 ? page.rows_per_strip : page.height);
       for (int y = 0; y < page.height; ++y) {
         std::vector<uint8_t> row = PackRow(row_values(0, page.width, y), page.bits);
         TIFFWriteScanline(tif, row.data(), y, 0);
@@ -164,6 +165,32 @@ TEST(TiffDecoderTest, StripsAreReducedAndTurnedUpright) {
   ASSERT_TRUE(Decode(tiff, 1000, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 40);
   EXPECT_EQ(bitmap.height(), 80);
+}
+
+// Strip layout is a storage detail: one strip holding every row must decode
+// exactly as the same picture cut into many, for every sample layout.
+TEST(TiffDecoderTest, OneStripDecodesAsManyStrips) {
+  Page rgba;
+  rgba.width = 300;
+  rgba.height = 200;
+  rgba.samples = 4;
+  rgba.pixel = [](int x, int y, int s) { return s == 3 ? (x + y) % 256 : (x * (s + 1) + y * 3) % 256; };
+  Page gray16 = rgba;
+  gray16.samples = 1;
+  gray16.bits = 16;
+  gray16.photometric = PHOTOMETRIC_MINISBLACK;
+  gray16.pixel = [](int x, int y, int) { return (x * 211 + y * 97) % 65536; };
+  for (const Page& page : {rgba, gray16}) {
+    Page one = page;
+    one.rows_per_strip = 0;
+    Bitmap many_bitmap;
+    Bitmap one_bitmap;
+    ASSERT_TRUE(Decode(WriteTiff({page}), 64, &many_bitmap).ok());
+    ASSERT_TRUE(Decode(WriteTiff({one}), 64, &one_bitmap).ok());
+    ASSERT_EQ(one_bitmap.width(), 64);
+    ASSERT_EQ(one_bitmap.height(), many_bitmap.height());
+    EXPECT_EQ(0, std::memcmp(one_bitmap.data(), many_bitmap.data(), one_bitmap.byte_size()));
+  }
 }
 
 TEST(TiffDecoderTest, SampleLayouts) {

@@ -1,18 +1,21 @@
-// TIFF in two ways. CMYK and sample depths that libtiff's RGBA interface
-// refuses (12-bit scans, 10- and 14-bit sensors' TIFFs) are unpacked here
-// from the decoded strips or tiles: CMYK goes through the colour-managed
-// conversion (the embedded profile, else the built-in press model), other
-// depths are scaled to 8 bits. Everything else (palette, YCbCr, old-style
-// JPEG, planar-separate, 1- to 16-bit gray and RGB) goes through the RGBA
-// interface. Either way rows are fetched one scanline or tile row at a time
-// and reduced on the fly, so memory is bounded by one strip/tile row plus
-// the output.
+// TIFF in two ways. Interleaved gray, RGB, CMYK and palette images of 1 to
+// 16 bits are unpacked here, scanline by scanline for strips and one row of
+// tiles at a time for tiles: CMYK goes through the colour-managed conversion
+// (the embedded profile, else the built-in press model), other depths are
+// scaled to 8 bits. Reading scanlines in order decodes each strip once, so a
+// file written as one huge strip costs no more than one cut into many.
+// What needs libtiff's own colour handling (YCbCr, JPEG and old-style JPEG
+// compression, planar-separate, LogLuv, Lab) goes through the RGBA
+// interface a slice of whole strips or one row of tiles at a time. Either
+// way rows are reduced on the fly, so memory is bounded by the raw data of
+// one strip or tile row plus the output.
 #include <tiffio.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "lib/image/color-profile.h"
@@ -131,8 +134,8 @@ bool RgbaReadable(TIFF* tif) {
 }
 
 // What the sample path reads: unsigned integer samples of 1 to 16 bits,
-// interleaved, as gray, RGB or CMYK with an optional alpha sample after the
-// colour ones.
+// interleaved, as gray, RGB, CMYK or palette indices (up to 8 bits) with an
+// optional alpha sample after the colour ones.
 struct SampleLayout {
   uint16_t photometric = 0;
   int bits = 0;
@@ -140,7 +143,29 @@ struct SampleLayout {
   int color_samples = 0;  // 1, 3 or 4
   int alpha_index = -1;   // sample index of alpha, -1 when none
   bool associated_alpha = false;
+  // Palette images: 8-bit B, G, R per index (2^bits entries).
+  std::vector<uint8_t> palette;
 };
+
+// The colour map as 8-bit BGR triples. Maps whose entries all fit in 8 bits
+// are taken as written by old software that stored 8-bit values.
+bool ReadPalette(TIFF* tif, int bits, std::vector<uint8_t>* out) {
+  uint16_t* red = nullptr;
+  uint16_t* green = nullptr;
+  uint16_t* blue = nullptr;
+  if (!TIFFGetField(tif, TIFFTAG_COLORMAP, &red, &green, &blue) || !red || !green || !blue) return false;
+  const size_t n = size_t{1} << bits;
+  bool sixteen = false;
+  for (size_t i = 0; i < n && !sixteen; ++i) sixteen = red[i] >= 256 || green[i] >= 256 || blue[i] >= 256;
+  const int shift = sixteen ? 8 : 0;
+  out->resize(n * 3);
+  for (size_t i = 0; i < n; ++i) {
+    (*out)[i * 3] = static_cast<uint8_t>(blue[i] >> shift);
+    (*out)[i * 3 + 1] = static_cast<uint8_t>(green[i] >> shift);
+    (*out)[i * 3 + 2] = static_cast<uint8_t>(red[i] >> shift);
+  }
+  return true;
+}
 
 bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
   uint16_t photometric = 0;
@@ -167,6 +192,10 @@ bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
     case PHOTOMETRIC_RGB:
       layout.color_samples = 3;
       break;
+    case PHOTOMETRIC_PALETTE:
+      if (bits > 8 || !ReadPalette(tif, bits, &layout.palette)) return false;
+      layout.color_samples = 1;
+      break;
     case PHOTOMETRIC_SEPARATED: {
       uint16_t inkset = INKSET_CMYK;
       TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkset);
@@ -186,16 +215,18 @@ bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
     layout.alpha_index = layout.color_samples;
     layout.associated_alpha = extra[0] == EXTRASAMPLE_ASSOCALPHA;
   }
-  *out = layout;
+  *out = std::move(layout);
   return true;
 }
 
-// CMYK always takes the sample path (the RGBA interface converts it without
-// colour management); other layouts only when the RGBA interface refuses them.
+// Every layout the sample path reads takes it, except JPEG-compressed data:
+// libtiff's JPEG codecs convert colour themselves and their strips are small.
 bool PreferSamplePath(TIFF* tif) {
+  uint16_t compression = COMPRESSION_NONE;
+  TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
+  if (compression == COMPRESSION_JPEG || compression == COMPRESSION_OJPEG) return false;
   SampleLayout layout;
-  if (!ParseSampleLayout(tif, &layout)) return false;
-  return layout.photometric == PHOTOMETRIC_SEPARATED || !RgbaReadable(tif);
+  return ParseSampleLayout(tif, &layout);
 }
 
 bool Readable(TIFF* tif) { return PreferSamplePath(tif) || RgbaReadable(tif); }
@@ -333,10 +364,11 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, Bitmap* out) {
   return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
 }
 
-// Unpacks count samples of `bits` bits into 8-bit values, rounding. Samples
-// of other than 8 or 16 bits are packed most significant bit first; 16-bit
-// ones come in host order (libtiff swaps them).
-void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst) {
+// Unpacks count samples of `bits` bits into 8-bit values, rounding (or, with
+// `scale` false, as they are: palette indices). Samples of other than 8 or
+// 16 bits are packed most significant bit first; 16-bit ones come in host
+// order (libtiff swaps them).
+void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst, bool scale = true) {
   if (bits == 8) {
     std::memcpy(dst, src, count);
     return;
@@ -360,7 +392,7 @@ void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst) {
     have -= bits;
     const uint32_t v = (acc >> have) & max;
     acc &= (1u << have) - 1;
-    dst[i] = static_cast<uint8_t>((v * 255 + max / 2) / max);
+    dst[i] = static_cast<uint8_t>(scale ? (v * 255 + max / 2) / max : v);
   }
 }
 
@@ -377,6 +409,13 @@ void SamplesToBgra(const SampleLayout& layout, const ColorTransform& transform, 
       bgra[x * 4] = s[x * n + 2];
       bgra[x * 4 + 1] = s[x * n + 1];
       bgra[x * 4 + 2] = s[x * n];
+      bgra[x * 4 + 3] = 255;
+    }
+  } else if (!layout.palette.empty()) {
+    const size_t entries = layout.palette.size() / 3;
+    for (size_t x = 0; x < count; ++x) {
+      const size_t index = std::min<size_t>(s[x * n], entries - 1);
+      std::memcpy(bgra + x * 4, layout.palette.data() + index * 3, 3);
       bgra[x * 4 + 3] = 255;
     }
   } else {
@@ -450,7 +489,7 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap*
         if (y == 0) return Status::InvalidArgument("TIFF data unreadable");
         break;
       }
-      UnpackSamples(line.data(), layout.bits, samples.size(), samples.data());
+      UnpackSamples(line.data(), layout.bits, samples.size(), samples.data(), layout.palette.empty());
       SamplesToBgra(layout, transform, samples.data(), width, cmyk.data(), bgra.data());
       PushRow(layout, &sink, bgra.data());
     }
@@ -490,7 +529,8 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap*
         truncated = true;
       }
       for (uint32_t r = 0; r < rows; ++r) {
-        UnpackSamples(tile.data() + r * tile_row_bytes, layout.bits, size_t{cols} * layout.samples, samples.data());
+        UnpackSamples(tile.data() + r * tile_row_bytes, layout.bits, size_t{cols} * layout.samples, samples.data(),
+                      layout.palette.empty());
         SamplesToBgra(layout, transform, samples.data(), cols, cmyk.data(),
                       bgra.data() + (static_cast<size_t>(r) * width + tx) * 4);
       }
