@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
 #include "lib/thumbnail/testing/image-size.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
@@ -124,19 +125,21 @@ TEST_F(HelperTest, VideoFallsBackToAnExportedFrame) {
                            src + "' </dev/null";
   if (system(make.c_str()) != 0) GTEST_SKIP() << "cannot make a test video";
 
-  // The provider knows only JPEG frames, as a platform without a video
-  // handler would.
+  // The provider knows only the frames the generator registered as its own,
+  // as the Shell provider on a machine without any thumbnail handler does.
   FakeProviderConfig config;
   config.item_result_for = [](const std::u16string& path) {
-    return path.size() > 4 && path.compare(path.size() - 4, 4, u".jpg") == 0 ? 0 : kProviderNoHandler;
+    return IsExportedFrame(std::string(path.begin(), path.end())) ? 0 : kProviderNoHandler;
   };
   UseProvider(config);
   ThumbnailResult result = Generate(src, 0);
   ASSERT_TRUE(result.has_path()) << log_;
   EXPECT_THAT(out_.List(), ElementsAre(result.path()));  // the frame file is gone
   ASSERT_EQ(2u, record_->items.size());
-  EXPECT_THAT(std::string(record_->items[1].begin(), record_->items[1].end()),
-              ::testing::StartsWith(out_.path() + "/"));
+  const std::string frame(record_->items[1].begin(), record_->items[1].end());
+  EXPECT_THAT(frame, ::testing::StartsWith(out_.path() + "/"));
+  EXPECT_FALSE(IsExportedFrame(frame));  // forgotten with its file
+  EXPECT_FALSE(IsExportedFrame(NormalizeSeparators(src)));
 }
 
 TEST_F(HelperTest, AllSizesComeFromOneJobLargestFirst) {

@@ -6,6 +6,7 @@
 
 #include "lib/file/file-op.h"
 #include "lib/log/log.h"
+#include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/source-classification.h"
 #include "lib/thumbnail/source-reader.h"
 #include "lib/thumbnail/thumbnail-extraction.h"
@@ -54,6 +55,8 @@ int32_t ExportVideoFrame(const std::string& src, const std::string& frame_path) 
   const std::u16string wide_frame = utility::UTF8ToUTF16(frame_path);
   SourceReader reader(wide_src);
   reader.ExportFrame(wide_frame, kFrameSeekSeconds);
+  // Only a completely written frame is ours to decode directly.
+  RegisterExportedFrame(frame_path);
   return 0;
 }
 
@@ -85,6 +88,7 @@ int32_t ThumbnailHelper::RetryFromFrame(int32_t first_result, RunJob run_job) {
   } catch (...) {
     LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
   }
+  UnregisterExportedFrame(frame_path);
   file::FSRemove(frame_path);
   return result;
 }

@@ -32,7 +32,9 @@ std::string NormalizeSeparators(const std::string& path);
 // `frame_path` (both UTF-8), initialising COM on the calling thread for the
 // call. Returns 0, or the failing code after ERROR "Failed to CoInitializeEx:
 // %d". The frame reader's exceptions (std::runtime_error) pass to the caller
-// after everything was released. Not for concurrent use with the same paths.
+// after everything was released. A written frame is registered as an exported
+// frame (exported-frames.h); the caller unregisters it when it removes the
+// file. Not for concurrent use with the same paths.
 int32_t ExportVideoFrame(const std::string& src, const std::string& frame_path);
 
 // One source file's thumbnails. Fields are UTF-8 text; the instance lives on

@@ -60,10 +60,9 @@ printf 'null\n\n' | cmp -s - photo.out || fail "photo: stdout is '$(cat photo.ou
 echo "photo: null report, nothing left behind"
 
 # --- a video: the Shell attempt fails under Wine, the frame fallback runs -----
-# The frame is read with Media Foundation and written as a JPEG by GDI+; the
-# job then asks the Shell for that file. Without a Shell thumbnail handler (as
-# under Wine) that attempt fails too and the report is null, with nothing left
-# behind; with one (Windows) all four sizes are made.
+# The frame at 1 s is read with Media Foundation and written as a JPEG by
+# GDI+; the tool reads that file back itself (it is its own product), so all
+# four sizes are made without any Shell handler.
 "$ffmpeg" -v error -f lavfi -i testsrc=duration=2:size=640x360:rate=25 -c:v libx264 -pix_fmt yuv420p \
   "$scratch/clip.mp4"
 mkdir -p "$scratch/video-out"
@@ -71,21 +70,31 @@ out_dir=$(win "$scratch/video-out")
 capture video "$run_wine" "$exe" --output_dir "$out_dir" --src "$(win "$scratch/clip.mp4")"
 [ "$(cat video.rc)" = 0 ] || fail "video: exit status $(cat video.rc); stderr: $(head -c 2000 video.err)"
 grep -q 'Failed to export frame' video.err && fail "video: the frame export failed: $(cat video.err)"
-if printf 'null\n\n' | cmp -s - video.out; then
-  frames=$(grep -F "GenerateThumbnail Failed '$out_dir\\" video.err | grep -c "\.jpg'\$" || true)
-  [ "$frames" = 4 ] || fail "video: $frames of 4 sizes reached the frame file; stderr: $(cat video.err)"
-  [ -z "$(ls -A "$scratch/video-out")" ] || fail "video: files left behind: $(ls -A "$scratch/video-out")"
-  echo "video: frame exported for each size, Shell unavailable, nothing left behind"
-else
-  keys=$(grep -o '"[a-z-]*" : ' video.out | tr -d '": ' | tr '\n' ' ')
-  [ "$keys" = "large medium small small-medium " ] || fail "video: report keys '$keys'; stdout: $(cat video.out)"
-  [ "$(tail -c 3 video.out | od -An -tx1 | tr -d ' ')" = 7d0a0a ] || fail "video: report does not end in '}\\n\\n'"
-  for path in $(grep -o ': "[^"]*"' video.out | sed 's/^: "//; s/"$//'); do
-    unix=${path#Z:}
-    unix=${unix//\\\\//}
-    [ "$(head -c 3 "$unix" | od -An -tx1 | tr -d ' ')" = ffd8ff ] || fail "video: '$path' is not a JPEG"
-  done
-  [ "$(ls -A "$scratch/video-out" | wc -l)" = 4 ] || fail "video: stray files: $(ls -A "$scratch/video-out")"
-  echo "video: four sizes"
-fi
+keys=$(grep -o '"[a-z-]*" : ' video.out | tr -d '": ' | tr '\n' ' ')
+[ "$keys" = "large medium small small-medium " ] || fail "video: report keys '$keys'; stdout: $(cat video.out)"
+[ "$(tail -c 3 video.out | od -An -tx1 | tr -d ' ')" = 7d0a0a ] || fail "video: report does not end in '}\\n\\n'"
+
+# Each size from the 640x360 frame, the cascade's longer sides and rounding
+# exactly as the Linux tool makes them.
+ffprobe=$(dirname "$ffmpeg")/ffprobe
+[ -x "$ffprobe" ] || ffprobe=ffprobe
+declare -A expected=([large]=640x360 [medium]=568x320 [small-medium]=426x240 [small]=212x120)
+out_dir_json=${out_dir//\\/\\\\}
+reported=()
+while read -r key path; do
+  # A TempFile of the output directory: its eight-character random name, no
+  # extension (the frame file, "<random>.jpg", is never reported).
+  [[ "$path" =~ ^"$out_dir_json"\\\\[A-Za-z0-9_-]{8}$ ]] || fail "video: $key path '$path' is not an output TempFile"
+  unix=${path#Z:}
+  unix=${unix//\\\\//}
+  [ "$(head -c 3 "$unix" | od -An -tx1 | tr -d ' ')" = ffd8ff ] || fail "video: '$path' is not a JPEG"
+  size=$("$ffprobe" -v error -select_streams v:0 -show_entries stream=width,height -of csv=s=x:p=0 "$unix")
+  [ "$size" = "${expected[$key]}" ] || fail "video: $key is $size, not ${expected[$key]}"
+  reported+=("$(basename "$unix")")
+done < <(sed -n 's/^ *"\([a-z-]*\)" : "\(.*\)",\{0,1\}$/\1 \2/p' video.out)
+[ ${#reported[@]} = 4 ] || fail "video: ${#reported[@]} paths in the report; stdout: $(cat video.out)"
+left=$(ls -A "$scratch/video-out" | sort | tr '\n' ' ')
+[ "$left" = "$(printf '%s\n' "${reported[@]}" | sort | tr '\n' ' ')" ] ||
+  fail "video: the output directory holds '$left', not just the reported files"
+echo "video: four sizes of the exported frame, nothing else left behind"
 rm -rf "$scratch"
