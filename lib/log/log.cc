@@ -6,7 +6,9 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <atomic>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <sstream>
 
@@ -22,8 +24,11 @@ constexpr size_t kTimeStampBufferSize = 1024;
 constexpr size_t kLevelConfigLineSize = 8192;
 constexpr char kDefaultComponent[] = "default_component";
 
+using ThresholdMap = std::unordered_map<std::string, int>;
+
 struct LoggerState {
-  bool initialised = true;
+  // Read by every log call on any thread, without the mutex.
+  std::atomic<bool> initialised{true};
   int destination = 1;
   std::string log_path;
   std::string level_config_path;
@@ -42,8 +47,20 @@ struct LoggerState {
   // never locks a destroyed mutex.
   std::mutex* mutex = nullptr;
   std::mutex mutex_storage;
-  std::unordered_map<std::string, int> thresholds;
+  // Replaced whole by LogInit and read without a lock by the level test of
+  // every log call, so readers always see one complete map: access only
+  // through LoadThresholds/StoreThresholds.
+  std::shared_ptr<const ThresholdMap> thresholds = std::make_shared<const ThresholdMap>();
 };
+
+std::shared_ptr<const ThresholdMap> LoadThresholds(const LoggerState& state) {
+  return std::atomic_load(&state.thresholds);
+}
+
+void StoreThresholds(LoggerState* state, ThresholdMap thresholds) {
+  std::atomic_store(&state->thresholds,
+                    std::shared_ptr<const ThresholdMap>(std::make_shared<ThresholdMap>(std::move(thresholds))));
+}
 
 // Never destroyed: threads that outlive main (an abandoned job) may still log
 // while static destructors run.
@@ -53,8 +70,9 @@ LoggerState& State() {
 }
 
 int Threshold(const LoggerState& state, const char* component) {
-  auto it = state.thresholds.find(component != nullptr ? component : "");
-  return it == state.thresholds.end() ? kDefaultThreshold : it->second;
+  const std::shared_ptr<const ThresholdMap> thresholds = LoadThresholds(state);
+  auto it = thresholds->find(component != nullptr ? component : "");
+  return it == thresholds->end() ? kDefaultThreshold : it->second;
 }
 
 // Writes the time stamp (through the same stream lock as the message, so
@@ -283,13 +301,14 @@ int LogInit(const LogConfig& config) {
   if (state.lock_mode >= 1 && state.mutex == nullptr) state.mutex = &state.mutex_storage;
 
   // Each initialisation starts from the default threshold alone.
-  state.thresholds.clear();
-  state.thresholds[kDefaultComponent] = kDefaultThreshold;
+  ThresholdMap thresholds;
+  thresholds[kDefaultComponent] = kDefaultThreshold;
   if (!state.level_config_path.empty()) {
     std::unordered_map<std::string, std::string> values;
     ReadLevelConfig(state.level_config_path, &values);
-    for (const auto& entry : values) state.thresholds[entry.first] = ParseThreshold(entry.second);
+    for (const auto& entry : values) thresholds[entry.first] = ParseThreshold(entry.second);
   }
+  StoreThresholds(&state, std::move(thresholds));
 
   switch (state.destination) {
     case 0:
@@ -331,7 +350,7 @@ void LogResetForTesting() {
   state.lock_mode = 1;
   state.file_path.clear();
   state.stream = stderr;
-  state.thresholds.clear();
+  StoreThresholds(&state, ThresholdMap());
   state.initialised = true;
 }
 
