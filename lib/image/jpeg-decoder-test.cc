@@ -211,6 +211,45 @@ TEST(JpegDecoderTest, TruncatedFileStillGivesAPicture) {
   }
 }
 
+// A file cut short that declares far more rows than its data holds: the rows
+// with data come out, everything below is grey, for either kind of scan.
+TEST(JpegDecoderTest, DataEndingEarlyInATallFileLeavesTheRestGrey) {
+  // Red on top, green-dominant noise below, so that the data is large.
+  RgbImage image(512, 512, 220, 20, 20);
+  uint32_t seed = 7;
+  for (int y = 64; y < 512; ++y) {
+    for (int x = 0; x < 512; ++x) {
+      seed = seed * 1664525u + 1013904223u;
+      image.Fill(x, y, x + 1, y + 1, (seed >> 26), 192 + (seed >> 10) % 64, (seed >> 18) % 64);
+    }
+  }
+  for (bool progressive : {false, true}) {
+    SCOPED_TRACE(progressive ? "progressive" : "baseline");
+    JpegOptions options;
+    options.progressive = progressive;
+    std::string bytes = EncodeJpeg(image, options);
+    const size_t sof = bytes.find(progressive ? "\xFF\xC2" : "\xFF\xC0", 0, 2);
+    ASSERT_NE(sof, std::string::npos);
+    bytes.replace(sof + 5, 2, "\x20\x00", 2);  // 8192 rows instead of 512
+    bytes.resize(bytes.size() * 6 / 10);
+
+    Bitmap bitmap;
+    Status status = DecodeBytes(bytes, 512, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    ASSERT_EQ(bitmap.width(), 32);
+    ASSERT_EQ(bitmap.height(), 512);
+    // Source rows 0-63 and 64-255 (data), then from row 4096 on (none).
+    const Rgb top = MeanColor(bitmap, 0, 0, 32, 3);
+    EXPECT_GT(top.r, 150) << ToString(top);
+    const Rgb data = MeanColor(bitmap, 0, 5, 32, 15);
+    EXPECT_GT(data.g, data.r + 80) << ToString(data);
+    const Rgb rest = MeanColor(bitmap, 0, 256, 32, 512);
+    EXPECT_NEAR(rest.r, 128, 3) << ToString(rest);
+    EXPECT_NEAR(rest.g, 128, 3) << ToString(rest);
+    EXPECT_NEAR(rest.b, 128, 3) << ToString(rest);
+  }
+}
+
 TEST(JpegDecoderTest, RefusesGarbageAndAbsurdSizesCleanly) {
   Bitmap bitmap;
   EXPECT_FALSE(DecodeBytes(std::string("\xFF\xD8\xFF\xE0garbage", 11), 100, &bitmap).ok());

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include <jpeglib.h>
+// jerror.h needs the types of jpeglib.h.
+#include <jerror.h>
 
 #include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
@@ -33,6 +35,11 @@ constexpr int kIccMarker = JPEG_APP0 + 2;
 struct ErrorManager {
   jpeg_error_mgr pub;
   std::jmp_buf jump;
+  // The iMCU row being read when the entropy-coded data ended early (the
+  // file is cut short or ends in an EOI marker) during a scan that covers
+  // every component and is the first: nothing below that row has any data.
+  // -1 when the data did not end so.
+  int data_end_imcu_row;
 };
 
 struct SourceManager {
@@ -51,8 +58,19 @@ void OnFatalError(j_common_ptr cinfo) {
 }
 
 // Warnings about corrupt data are expected for damaged files, which we decode
-// best-effort; nothing of the codec's chatter reaches standard error.
-void OnMessage(j_common_ptr /*cinfo*/, int /*msg_level*/) {}
+// best-effort; nothing of the codec's chatter reaches standard error. The
+// warning that the data ran into the end-of-image marker (the source inserts
+// one when the file ends) is noted, so that decoding can stop rather than
+// turn out blank rows to the declared height.
+void OnMessage(j_common_ptr cinfo, int msg_level) {
+  if (msg_level != -1 || !cinfo->is_decompressor || cinfo->err->msg_code != JWRN_HIT_MARKER) return;
+  auto* dinfo = reinterpret_cast<j_decompress_ptr>(cinfo);
+  auto* err = reinterpret_cast<ErrorManager*>(cinfo->err);
+  if (err->data_end_imcu_row < 0 && dinfo->unread_marker == JPEG_EOI && dinfo->input_scan_number == 1 &&
+      dinfo->comps_in_scan == dinfo->num_components) {
+    err->data_end_imcu_row = static_cast<int>(dinfo->input_iMCU_row);
+  }
+}
 void OnOutputMessage(j_common_ptr /*cinfo*/) {}
 
 void OnProgress(j_common_ptr cinfo) {
@@ -108,6 +126,7 @@ class JpegReader {
     err_.pub.error_exit = OnFatalError;
     err_.pub.emit_message = OnMessage;
     err_.pub.output_message = OnOutputMessage;
+    err_.data_end_imcu_row = -1;
     src_.pub.init_source = InitSource;
     src_.pub.fill_input_buffer = FillInputBuffer;
     src_.pub.skip_input_data = SkipInputData;
@@ -133,7 +152,24 @@ class JpegReader {
   bool Create() { return Run(&JpegReader::DoCreate); }
   bool ReadHeader() { return Run(&JpegReader::DoReadHeader); }
   bool CalcOutputDimensions() { return Run(&JpegReader::DoCalcOutputDimensions); }
+  // Starts decompression. Multi-scan files are read in buffered-image mode
+  // so that reading stops where the data ended in the first scan, without
+  // passing over the never-filled rest of the coefficient buffer.
   bool Start() { return Run(&JpegReader::DoStart); }
+  // The number of output rows that can hold decoded data: the declared
+  // height, or for data that ended early, up to the end of the iMCU row
+  // after the one being read then (its rows may still depend on that one).
+  int RowsWithData() const {
+    const int height = static_cast<int>(cinfo_.output_height);
+    if (err_.data_end_imcu_row < 0) return height;
+#if JPEG_LIB_VERSION >= 70
+    const int scaled = cinfo_.min_DCT_v_scaled_size;
+#else
+    const int scaled = cinfo_.min_DCT_scaled_size;
+#endif
+    const int64_t rows = (int64_t{err_.data_end_imcu_row} + 2) * cinfo_.max_v_samp_factor * scaled;
+    return rows < height ? static_cast<int>(rows) : height;
+  }
   // Reads the next scanline into row.
   bool ReadRow(JSAMPROW row) {
     row_ = row;
@@ -161,7 +197,17 @@ class JpegReader {
     jpeg_read_icc_profile(&cinfo_, &icc_, &icc_size_);
   }
   void DoCalcOutputDimensions() { jpeg_calc_output_dimensions(&cinfo_); }
-  void DoStart() { jpeg_start_decompress(&cinfo_); }
+  void DoStart() {
+    cinfo_.buffered_image = jpeg_has_multiple_scans(&cinfo_);
+    jpeg_start_decompress(&cinfo_);
+    if (!cinfo_.buffered_image) return;
+    for (;;) {
+      if (cinfo_.input_scan_number > kMaxScans) OnFatalError(reinterpret_cast<j_common_ptr>(&cinfo_));
+      const int result = jpeg_consume_input(&cinfo_);
+      if (result == JPEG_REACHED_EOI || result == JPEG_SUSPENDED || err_.data_end_imcu_row >= 0) break;
+    }
+    jpeg_start_output(&cinfo_, cinfo_.input_scan_number);
+  }
   void DoReadRow() {
     JSAMPROW rows[1] = {row_};
     if (jpeg_read_scanlines(&cinfo_, rows, 1) != 1) {
@@ -325,6 +371,12 @@ class JpegDecoder : public ImageDecoder {
 
     if (!reader->Start()) return Status::InvalidArgument("corrupt JPEG data");
     for (int y = 0; y < height; ++y) {
+      // Rows past the end of the data are left to the reducer, which shows
+      // them grey as libjpeg would, without decoding them.
+      if (y >= reader->RowsWithData()) {
+        keep.reset();
+        break;
+      }
       if (!reader->ReadRow(row.data())) return Status::InvalidArgument("corrupt JPEG data");
       if (invert_cmyk) {
         for (uint8_t& v : row) v = static_cast<uint8_t>(255 - v);
