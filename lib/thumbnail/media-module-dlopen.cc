@@ -1,64 +1,23 @@
 // Loads libtessera-media.so on first use and forwards the media entry points
 // to it. Linked into the tool instead of the FFmpeg code itself.
-#include <dlfcn.h>
-#include <unistd.h>
-
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include "lib/log/log.h"
 #include "lib/thumbnail/media-module.h"
 #include "lib/thumbnail/video-thumbnail.h"
+#include "lib/utility/module-loader.h"
 
 namespace tessera {
 namespace thumbnail {
 namespace {
 
-constexpr char kLogComponent[] = "thumbnail_debug";
-
-std::string& ModulePathOverride() {
-  static std::string* path = new std::string();
-  return *path;
+utility::ModuleLoader& Loader() {
+  static auto* loader = new utility::ModuleLoader("media", kMediaModuleFileName, kMediaModuleEntry,
+                                                   kMediaModuleAbiVersion);
+  return *loader;
 }
 
-// The module beside the running executable.
-std::string DefaultModulePath() {
-  char buffer[4096];
-  const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-  if (n <= 0) return kMediaModuleFileName;
-  std::string exe(buffer, static_cast<size_t>(n));
-  const size_t slash = exe.rfind('/');
-  return (slash == std::string::npos ? std::string(".") : exe.substr(0, slash)) + "/" +
-         kMediaModuleFileName;
-}
-
-// The table, or nullptr when the module is missing or unusable (logged once).
-// The module stays loaded for the life of the process.
-const MediaModuleTable* Module() {
-  static std::once_flag once;
-  static const MediaModuleTable* table = nullptr;
-  std::call_once(once, [] {
-    const std::string path =
-        ModulePathOverride().empty() ? DefaultModulePath() : ModulePathOverride();
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) {
-      const char* error = dlerror();
-      LOG_ERROR(kLogComponent, "cannot load the media module '%s': %s", path.c_str(),
-                error ? error : "unknown error");
-      return;
-    }
-    using Entry = const MediaModuleTable* (*)();
-    auto entry = reinterpret_cast<Entry>(dlsym(handle, kMediaModuleEntry));
-    const MediaModuleTable* candidate = entry ? entry() : nullptr;
-    if (candidate == nullptr || candidate->abi_version != kMediaModuleAbiVersion) {
-      LOG_ERROR(kLogComponent, "the media module '%s' does not match this program", path.c_str());
-      return;
-    }
-    table = candidate;
-  });
-  return table;
-}
+const MediaModuleTable* Module() { return Loader().Get<MediaModuleTable>(); }
 
 // Stands in for the media source when the module is unavailable.
 class UnavailableMediaSource : public MediaSource {
@@ -76,7 +35,7 @@ class UnavailableMediaSource : public MediaSource {
 
 }  // namespace
 
-void SetMediaModulePath(const std::string& path) { ModulePathOverride() = path; }
+void SetMediaModulePath(const std::string& path) { Loader().SetPath(path); }
 
 std::unique_ptr<MediaSource> MediaSource::Create() {
   const MediaModuleTable* module = Module();
