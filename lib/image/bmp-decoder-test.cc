@@ -136,37 +136,31 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
       if (bits == 1) layout.palette = {0x0000FF, 0xFF0000};
       ExpectRedOverBlue(layout, std::to_string(bits) + "-bit" + way);
     }
-    BmpLayout rgb24;
-    rgb24.top_down = top_down;
-    FillPixels(&rgb24, red_over_blue(0xFF0000, 0x0000FF));
-    ExpectRedOverBlue(rgb24, "24-bit" + way);
-
-    BmpLayout rgb555;
-    rgb555.bits = 16;
-    rgb555.top_down = top_down;
-    FillPixels(&rgb555, red_over_blue(0x7C00, 0x001F));
-    ExpectRedOverBlue(rgb555, "16-bit 555" + way);
-
-    BmpLayout rgb565 = rgb555;
-    rgb565.compression = 3;
-    rgb565.masks = {0xF800, 0x07E0, 0x001F};
-    FillPixels(&rgb565, red_over_blue(0xF800, 0x001F));
-    ExpectRedOverBlue(rgb565, "16-bit 565" + way);
-
-    // The fourth byte without bit fields is padding, even when zero.
-    BmpLayout rgb32;
-    rgb32.bits = 32;
-    rgb32.top_down = top_down;
-    FillPixels(&rgb32, red_over_blue(0xFF0000, 0x0000FF));
-    ExpectRedOverBlue(rgb32, "32-bit" + way);
-
-    // Unusual bit fields in a V3 header: 10-bit channels.
-    BmpLayout rgb10 = rgb32;
-    rgb10.compression = 3;
-    rgb10.info_size = 56;
-    rgb10.masks = {0x3FF00000, 0x000FFC00, 0x000003FF, 0};
-    FillPixels(&rgb10, red_over_blue(0x3FF00000, 0x3FF));
-    ExpectRedOverBlue(rgb10, "32-bit 10-10-10" + way);
+    // Direct colour: the fourth byte without bit fields is padding, even
+    // when zero; unusual bit fields in a V3 header give 10-bit channels.
+    struct Direct {
+      const char* what;
+      int bits;
+      uint32_t compression, info_size, red, blue;
+      std::vector<uint32_t> masks;
+    };
+    const Direct direct[] = {
+        {"24-bit", 24, 0, 40, 0xFF0000, 0x0000FF, {}},
+        {"16-bit 555", 16, 0, 40, 0x7C00, 0x001F, {}},
+        {"16-bit 565", 16, 3, 40, 0xF800, 0x001F, {0xF800, 0x07E0, 0x001F}},
+        {"32-bit", 32, 0, 40, 0xFF0000, 0x0000FF, {}},
+        {"32-bit 10-10-10", 32, 3, 56, 0x3FF00000, 0x3FF, {0x3FF00000, 0x000FFC00, 0x000003FF, 0}},
+    };
+    for (const Direct& d : direct) {
+      BmpLayout layout;
+      layout.bits = d.bits;
+      layout.compression = d.compression;
+      layout.info_size = d.info_size;
+      layout.masks = d.masks;
+      layout.top_down = top_down;
+      FillPixels(&layout, red_over_blue(d.red, d.blue));
+      ExpectRedOverBlue(layout, d.what + way);
+    }
   }
 
   BmpLayout os2;

@@ -11,14 +11,8 @@ namespace tessera {
 namespace image {
 namespace {
 
-// Serialises a Display-P3-like profile (P3 primaries, sRGB transfer curve).
-std::vector<uint8_t> MakeP3Profile() {
-  const cmsCIExyY white = {0.3127, 0.3290, 1.0};
-  const cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
-  const cmsFloat64Number params[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
-  cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, params);
-  cmsToneCurve* curves[3] = {curve, curve, curve};
-  cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
+// Serialises `profile` and releases it with `curve`.
+std::vector<uint8_t> Save(cmsHPROFILE profile, cmsToneCurve* curve) {
   cmsUInt32Number size = 0;
   cmsSaveProfileToMem(profile, nullptr, &size);
   std::vector<uint8_t> bytes(size);
@@ -28,16 +22,19 @@ std::vector<uint8_t> MakeP3Profile() {
   return bytes;
 }
 
+// A Display-P3-like profile: P3 primaries, sRGB transfer curve.
+std::vector<uint8_t> MakeP3Profile() {
+  const cmsCIExyY white = {0.3127, 0.3290, 1.0};
+  const cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
+  const cmsFloat64Number params[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
+  cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, params);
+  cmsToneCurve* curves[3] = {curve, curve, curve};
+  return Save(cmsCreateRGBProfile(&white, &primaries, curves), curve);
+}
+
 std::vector<uint8_t> MakeGrayProfile() {
   cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
-  cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
-  cmsUInt32Number size = 0;
-  cmsSaveProfileToMem(profile, nullptr, &size);
-  std::vector<uint8_t> bytes(size);
-  cmsSaveProfileToMem(profile, bytes.data(), &size);
-  cmsCloseProfile(profile);
-  cmsFreeToneCurve(curve);
-  return bytes;
+  return Save(cmsCreateGrayProfile(cmsD50_xyY(), curve), curve);
 }
 
 TEST(ColorTransformTest, UnusableProfilesGiveIdentity) {

@@ -15,22 +15,14 @@ namespace {
 std::vector<uint8_t> MakeExif(bool little_endian, const std::vector<std::vector<uint32_t>>& entries,
                               bool prefix = false) {
   std::vector<uint8_t> out;
-  auto put16 = [&](uint32_t v) {
-    if (little_endian) {
-      out.insert(out.end(), {uint8_t(v), uint8_t(v >> 8)});
-    } else {
-      out.insert(out.end(), {uint8_t(v >> 8), uint8_t(v)});
+  auto put = [&](uint32_t v, int bytes) {
+    for (int i = 0; i < bytes; ++i) {
+      const int shift = 8 * (little_endian ? i : bytes - 1 - i);
+      out.push_back(static_cast<uint8_t>(v >> shift));
     }
   };
-  auto put32 = [&](uint32_t v) {
-    if (little_endian) {
-      put16(v & 0xffff);
-      put16(v >> 16);
-    } else {
-      put16(v >> 16);
-      put16(v & 0xffff);
-    }
-  };
+  auto put16 = [&](uint32_t v) { put(v, 2); };
+  auto put32 = [&](uint32_t v) { put(v, 4); };
   if (prefix) out.insert(out.end(), {'E', 'x', 'i', 'f', 0, 0});
   out.insert(out.end(), little_endian ? std::initializer_list<uint8_t>{'I', 'I'}
                                       : std::initializer_list<uint8_t>{'M', 'M'});

@@ -43,8 +43,9 @@ void SetDngIdentity(TIFF* tif) {
   TIFFSetField(tif, TIFFTAG_UNIQUECAMERAMODEL, "Tessera Test");
 }
 
-// Writes the current directory as a 96x64 linear raw image of one level.
-void WriteLinearRaw(TIFF* tif, uint16_t level) {
+// Writes the current directory as a 96x64 linear raw image: `top` in the
+// upper half, `bottom` in the lower.
+void WriteLinearRaw(TIFF* tif, uint16_t top, uint16_t bottom) {
   const int width = 96;
   const int height = 64;
   TIFFSetField(tif, TIFFTAG_SUBFILETYPE, 0);
@@ -56,8 +57,11 @@ void WriteLinearRaw(TIFF* tif, uint16_t level) {
   TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
   TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
   TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
-  std::vector<uint16_t> row(width * 3, level);
-  for (int y = 0; y < height; ++y) TIFFWriteScanline(tif, row.data(), y, 0);
+  std::vector<uint16_t> row(width * 3);
+  for (int y = 0; y < height; ++y) {
+    row.assign(row.size(), y < height / 2 ? top : bottom);
+    TIFFWriteScanline(tif, row.data(), y, 0);
+  }
 }
 
 // A DNG as cameras write it: IFD0 holds a JPEG preview (top half red,
@@ -91,7 +95,7 @@ std::string MakeDngWithPreview(int preview_width, int preview_height, int previe
   // The whole JPEG stream, tables included, as the only strip.
   TIFFWriteRawStrip(tif, 0, const_cast<char*>(jpeg.data()), static_cast<tmsize_t>(jpeg.size()));
   TIFFWriteDirectory(tif);
-  WriteLinearRaw(tif, 30000);
+  WriteLinearRaw(tif, 30000, 30000);
   TIFFWriteDirectory(tif);
   TIFFClose(tif);
   return ReadAndRemove(path);
@@ -104,34 +108,14 @@ void ExpectColor(const Rgb& c, double r, double g, double b) {
 }
 
 // A linear (demosaiced) DNG, 96x64, top half bright and bottom half black,
-// whose orientation tag turns it a quarter clockwise. Written with libtiff
-// through a scratch file.
+// whose orientation tag turns it a quarter clockwise.
 std::string MakeDng() {
   const std::string path = ScratchPath();
-  if (path.empty()) return "";
-  const int width = 96;
-  const int height = 64;
-  TIFF* tif = TIFFOpen(path.c_str(), "w");
-  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, 0);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, 34892);  // linear raw
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+  TIFF* tif = path.empty() ? nullptr : TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) return "";
+  SetDngIdentity(tif);
   TIFFSetField(tif, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);
-  TIFFSetField(tif, TIFFTAG_MAKE, "Tessera");
-  TIFFSetField(tif, TIFFTAG_MODEL, "Test");
-  static const uint8_t kVersion[4] = {1, 4, 0, 0};
-  TIFFSetField(tif, TIFFTAG_DNGVERSION, kVersion);
-  TIFFSetField(tif, TIFFTAG_UNIQUECAMERAMODEL, "Tessera Test");
-  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
-  std::vector<uint16_t> row(width * 3);
-  for (int y = 0; y < height; ++y) {
-    row.assign(row.size(), y < height / 2 ? 60000 : 0);
-    TIFFWriteScanline(tif, row.data(), y, 0);
-  }
+  WriteLinearRaw(tif, 60000, 0);
   TIFFClose(tif);
   return ReadAndRemove(path);
 }
@@ -160,39 +144,35 @@ TEST(RawDecoderTest, DngDevelopsUpright) {
 }
 
 TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
+  struct Case {
+    const char* what;
+    int width, height, exif_orientation;
+    int red[4];  // x0, y0, x1, y1
+    int blue[4];
+  };
+  // Stored as the sensor sees the scene, turned clockwise the red top
+  // becomes the right half; an already upright (portrait) preview is not
+  // turned again; a preview naming the same turn itself is turned once.
+  const Case cases[] = {
+      {"sideways", 96, 64, 0, {36, 4, 60, 92}, {4, 4, 28, 92}},
+      {"upright", 64, 96, 0, {4, 4, 60, 44}, {4, 52, 60, 92}},
+      {"tagged", 96, 64, 6, {36, 4, 60, 92}, {4, 4, 28, 92}},
+  };
   Bitmap bitmap;
-  // Stored as the sensor sees the scene: turned clockwise, the red top
-  // becomes the right half.
-  const std::string sideways = MakeDngWithPreview(96, 64);
-  ASSERT_FALSE(sideways.empty());
-  Status status = Decode(sideways, 200, &bitmap);
-  ASSERT_TRUE(status.ok()) << status.ToString();
-  EXPECT_EQ(bitmap.width(), 64);
-  EXPECT_EQ(bitmap.height(), 96);
-  ExpectColor(MeanColor(bitmap, 36, 4, 60, 92), 255, 0, 0);
-  ExpectColor(MeanColor(bitmap, 4, 4, 28, 92), 0, 0, 255);
-
-  // Already upright (portrait on a landscape sensor): not turned again.
-  const std::string upright = MakeDngWithPreview(64, 96);
-  ASSERT_FALSE(upright.empty());
-  status = Decode(upright, 200, &bitmap);
-  ASSERT_TRUE(status.ok()) << status.ToString();
-  EXPECT_EQ(bitmap.width(), 64);
-  EXPECT_EQ(bitmap.height(), 96);
-  ExpectColor(MeanColor(bitmap, 4, 4, 60, 44), 255, 0, 0);
-  ExpectColor(MeanColor(bitmap, 4, 52, 60, 92), 0, 0, 255);
-
-  // A preview that names the same turn itself is turned once, not twice.
-  const std::string tagged = MakeDngWithPreview(96, 64, 6);
-  ASSERT_FALSE(tagged.empty());
-  status = Decode(tagged, 200, &bitmap);
-  ASSERT_TRUE(status.ok()) << status.ToString();
-  EXPECT_EQ(bitmap.width(), 64);
-  EXPECT_EQ(bitmap.height(), 96);
-  ExpectColor(MeanColor(bitmap, 36, 4, 60, 92), 255, 0, 0);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string dng = MakeDngWithPreview(c.width, c.height, c.exif_orientation);
+    ASSERT_FALSE(dng.empty());
+    const Status status = Decode(dng, 200, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    EXPECT_EQ(bitmap.width(), 64);
+    EXPECT_EQ(bitmap.height(), 96);
+    ExpectColor(MeanColor(bitmap, c.red[0], c.red[1], c.red[2], c.red[3]), 255, 0, 0);
+    ExpectColor(MeanColor(bitmap, c.blue[0], c.blue[1], c.blue[2], c.blue[3]), 0, 0, 255);
+  }
 
   // Reduced like any other image.
-  ASSERT_TRUE(Decode(sideways, 48, &bitmap).ok());
+  ASSERT_TRUE(Decode(MakeDngWithPreview(96, 64), 48, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 48);
 }
