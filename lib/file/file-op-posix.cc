@@ -14,6 +14,7 @@
 #include <string>
 
 #include "lib/file/file-op.h"
+#include "lib/file/file-op-platform.h"
 #include "lib/log/log.h"
 
 namespace tessera {
@@ -240,13 +241,9 @@ int FSStat(const std::string& path, FSStatInfo* st, bool exact_case) {
   return 0;
 }
 
-int FSRemove(const std::string& path) {
-  if (path.empty()) return -1;
-  FSStatInfo st;
-  if (FSStat(path, &st, true) != 0) return -1;
-  if (!st.isExist) return 0;
-  if (st.type == kDirectory) return RemoveDirectoryRecursive(path);
-  if (st.type != kRegular) return -1;
+namespace platform {
+
+int DeleteRegularFile(const std::string& path) {
   if (unlink(StripTrailingSlashes(path).c_str()) != 0) {
     int error = errno;
     if (IsNotFound(error)) return 0;
@@ -255,6 +252,16 @@ int FSRemove(const std::string& path) {
   }
   return 0;
 }
+
+bool CreateEmptyFile(const std::string& path) {
+  // Created with the permissions fopen(..., "w") gives: 0666 less the umask.
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) return false;
+  close(fd);
+  return true;
+}
+
+}  // namespace platform
 
 int RemoveDirectoryRecursive(const std::string& dir) {
   std::string stripped = StripTrailingSlashes(dir);
@@ -272,21 +279,6 @@ int RemoveDirectoryRecursive(const std::string& dir) {
     return -1;
   }
   return result;
-}
-
-int FSMktemp(const std::string& prefix, std::string* path) {
-  LOG_DEBUG(kComponent, "FSMktemp: prefix [%s], path[%s]", prefix.c_str(), path ? path->c_str() : "");
-  std::string candidate = RandomPath(prefix);
-  if (candidate.empty() || path == nullptr) {
-    LOG_ERROR(kComponent, "FSMktemp failed.");
-    return -1;
-  }
-  // Created with the permissions fopen(..., "w") gives: 0666 less the umask.
-  int fd = open(candidate.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (fd < 0) return -1;
-  close(fd);
-  *path = candidate;
-  return 0;
 }
 
 }  // namespace file

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "lib/file/file-op.h"
+#include "lib/file/file-op-platform.h"
 #include "lib/log/log.h"
 #include "lib/utility/text-conversion.h"
 
@@ -286,13 +287,9 @@ int FSStat(const std::string& path, FSStatInfo* st, bool exact_case) {
   return 0;
 }
 
-int FSRemove(const std::string& path) {
-  if (path.empty()) return -1;
-  FSStatInfo st;
-  if (FSStat(path, &st, true) != 0) return -1;
-  if (!st.isExist) return 0;
-  if (st.type == kDirectory) return RemoveDirectoryRecursive(path);
-  if (st.type != kRegular) return -1;
+namespace platform {
+
+int DeleteRegularFile(const std::string& path) {
   LongPath long_path(path);
   if (!DeleteFileW(Wide(long_path.wide))) {
     LOG_ERROR(kComponent, "Failed to delete file on %s. error code %d", path.c_str(),
@@ -302,22 +299,17 @@ int FSRemove(const std::string& path) {
   return 0;
 }
 
-int RemoveDirectoryRecursive(const std::string& dir) { return RemoveTree(dir, 0); }
-
-int FSMktemp(const std::string& prefix, std::string* path) {
-  LOG_DEBUG(kComponent, "FSMktemp: prefix [%s], path[%s]", prefix.c_str(), path ? path->c_str() : "");
-  std::string candidate = RandomPath(prefix);
-  if (candidate.empty() || path == nullptr) {
-    LOG_ERROR(kComponent, "FSMktemp failed.");
-    return -1;
-  }
-  std::u16string wide = utility::UTF8ToUTF16(candidate);
+bool CreateEmptyFile(const std::string& path) {
+  std::u16string wide = utility::UTF8ToUTF16(path);
   FILE* file = _wfopen(Wide(wide), L"w");
-  if (file == nullptr) return -1;
+  if (file == nullptr) return false;
   fclose(file);
-  *path = candidate;
-  return 0;
+  return true;
 }
+
+}  // namespace platform
+
+int RemoveDirectoryRecursive(const std::string& dir) { return RemoveTree(dir, 0); }
 
 }  // namespace file
 }  // namespace tessera

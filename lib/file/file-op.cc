@@ -1,5 +1,6 @@
 // The platform-independent parts of the file layer: the long-path form, the
-// text form of a status record and the random-name generator.
+// text form of a status record, the random-name generator, and removal and
+// temporary files on top of the platform primitives.
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -8,10 +9,14 @@
 #include <thread>
 
 #include "lib/file/file-op.h"
+#include "lib/file/file-op-platform.h"
+#include "lib/log/log.h"
 
 namespace tessera {
 namespace file {
 namespace {
+
+constexpr char kComponent[] = "file_op_debug";
 
 constexpr char kLongPathPrefix[] = "\\\\?\\";  // \\?\ (4 bytes)
 constexpr size_t kLongPathPrefixLength = 4;
@@ -90,6 +95,28 @@ std::string FSStatInfo::ToString() const {
 
 std::string RandomPath(const std::string& prefix) {
   return prefix + "/" + NameGenerator::Get().Draw();
+}
+
+int FSRemove(const std::string& path) {
+  if (path.empty()) return -1;
+  FSStatInfo st;
+  if (FSStat(path, &st, true) != 0) return -1;
+  if (!st.isExist) return 0;
+  if (st.type == kDirectory) return RemoveDirectoryRecursive(path);
+  if (st.type != kRegular) return -1;
+  return platform::DeleteRegularFile(path);
+}
+
+int FSMktemp(const std::string& prefix, std::string* path) {
+  LOG_DEBUG(kComponent, "FSMktemp: prefix [%s], path[%s]", prefix.c_str(), path ? path->c_str() : "");
+  std::string candidate = RandomPath(prefix);
+  if (candidate.empty() || path == nullptr) {
+    LOG_ERROR(kComponent, "FSMktemp failed.");
+    return -1;
+  }
+  if (!platform::CreateEmptyFile(candidate)) return -1;
+  *path = candidate;
+  return 0;
 }
 
 }  // namespace file
