@@ -11,6 +11,7 @@ extern "C" {
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdarg>
@@ -53,6 +54,10 @@ void InstallLogger() {
     av_log_set_callback(LogFromFfmpeg);
   });
 }
+
+// How much earlier than the skipping limit a packet's times must be, so that
+// rounding of times never drops the frame at the limit.
+constexpr int64_t kSkipMarginUs = 50000;
 
 int64_t NowUs() { return av_gettime_relative(); }
 
@@ -225,6 +230,8 @@ int MediaFile::DecodeNextFrame(AVFrame* frame) {
     }
     if (error < 0) return error;
     if (packet_->stream_index == stream_index_) {
+      // Read by the decoder (or copied to a frame thread) for this packet only.
+      codec_->skip_frame = MaySkipPacket() ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
       error = avcodec_send_packet(codec_.get(), packet_.get());
       // Broken packets are skipped; the decoder resynchronises on the next.
       if (error < 0 && error != AVERROR_INVALIDDATA && error != AVERROR(EAGAIN)) {
@@ -235,6 +242,21 @@ int MediaFile::DecodeNextFrame(AVFrame* frame) {
     av_packet_unref(packet_.get());
   }
   return AVERROR_INVALIDDATA;  // too many packets without a frame
+}
+
+bool MediaFile::MaySkipPacket() const {
+  if (skip_before_us_ == INT64_MIN) return false;
+  // A frame's time is its packet's presentation time, or its decoding time
+  // when the presentation times look wrong: both must be early.
+  if (packet_->pts == AV_NOPTS_VALUE || packet_->dts == AV_NOPTS_VALUE) return false;
+  const AVRational time_base = stream()->time_base;
+  int64_t latest = std::max(av_rescale_q(packet_->pts, time_base, AV_TIME_BASE_Q),
+                            av_rescale_q(packet_->dts, time_base, AV_TIME_BASE_Q));
+  if (format_->start_time != AV_NOPTS_VALUE && !AddTime(latest, -format_->start_time, &latest)) {
+    return false;
+  }
+  int64_t limit = 0;
+  return AddTime(skip_before_us_, -kSkipMarginUs, &limit) && latest < limit;
 }
 
 int MediaFile::SeekTo(int64_t time_us) {

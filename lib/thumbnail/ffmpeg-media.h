@@ -89,6 +89,14 @@ class MediaFile {
   // Returns 0, AVERROR_EOF at the end, or another AVERROR.
   int DecodeNextFrame(AVFrame* frame);
 
+  // From now on, packets whose frames are shown before time_us (microseconds
+  // from the start of the file; both their presentation and decoding times
+  // earlier by a safety margin) are not decoded when no other frame refers
+  // to them. Frames at or after time_us, and every frame a later one is
+  // predicted from, decode exactly as without skipping; only the skipped
+  // frames themselves are never returned. INT64_MIN turns skipping off.
+  void SkipUnreferencedBefore(int64_t time_us) { skip_before_us_ = time_us; }
+
   // Seeks to the key frame at or before time_us (microseconds from the
   // start of the file) and flushes the decoder. Returns 0 or an AVERROR.
   int SeekTo(int64_t time_us);
@@ -123,6 +131,10 @@ class MediaFile {
   bool attached_picture_ = false;
   bool picture_sent_ = false;
   bool draining_ = false;
+  int64_t skip_before_us_ = INT64_MIN;
+
+  // Whether the decoder may drop the current packet_ if nothing refers to it.
+  bool MaySkipPacket() const;
 };
 
 // Converts a decoded frame to tightly packed 32-bit BGRA (alpha 255) of

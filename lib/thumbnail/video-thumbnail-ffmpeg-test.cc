@@ -146,6 +146,46 @@ TEST_F(VideoFfmpegTest, LaterSizesOfOneClipEqualFreshDecodes) {
   EXPECT_TRUE(RedBgra(Pixel(fresh, 30, 20)));
 }
 
+// Column of the left edge of the red bar on the middle row, or -1.
+int RedBarLeft(const image::Bitmap& bitmap) {
+  for (int x = 0; x < bitmap.width(); ++x) {
+    if (RedBgra(Pixel(bitmap, x, bitmap.height() / 2))) return x;
+  }
+  return -1;
+}
+
+// Frames before one second that no other frame refers to are not decoded:
+// the frame shown at one second (or the last frame of a clip whose video
+// ends early) must still be exactly the one chosen, among B-frames.
+TEST_F(VideoFfmpegTest, PicksTheSameFrameAmongUndecodedBFrames) {
+  // 64x48 frames with a red bar whose left edge is at 60 - 4 * frame number.
+  const std::string moving =
+      "-f lavfi -i color=c=blue:s=184x48:r=10:d=DURATION,drawbox=x=60:y=0:w=8:h=48:color=red:t=fill,"
+      "crop=w=64:h=48:x=n*4:y=0 ";
+  // Three B-frames between P-frames throughout, none of them referred to.
+  const std::string b_frames =
+      "-c:v libx264 -preset medium -bf 3 -g 300 -x264-params b-adapt=0:scenecut=0:b-pyramid=none "
+      "-pix_fmt yuv420p ";
+  struct Case {
+    const char* duration;
+    const char* audio;
+    int bar_left;
+  };
+  // The second clip's video stops at 0.5 s while its audio, and so the file,
+  // lasts three seconds.
+  for (const Case& c : {Case{"3", "", 60 - 4 * 10}, Case{"0.5", "-f lavfi -i sine=d=3 -c:a aac ", 60 - 4 * 4}}) {
+    SCOPED_TRACE(c.duration);
+    std::string source = moving;
+    source.replace(source.find("DURATION"), 8, c.duration);
+    const std::string clip = dir_.File(std::string("bars-") + c.duration + ".mp4");
+    ASSERT_TRUE(RunFfmpeg(source + c.audio + b_frames + "'" + clip + "'"));
+    image::Bitmap thumb;
+    ASSERT_TRUE(ExtractVideoThumbnail(clip, 64, &thumb).ok());
+    ASSERT_EQ(64, thumb.width());
+    EXPECT_NEAR(c.bar_left, RedBarLeft(thumb), 1);
+  }
+}
+
 TEST_F(VideoFfmpegTest, ReadsVp9AndShortClipsAndStretchesNonSquarePixels) {
   const std::string webm = dir_.File("clip.webm");
   ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-c:v libvpx-vp9 -deadline realtime -cpu-used 8 '" + webm + "'"));

@@ -105,6 +105,31 @@ Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
   return Status::OK();
 }
 
+// Decodes frames until the first at or after one second (*reached), keeping
+// the latest in *frame (*have_frame). A decoding error after some frame was
+// kept ends the run without one.
+Status DecodeUpToFrameTime(ffmpeg::MediaFile* file, AVFrame* candidate, AVFrame* frame, bool* have_frame,
+                           bool* reached) {
+  for (int decoded = 0; decoded < kMaxFramesDecoded; ++decoded) {
+    const int error = file->DecodeNextFrame(candidate);
+    if (error == AVERROR_EOF) break;
+    if (error == AVERROR_EXIT) return Status::Timeout("video decoding took too long");
+    if (error < 0) {
+      if (*have_frame) break;  // a damaged tail: keep what was decoded
+      return Status::InvalidArgument(ffmpeg::AvError("decoding", error));
+    }
+    av_frame_unref(frame);
+    av_frame_move_ref(frame, candidate);
+    *have_frame = true;
+    const int64_t time = file->FrameTimeUs(frame);
+    if (time == INT64_MIN || time >= kFrameTimeUs) {
+      *reached = true;
+      break;
+    }
+  }
+  return Status::OK();
+}
+
 // Decodes the representative frame into *frame: the attached picture, or the
 // first frame at or after one second, or the last frame of a shorter clip.
 Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
@@ -126,21 +151,24 @@ Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
 
   ffmpeg::FramePtr candidate(av_frame_alloc());
   if (!candidate) return Status::Internal("out of memory");
+  // Frames before one second are only decoded when later ones refer to
+  // them. Should the clip end (or break) before one second after all, its
+  // last frame is wanted, which may be one of those skipped: the run is
+  // then repeated without skipping, from the same key frame; hence only
+  // after a seek that worked.
+  const bool skipping = sought;
+  if (skipping) file->SkipUnreferencedBefore(kFrameTimeUs);
   bool have_frame = false;
-  for (int decoded = 0; decoded < kMaxFramesDecoded; ++decoded) {
-    error = file->DecodeNextFrame(candidate.get());
-    if (error == AVERROR_EOF) break;
-    if (error == AVERROR_EXIT) return Status::Timeout("video decoding took too long");
-    if (error < 0) {
-      if (have_frame) break;  // a damaged tail: keep what was decoded
-      return Status::InvalidArgument(ffmpeg::AvError("decoding", error));
-    }
+  bool reached = false;
+  Status status = DecodeUpToFrameTime(file, candidate.get(), frame, &have_frame, &reached);
+  if (skipping && !reached && status.code() != Status::Code::kTimeout) {
+    file->SkipUnreferencedBefore(INT64_MIN);
+    if (file->SeekTo(kFrameTimeUs) < 0) return Status::InvalidArgument("cannot seek back");
     av_frame_unref(frame);
-    av_frame_move_ref(frame, candidate.get());
-    have_frame = true;
-    const int64_t time = file->FrameTimeUs(frame);
-    if (time == INT64_MIN || time >= kFrameTimeUs) break;
+    have_frame = false;
+    status = DecodeUpToFrameTime(file, candidate.get(), frame, &have_frame, &reached);
   }
+  if (!status.ok()) return status;
   if (!have_frame && sought) {
     // The seek went past the last frame: read from the start instead.
     if (file->SeekTo(0) >= 0) {
