@@ -4,8 +4,10 @@ extern "C" {
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
+#include <libavutil/macros.h>
 }
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -13,6 +15,7 @@ extern "C" {
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 
 #include "lib/image/area-resample.h"
 #include "lib/image/limits.h"
@@ -30,8 +33,61 @@ constexpr int64_t kFrameTimeUs = 1000000;  // the frame at one second
 // start when the file cannot seek).
 constexpr int kMaxFramesDecoded = 600;
 
+// The filter library is only needed to tone-map HDR frames, and loading it
+// (with the many libraries it depends on) costs about as much as loading all
+// the rest of FFmpeg: it is loaded on the first HDR frame instead of with
+// the program. The same major version as the headers' is required.
+struct FilterLibrary {
+  decltype(&avfilter_version) version;
+  decltype(&avfilter_graph_alloc) graph_alloc;
+  decltype(&avfilter_graph_free) graph_free;
+  decltype(&avfilter_get_by_name) get_by_name;
+  decltype(&avfilter_graph_create_filter) graph_create_filter;
+  decltype(&avfilter_inout_alloc) inout_alloc;
+  decltype(&avfilter_inout_free) inout_free;
+  decltype(&avfilter_graph_parse_ptr) graph_parse_ptr;
+  decltype(&avfilter_graph_config) graph_config;
+  decltype(&av_buffersrc_add_frame) buffersrc_add_frame;
+  decltype(&av_buffersink_get_frame) buffersink_get_frame;
+};
+
+// The loaded library (kept for the life of the process), or nullptr when it
+// is missing or of another version. Thread-safe.
+const FilterLibrary* Filters() {
+  static std::once_flag once;
+  static FilterLibrary* library = nullptr;
+  std::call_once(once, [] {
+    void* handle = dlopen("libavfilter.so." AV_STRINGIFY(LIBAVFILTER_VERSION_MAJOR), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) return;
+    auto* l = new FilterLibrary;
+    bool complete = true;
+    auto find = [&](auto* function, const char* name) {
+      *function = reinterpret_cast<std::remove_pointer_t<decltype(function)>>(dlsym(handle, name));
+      complete = complete && *function != nullptr;
+    };
+    find(&l->version, "avfilter_version");
+    find(&l->graph_alloc, "avfilter_graph_alloc");
+    find(&l->graph_free, "avfilter_graph_free");
+    find(&l->get_by_name, "avfilter_get_by_name");
+    find(&l->graph_create_filter, "avfilter_graph_create_filter");
+    find(&l->inout_alloc, "avfilter_inout_alloc");
+    find(&l->inout_free, "avfilter_inout_free");
+    find(&l->graph_parse_ptr, "avfilter_graph_parse_ptr");
+    find(&l->graph_config, "avfilter_graph_config");
+    find(&l->buffersrc_add_frame, "av_buffersrc_add_frame");
+    find(&l->buffersink_get_frame, "av_buffersink_get_frame");
+    if (!complete || AV_VERSION_MAJOR(l->version()) != LIBAVFILTER_VERSION_MAJOR) {
+      delete l;
+      dlclose(handle);
+      return;
+    }
+    library = l;
+  });
+  return library;
+}
+
 struct GraphFreer {
-  void operator()(AVFilterGraph* p) const { avfilter_graph_free(&p); }
+  void operator()(AVFilterGraph* p) const { Filters()->graph_free(&p); }
 };
 using GraphPtr = std::unique_ptr<AVFilterGraph, GraphFreer>;
 
@@ -45,7 +101,9 @@ bool IsHdrTransfer(int transfer) {
 // then the BT.709 transfer. (A filmic curve such as hable leaves
 // reference white far too dark.)
 Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
-  GraphPtr graph(avfilter_graph_alloc());
+  const FilterLibrary* filters = Filters();
+  if (filters == nullptr) return Status::NotSupported("the tone-mapping filter library cannot be loaded");
+  GraphPtr graph(filters->graph_alloc());
   if (!graph) return Status::Internal("avfilter_graph_alloc failed");
   graph->nb_threads = 1;
   const AVRational sar = frame->sample_aspect_ratio.num > 0 ? frame->sample_aspect_ratio : AVRational{1, 1};
@@ -55,18 +113,18 @@ Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
                                   ":pixel_aspect=" + std::to_string(sar.num) + "/" + std::to_string(sar.den);
   AVFilterContext* source = nullptr;
   AVFilterContext* sink = nullptr;
-  int error = avfilter_graph_create_filter(&source, avfilter_get_by_name("buffer"), "in",
+  int error = filters->graph_create_filter(&source, filters->get_by_name("buffer"), "in",
                                            source_args.c_str(), nullptr, graph.get());
   if (error < 0) return Status::Internal(ffmpeg::AvError("buffer", error));
-  error = avfilter_graph_create_filter(&sink, avfilter_get_by_name("buffersink"), "out", nullptr,
+  error = filters->graph_create_filter(&sink, filters->get_by_name("buffersink"), "out", nullptr,
                                        nullptr, graph.get());
   if (error < 0) return Status::Internal(ffmpeg::AvError("buffersink", error));
 
-  AVFilterInOut* outputs = avfilter_inout_alloc();
-  AVFilterInOut* inputs = avfilter_inout_alloc();
+  AVFilterInOut* outputs = filters->inout_alloc();
+  AVFilterInOut* inputs = filters->inout_alloc();
   if (outputs == nullptr || inputs == nullptr) {
-    avfilter_inout_free(&outputs);
-    avfilter_inout_free(&inputs);
+    filters->inout_free(&outputs);
+    filters->inout_free(&inputs);
     return Status::Internal("avfilter_inout_alloc failed");
   }
   outputs->name = av_strdup("in");
@@ -76,19 +134,19 @@ Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
   const char* chain =
       "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=mobius:desat=0,"
       "zscale=t=bt709:m=bt709:r=pc,format=gbrp,scale,format=bgra";
-  error = avfilter_graph_parse_ptr(graph.get(), chain, &inputs, &outputs, nullptr);
-  avfilter_inout_free(&outputs);
-  avfilter_inout_free(&inputs);
+  error = filters->graph_parse_ptr(graph.get(), chain, &inputs, &outputs, nullptr);
+  filters->inout_free(&outputs);
+  filters->inout_free(&inputs);
   if (error < 0) return Status::NotSupported(ffmpeg::AvError("tone-mapping filters", error));
-  error = avfilter_graph_config(graph.get(), nullptr);
+  error = filters->graph_config(graph.get(), nullptr);
   if (error < 0) return Status::NotSupported(ffmpeg::AvError("avfilter_graph_config", error));
 
   ffmpeg::FramePtr input(av_frame_clone(frame));
   ffmpeg::FramePtr output(av_frame_alloc());
   if (!input || !output) return Status::Internal("out of memory");
-  error = av_buffersrc_add_frame(source, input.get());
-  if (error >= 0) error = av_buffersrc_add_frame(source, nullptr);
-  if (error >= 0) error = av_buffersink_get_frame(sink, output.get());
+  error = filters->buffersrc_add_frame(source, input.get());
+  if (error >= 0) error = filters->buffersrc_add_frame(source, nullptr);
+  if (error >= 0) error = filters->buffersink_get_frame(sink, output.get());
   if (error < 0) return Status::Internal(ffmpeg::AvError("tone mapping", error));
   if (output->format != AV_PIX_FMT_BGRA || output->width != frame->width ||
       output->height != frame->height) {
