@@ -109,7 +109,9 @@ TEST_F(MediaSourceWinTest, DeliversUprightBgrxFramesAfterASeek) {
     NativeVideoType native;
     ASSERT_GE(source->GetNativeVideoType(&native), 0);
     EXPECT_TRUE(native.is_video);
-    if (!RunningUnderWine()) EXPECT_EQ(native.codec, VideoCodec::kH264);
+    if (!RunningUnderWine()) {
+      EXPECT_EQ(native.codec, VideoCodec::kH264);
+    }
     ASSERT_GE(source->SetFirstVideoOutputBgrx(), 0);
     ASSERT_GE(source->SelectFirstVideoStream(), 0);
     uint32_t width = 0;

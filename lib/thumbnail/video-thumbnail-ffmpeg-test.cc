@@ -94,7 +94,9 @@ TEST_F(VideoFfmpegTest, ExportsUprightFramesOfRotatedClips) {
     SCOPED_TRACE(c.rotation);
     const std::string clip = dir_.File("clip.mp4");
     ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
-    if (c.rotation != 0) ASSERT_TRUE(SetMp4Rotation(clip, c.rotation, 64, 48));
+    if (c.rotation != 0) {
+      ASSERT_TRUE(SetMp4Rotation(clip, c.rotation, 64, 48));
+    }
 
     const std::string frame = dir_.File("frame.jpg");
     ASSERT_EQ("", ExportMessage(clip, frame));
@@ -252,7 +254,9 @@ TEST_F(VideoFfmpegTest, RefusesListsImagesMissingAndDamagedFiles) {
     const std::string cut = dir_.File("cut.mp4");
     std::ofstream(cut, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(length));
     Status status = ExtractVideoThumbnail(cut, 32, &thumb);
-    if (status.ok()) EXPECT_LE(thumb.width(), 32);
+    if (status.ok()) {
+      EXPECT_LE(thumb.width(), 32);
+    }
     ExportMessage(cut, dir_.File("cut.jpg"));
   }
 }
