@@ -23,6 +23,8 @@ namespace image {
 namespace {
 
 constexpr size_t kMaxHeifFileBytes = size_t{256} << 20;
+// The longest side libheif may decode (a 16384 x 12288 image is 201 MP).
+constexpr int kMaxHeifSide = 16384;
 
 struct ContextFreer {
   void operator()(heif_context* context) const { heif_context_free(context); }
@@ -145,7 +147,11 @@ class HeifDecoder : public ImageDecoder {
     if (!status.ok()) return status;
     std::unique_ptr<heif_context, ContextFreer> context(heif_context_alloc());
     if (!context) return Status::Internal("libheif context");
-    heif_context_set_maximum_image_size_limit(context.get(), static_cast<int>(kMaxSide));
+    // libheif checks this bound against the size the coded stream really
+    // has, which may differ from the size the file declares: a 678-byte file
+    // declaring 32x24 decoded to 6144x57607. Each side stays within what a
+    // 200-megapixel photo needs.
+    heif_context_set_maximum_image_size_limit(context.get(), kMaxHeifSide);
     if (heif_context_read_from_memory_without_copy(context.get(), bytes.data(), bytes.size(), nullptr).code !=
         heif_error_Ok) {
       return Status::InvalidArgument("not a readable HEIF");
@@ -205,7 +211,9 @@ class HeifDecoder : public ImageDecoder {
     int stride = 0;
     const uint8_t* pixels = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
     if (pixels == nullptr || w <= 0 || h <= 0 || stride < w * 4) return Status::InvalidArgument("HEIF image layout");
-    if (!WithinPixelLimits(w, h)) return ImageTooLargeError(w, h);
+    // The declared size was checked before decoding; the decoded one may be
+    // larger, so the budget is checked again before the copy is made.
+    if (!WithinPixelLimits(w, h) || !WithinDecodeBudget(uint64_t(w) * h * 8)) return ImageTooLargeError(w, h);
 
     auto decoded = std::make_shared<DecodedImage>();
     decoded->width = w;
