@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lib/thumbnail/exported-frames.h"
+#include "lib/thumbnail/testing/count-of.h"
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
 #include "lib/thumbnail/testing/image-size.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
@@ -25,11 +26,7 @@ using testing::ReadImageSize;
 using testing::ScopedProviderFactory;
 using testing::ScratchDir;
 
-int CountOf(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
+using testing::CountOf;
 
 class HelperTest : public ::testing::Test {
  protected:

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "lib/thumbnail/testing/count-of.h"
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
 #include "lib/thumbnail/testing/image-size.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
@@ -30,11 +31,7 @@ using testing::Gate;
 using testing::ScratchDir;
 using testing::ScopedProviderFactory;
 
-int CountOf(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
+using testing::CountOf;
 
 class JobTest : public ::testing::Test {
  protected:
