@@ -30,7 +30,7 @@ Status Bitmap::Create(int width, int height, Bitmap* out) {
                                    std::to_string(height) + " is out of range");
   }
   const size_t bytes = static_cast<size_t>(width) * static_cast<size_t>(height) * kBytesPerPixel;
-  std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[bytes]);
+  PixelMemory pixels = AllocatePixels(bytes);
   if (!pixels) return Status::Internal("out of memory for a " + std::to_string(bytes) + "-byte bitmap");
   out->width_ = width;
   out->height_ = height;

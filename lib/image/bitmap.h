@@ -2,8 +2,10 @@
 // providers hand out and that every step after them works on.
 //
 // Pixels are 4 bytes, in the order blue, green, red, alpha; rows run top to
-// bottom, tightly packed (stride = width * 4). Move-only: a copy has to be
-// asked for with Clone(), so none happens by accident.
+// bottom, tightly packed (stride = width * 4); the buffer runs on for
+// kPixelSlack bytes after the last row, which writers may scribble on.
+// Move-only: a copy has to be asked for with Clone(), so none happens by
+// accident.
 #ifndef TESSERA_LIB_IMAGE_BITMAP_H_
 #define TESSERA_LIB_IMAGE_BITMAP_H_
 
@@ -11,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "lib/image/pixel-memory.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -50,7 +53,7 @@ class Bitmap {
  private:
   int width_ = 0;
   int height_ = 0;
-  std::unique_ptr<uint8_t[]> pixels_;
+  PixelMemory pixels_;
 };
 
 }  // namespace image

@@ -1,0 +1,50 @@
+#include "lib/image/pixel-memory.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+
+namespace tessera {
+namespace image {
+
+namespace {
+
+constexpr size_t kHugePage = size_t{2} << 20;
+// Below this the heap serves the block: a huge page would mostly be waste.
+constexpr size_t kHugePageThreshold = size_t{4} << 20;
+
+}  // namespace
+
+void PixelMemoryFree::operator()(uint8_t* pixels) const {
+  if (pixels == nullptr) return;
+  if (mapped_bytes != 0) {
+    munmap(pixels, mapped_bytes);
+  } else {
+    std::free(pixels);
+  }
+}
+
+PixelMemory AllocatePixels(size_t bytes) {
+  if (bytes > SIZE_MAX - kPixelSlack - 2 * kHugePage) return PixelMemory();
+  const size_t wanted = bytes + kPixelSlack;
+  if (wanted < kHugePageThreshold) {
+    return PixelMemory(static_cast<uint8_t*>(std::malloc(wanted)), PixelMemoryFree{});
+  }
+  // Map one huge page more than needed and give back the unaligned ends, so
+  // the block starts on a huge-page boundary.
+  const size_t size = (wanted + kHugePage - 1) / kHugePage * kHugePage;
+  void* mapped = mmap(nullptr, size + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (mapped == MAP_FAILED) return PixelMemory();
+  const uintptr_t start = reinterpret_cast<uintptr_t>(mapped);
+  const uintptr_t aligned = (start + kHugePage - 1) / kHugePage * kHugePage;
+  if (aligned > start) munmap(mapped, aligned - start);
+  const uintptr_t end = start + size + kHugePage;
+  if (end > aligned + size) munmap(reinterpret_cast<void*>(aligned + size), end - (aligned + size));
+  void* block = reinterpret_cast<void*>(aligned);
+  // Advice only: without transparent huge pages the block is ordinary memory.
+  madvise(block, size, MADV_HUGEPAGE);
+  return PixelMemory(static_cast<uint8_t*>(block), PixelMemoryFree{size});
+}
+
+}  // namespace image
+}  // namespace tessera

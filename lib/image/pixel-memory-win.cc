@@ -1,0 +1,16 @@
+#include "lib/image/pixel-memory.h"
+
+#include <cstdlib>
+
+namespace tessera {
+namespace image {
+
+void PixelMemoryFree::operator()(uint8_t* pixels) const { std::free(pixels); }
+
+PixelMemory AllocatePixels(size_t bytes) {
+  if (bytes > SIZE_MAX - kPixelSlack) return PixelMemory();
+  return PixelMemory(static_cast<uint8_t*>(std::malloc(bytes + kPixelSlack)), PixelMemoryFree{});
+}
+
+}  // namespace image
+}  // namespace tessera
