@@ -139,7 +139,11 @@ class MediaFile {
 
 // Converts a decoded frame to tightly packed 32-bit BGRA (alpha 255) of
 // out_width x out_height, with the frame's own YUV matrix and range (BT.709
-// for untagged HD, BT.601 for untagged SD). *bgra is replaced on success.
+// for untagged HD, BT.601 for untagged SD), into rows of `stride` bytes.
+// The converter's vector code may write up to image::kPixelSlack bytes past
+// the last pixel, which a Bitmap's buffer allows for.
+Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, uint8_t* bgra, int stride);
+// The same into a new buffer; *bgra is replaced on success.
 Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, std::vector<uint8_t>* bgra);
 
 }  // namespace ffmpeg

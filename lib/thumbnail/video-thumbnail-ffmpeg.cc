@@ -100,7 +100,7 @@ bool IsHdrTransfer(int transfer) {
 // desaturation, so colours keep their hue),
 // then the BT.709 transfer. (A filmic curve such as hable leaves
 // reference white far too dark.)
-Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
+Status ToneMapToBgra(const AVFrame* frame, image::Bitmap* bitmap) {
   const FilterLibrary* filters = Filters();
   if (filters == nullptr) return Status::NotSupported("the tone-mapping filter library cannot be loaded");
   GraphPtr graph(filters->graph_alloc());
@@ -152,14 +152,15 @@ Status ToneMapToBgra(const AVFrame* frame, std::vector<uint8_t>* bgra) {
       output->height != frame->height) {
     return Status::Internal("unexpected tone-mapped frame");
   }
-  std::vector<uint8_t> pixels(static_cast<size_t>(output->width) * output->height * 4);
-  const size_t row_bytes = static_cast<size_t>(output->width) * 4;
+  image::Bitmap pixels;
+  Status status = image::Bitmap::Create(output->width, output->height, &pixels);
+  if (!status.ok()) return status;
   for (int y = 0; y < output->height; ++y) {
-    std::memcpy(pixels.data() + row_bytes * y, output->data[0] + static_cast<ptrdiff_t>(output->linesize[0]) * y,
-                row_bytes);
+    uint8_t* row = pixels.row(y);
+    std::memcpy(row, output->data[0] + static_cast<ptrdiff_t>(output->linesize[0]) * y, pixels.stride());
+    for (int x = 0; x < output->width; ++x) row[4 * x + 3] = 0xFF;
   }
-  for (size_t i = 3; i < pixels.size(); i += 4) pixels[i] = 0xFF;
-  *bgra = std::move(pixels);
+  *bitmap = std::move(pixels);
   return Status::OK();
 }
 
@@ -247,6 +248,60 @@ Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
 
 namespace {
 
+// What tells one file's content from another's without reading it.
+struct FileIdentity {
+  std::string path;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  int64_t mtime_ns = 0;
+  int64_t ctime_ns = 0;
+
+  bool operator==(const FileIdentity& o) const {
+    return path == o.path && device == o.device && inode == o.inode && size == o.size &&
+           mtime_ns == o.mtime_ns && ctime_ns == o.ctime_ns;
+  }
+};
+
+bool IdentifyFile(const std::string& utf8_path, FileIdentity* id) {
+  struct stat st;
+  if (stat(utf8_path.c_str(), &st) != 0) return false;
+  id->path = utf8_path;
+  id->device = st.st_dev;
+  id->inode = st.st_ino;
+  id->size = st.st_size;
+  id->mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  id->ctime_ns = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+  return true;
+}
+
+// The file IsVideoContent() opened, for the decode that follows it: opening
+// probes the streams, which decodes frames, and a second probe of the same
+// file would cost as much again.
+class ProbedFile {
+ public:
+  void Keep(const FileIdentity& id, std::unique_ptr<ffmpeg::MediaFile> file) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    id_ = id;
+    file_ = std::move(file);
+  }
+  std::unique_ptr<ffmpeg::MediaFile> Take(const FileIdentity& id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_ptr<ffmpeg::MediaFile> file = std::move(file_);
+    return file && id == id_ ? std::move(file) : nullptr;
+  }
+
+ private:
+  std::mutex mutex_;
+  FileIdentity id_;
+  std::unique_ptr<ffmpeg::MediaFile> file_;
+};
+
+ProbedFile& TheProbedFile() {
+  static ProbedFile* probed = new ProbedFile();
+  return *probed;
+}
+
 // The representative frame, upright, at full size, with the size it is shown
 // at (non-square pixels are only applied by the final reduction).
 struct UprightFrame {
@@ -255,9 +310,12 @@ struct UprightFrame {
   int display_height = 0;
 };
 
-Status DecodeUprightFrame(const std::string& utf8_path, UprightFrame* upright) {
+// `id` is null when the file cannot be identified.
+Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, UprightFrame* upright) {
   std::unique_ptr<ffmpeg::MediaFile> file;
-  Status status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file);
+  if (id != nullptr) file = TheProbedFile().Take(*id);
+  Status status;
+  if (!file) status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file);
   if (!status.ok()) return status;
   ffmpeg::FramePtr frame(av_frame_alloc());
   if (!frame) return Status::Internal("out of memory");
@@ -271,19 +329,17 @@ Status DecodeUprightFrame(const std::string& utf8_path, UprightFrame* upright) {
   if (frame->colorspace == AVCOL_SPC_UNSPECIFIED) frame->colorspace = params->color_space;
   if (frame->color_range == AVCOL_RANGE_UNSPECIFIED) frame->color_range = params->color_range;
 
-  std::vector<uint8_t> pixels;
+  image::Bitmap bitmap;
   if (IsHdrTransfer(frame->color_trc)) {
-    status = ToneMapToBgra(frame.get(), &pixels);
+    status = ToneMapToBgra(frame.get(), &bitmap);
   } else {
-    status = ffmpeg::ConvertToBgra(frame.get(), frame->width, frame->height, &pixels);
+    status = image::Bitmap::Create(frame->width, frame->height, &bitmap);
+    if (status.ok()) {
+      status = ffmpeg::ConvertToBgra(frame.get(), frame->width, frame->height, bitmap.data(),
+                                     static_cast<int>(bitmap.stride()));
+    }
   }
   if (!status.ok()) return status;
-
-  image::Bitmap bitmap;
-  status = image::Bitmap::Create(frame->width, frame->height, &bitmap);
-  if (!status.ok()) return status;
-  std::memcpy(bitmap.data(), pixels.data(), bitmap.byte_size());
-  pixels = std::vector<uint8_t>();
 
   // Display size before turning: non-square pixels widen (or narrow) the frame.
   int display_width = frame->width;
@@ -311,33 +367,6 @@ Status DecodeUprightFrame(const std::string& utf8_path, UprightFrame* upright) {
   upright->display_width = display_width;
   upright->display_height = display_height;
   return Status::OK();
-}
-
-// What tells one file's content from another's without reading it.
-struct FileIdentity {
-  std::string path;
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  int64_t mtime_ns = 0;
-  int64_t ctime_ns = 0;
-
-  bool operator==(const FileIdentity& o) const {
-    return path == o.path && device == o.device && inode == o.inode && size == o.size &&
-           mtime_ns == o.mtime_ns && ctime_ns == o.ctime_ns;
-  }
-};
-
-bool IdentifyFile(const std::string& utf8_path, FileIdentity* id) {
-  struct stat st;
-  if (stat(utf8_path.c_str(), &st) != 0) return false;
-  id->path = utf8_path;
-  id->device = st.st_dev;
-  id->inode = st.st_ino;
-  id->size = st.st_size;
-  id->mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  id->ctime_ns = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
-  return true;
 }
 
 // The last decoded frame of the process. The tool asks for one file's
@@ -372,9 +401,12 @@ bool IsVideoContent(const std::string& utf8_path) {
   // A file whose frame is already decoded needs no second probe (probing
   // decodes frames too, and every size of a run asks again).
   FileIdentity id;
-  if (IdentifyFile(utf8_path, &id) && TheFrameCache().Find(id)) return true;
+  const bool identified = IdentifyFile(utf8_path, &id);
+  if (identified && TheFrameCache().Find(id)) return true;
   std::unique_ptr<ffmpeg::MediaFile> file;
-  return ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok();
+  if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok()) return false;
+  if (identified) TheProbedFile().Keep(id, std::move(file));
+  return true;
 }
 
 Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
@@ -385,7 +417,7 @@ Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::B
   if (identified) frame = TheFrameCache().Find(id);
   if (!frame) {
     auto decoded = std::make_shared<UprightFrame>();
-    Status status = DecodeUprightFrame(utf8_path, decoded.get());
+    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, decoded.get());
     if (!status.ok()) return status;
     frame = decoded;
     if (identified) TheFrameCache().Keep(id, frame);

@@ -29,7 +29,12 @@ std::string PathBesideExecutable(const char* file_name) {
 const void* ModuleLoader::Load() {
   std::call_once(once_, [this] {
     const std::string path = path_override_.empty() ? PathBesideExecutable(file_name_) : path_override_;
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // Lazy binding for the libraries the module pulls in: binding every
+    // function of a codec library's dependency tree up front costs more than
+    // a fifth of loading it, and most are never called. The module itself is
+    // linked with -z now, so a function it needs that is missing still fails
+    // here rather than in the middle of a decode.
+    void* handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_LOCAL);
     if (handle == nullptr) {
       const char* error = dlerror();
       LOG_ERROR(kLogComponent, "cannot load the %s module '%s': %s", kind_, path.c_str(),
