@@ -18,6 +18,7 @@
 #include "lib/image/decoders.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
+#include "lib/image/pipelined-reducer.h"
 #include "lib/image/transform.h"
 
 namespace tessera {
@@ -336,10 +337,6 @@ class JpegDecoder : public ImageDecoder {
         ColorTransform::FromIcc(reader->icc(), reader->icc_size(), layout);
     const bool convert = layout != PixelLayout::kBgra8 || !transform.is_identity();
 
-    AreaReducer reducer;
-    Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
-    if (!status.ok()) return status;
-
     const bool cacheable =
         !content_key_.empty() && static_cast<uint64_t>(width) * height * 4 <= kMaxCachedBytes;
     std::shared_ptr<const ScaledPicture> cached;
@@ -350,9 +347,19 @@ class JpegDecoder : public ImageDecoder {
       TheScaledPictureCache().Keep(nullptr);
     }
     if (cached && cached->bitmap.width() == width && cached->bitmap.height() == height) {
+      AreaReducer reducer;
+      Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
+      if (!status.ok()) return status;
       for (int y = 0; y < height; ++y) reducer.PushRow(cached->bitmap.row(y));
-      return FinishDecode(&reducer, cinfo, out);
+      Bitmap reduced;
+      status = reducer.Finish(&reduced);
+      if (!status.ok()) return status;
+      return FinishDecode(std::move(reduced), cinfo, out);
     }
+    // A large decode reduces on a second core while libjpeg decodes.
+    PipelinedReducer reducer;
+    Status status = reducer.Start(width, height, dst_width, dst_height);
+    if (!status.ok()) return status;
     std::shared_ptr<ScaledPicture> keep;
     if (cacheable) {
       keep = std::make_shared<ScaledPicture>();
@@ -361,10 +368,11 @@ class JpegDecoder : public ImageDecoder {
       if (!Bitmap::Create(width, height, &keep->bitmap).ok()) keep.reset();
     }
 
-    std::vector<uint8_t> row, bgra;
+    // Rows that need converting are read here first; others go straight to
+    // the reducer's buffer.
+    std::vector<uint8_t> row;
     try {
-      row.resize(static_cast<size_t>(width) * bytes_per_pixel);
-      if (convert) bgra.resize(static_cast<size_t>(width) * 4);
+      if (convert) row.resize(static_cast<size_t>(width) * bytes_per_pixel);
     } catch (const std::bad_alloc&) {
       return Status::Internal("out of memory for JPEG rows");
     }
@@ -377,30 +385,28 @@ class JpegDecoder : public ImageDecoder {
         keep.reset();
         break;
       }
-      if (!reader->ReadRow(row.data())) return Status::InvalidArgument("corrupt JPEG data");
+      uint8_t* converted = reducer.NextRow();
+      uint8_t* raw = convert ? row.data() : converted;
+      if (!reader->ReadRow(raw)) return Status::InvalidArgument("corrupt JPEG data");
       if (invert_cmyk) {
         for (uint8_t& v : row) v = static_cast<uint8_t>(255 - v);
       }
-      const uint8_t* converted = row.data();
-      if (convert) {
-        transform.Apply(row.data(), bgra.data(), static_cast<size_t>(width));
-        converted = bgra.data();
-      }
-      reducer.PushRow(converted);
+      if (convert) transform.Apply(raw, converted, static_cast<size_t>(width));
       if (keep) std::memcpy(keep->bitmap.row(y), converted, static_cast<size_t>(width) * 4);
+      reducer.CommitRow();
     }
     if (keep) TheScaledPictureCache().Keep(std::move(keep));
-    return FinishDecode(&reducer, cinfo, out);
+    Bitmap reduced;
+    status = reducer.Finish(&reduced);
+    if (!status.ok()) return status;
+    return FinishDecode(std::move(reduced), cinfo, out);
   }
 
   void SetContentKey(const std::string& key) override { content_key_ = key; }
 
  private:
-  static Status FinishDecode(AreaReducer* reducer, jpeg_decompress_struct* cinfo, Bitmap* out) {
-    Bitmap bitmap;
-    Status status = reducer->Finish(&bitmap);
-    if (!status.ok()) return status;
-    status = ApplyExifOrientation(OrientationFromMarkers(cinfo), &bitmap);
+  static Status FinishDecode(Bitmap bitmap, jpeg_decompress_struct* cinfo, Bitmap* out) {
+    Status status = ApplyExifOrientation(OrientationFromMarkers(cinfo), &bitmap);
     if (!status.ok()) return status;
     *out = std::move(bitmap);
     return Status::OK();
