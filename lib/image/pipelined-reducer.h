@@ -56,7 +56,7 @@ class PipelinedReducer {
   Status Finish(Bitmap* out);
 
  private:
-  static constexpr int kRowsPerChunk = 16;
+  static constexpr int kRowsPerChunk = 8;
   static constexpr int kChunks = 4;
 
   void Run();

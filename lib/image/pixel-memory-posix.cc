@@ -1,6 +1,7 @@
 #include "lib/image/pixel-memory.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -30,9 +31,10 @@ PixelMemory AllocatePixels(size_t bytes) {
   if (wanted < kHugePageThreshold) {
     return PixelMemory(static_cast<uint8_t*>(std::malloc(wanted)), PixelMemoryFree{});
   }
-  // Map one huge page more than needed and give back the unaligned ends, so
-  // the block starts on a huge-page boundary.
-  const size_t size = (wanted + kHugePage - 1) / kHugePage * kHugePage;
+  // Map a huge page more than needed and give back the ends, so that the
+  // block starts on a huge-page boundary.
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  const size_t size = (wanted + page - 1) / page * page;
   void* mapped = mmap(nullptr, size + kHugePage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (mapped == MAP_FAILED) return PixelMemory();
   const uintptr_t start = reinterpret_cast<uintptr_t>(mapped);
@@ -41,8 +43,9 @@ PixelMemory AllocatePixels(size_t bytes) {
   const uintptr_t end = start + size + kHugePage;
   if (end > aligned + size) munmap(reinterpret_cast<void*>(aligned + size), end - (aligned + size));
   void* block = reinterpret_cast<void*>(aligned);
-  // Advice only: without transparent huge pages the block is ordinary memory.
-  madvise(block, size, MADV_HUGEPAGE);
+  // Only whole huge pages: a partly used one would add to the peak memory.
+  // Advice only: without transparent huge pages this is ordinary memory.
+  madvise(block, size / kHugePage * kHugePage, MADV_HUGEPAGE);
   return PixelMemory(static_cast<uint8_t*>(block), PixelMemoryFree{size});
 }
 

@@ -144,7 +144,12 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
   }
   raw->probesize = 5 << 20;
   raw->max_analyze_duration = 5 * AV_TIME_BASE;
-  error = avformat_find_stream_info(raw, nullptr);
+  // Probing decodes a frame of each stream; frame threads would cost more to
+  // start than that one frame.
+  std::vector<AVDictionary*> stream_options(raw->nb_streams, nullptr);
+  for (AVDictionary*& stream_option : stream_options) av_dict_set(&stream_option, "threads", "1", 0);
+  error = avformat_find_stream_info(raw, stream_options.empty() ? nullptr : stream_options.data());
+  for (AVDictionary*& stream_option : stream_options) av_dict_free(&stream_option);
   if (error < 0) return AvStatus("avformat_find_stream_info", error);
 
   int picture_index = -1;
