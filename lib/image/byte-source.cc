@@ -22,6 +22,15 @@ class FileSource : public ByteSource {
  public:
   FileSource(int fd, uint64_t size) : fd_(fd), size_(size) {}
   ~FileSource() override { ::close(fd_); }
+
+  // The same open file (not the path, which may name another file by now).
+  std::unique_ptr<ByteSource> Duplicate() const override {
+    const int fd = ::fcntl(fd_, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    std::unique_ptr<ByteSource> copy(new (std::nothrow) FileSource(fd, size_));
+    if (!copy) ::close(fd);
+    return copy;
+  }
   FileSource(const FileSource&) = delete;
   FileSource& operator=(const FileSource&) = delete;
 

@@ -30,6 +30,10 @@ class ByteSource {
   // ReadAll(), which falls back to reading.
   virtual const uint8_t* contiguous_data() const { return nullptr; }
 
+  // A second, independent source on the same bytes, for reading on another
+  // thread after this one is gone; nullptr when the bytes cannot outlive
+  // this source (memory views).
+  virtual std::unique_ptr<ByteSource> Duplicate() const { return nullptr; }
   // Reads the whole content into *out (at most max_bytes, else
   // InvalidArgument).
   Status ReadAll(size_t max_bytes, std::string* out);

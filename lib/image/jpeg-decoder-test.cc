@@ -1,6 +1,10 @@
 #include <lcms2.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <fstream>
+#include <memory>
 #include <string>
 
 #include "gtest/gtest.h"
@@ -263,6 +267,60 @@ TEST(JpegDecoderTest, RefusesGarbageAndAbsurdSizesCleanly) {
   Status status = DecodeBytes(bytes, 100, &bitmap);
   EXPECT_TRUE(IsImageTooLarge(status)) << status.ToString();
   EXPECT_TRUE(bitmap.empty());
+}
+
+// The run's largest request, decoded ahead on another thread from the same
+// open file while the smaller ones are served, equals a fresh decode byte for
+// byte, and is handed to that request only: not to another cx or content.
+TEST(JpegDecoderTest, RequestDecodedAheadGivesExactlyAFreshDecode) {
+  RgbImage image(2400, 1600);
+  for (int y = 0; y < image.height; y += 9) {
+    for (int x = 0; x < image.width; x += 11) {
+      image.Fill(x, y, x + 5, y + 4, static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>(x + y));
+    }
+  }
+  JpegOptions turned;
+  turned.exif_orientation = 8;
+  const std::string bytes = EncodeJpeg(image, turned);
+  const char* base = std::getenv("TESSERA_TEST_TMPDIR");
+  std::string path = std::string(base != nullptr ? base : "/tmp") + "/jpeg-ahead-XXXXXX";
+  const int fd = mkstemp(&path[0]);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  std::ofstream(path, std::ios::binary) << bytes;
+
+  // 360 decodes at 1/4, 720 and 960 at 1/2, 3840 (the whole picture) at 1/1:
+  // the first request starts 3840 ahead.
+  const std::vector<uint32_t> run = {360, 720, 960, 3840};
+  for (const std::string& key : {std::string("first"), std::string("second")}) {
+    for (uint32_t cx : run) {
+      SCOPED_TRACE(key + " " + std::to_string(cx));
+      std::unique_ptr<ByteSource> source;
+      ASSERT_TRUE(ByteSource::OpenFile(path, &source).ok());
+      auto decoder = CreateJpegDecoder();
+      decoder->SetContentKey(key);
+      decoder->SetAnticipatedRequests(run);
+      Bitmap ahead, fresh;
+      ASSERT_TRUE(decoder->Decode(source.get(), cx, &ahead).ok());
+      ASSERT_TRUE(DecodeBytes(bytes, cx, &fresh).ok());
+      EXPECT_TRUE(SameBitmap(ahead, fresh));
+    }
+    EXPECT_FALSE(HasDecodesAhead());
+  }
+  // A run that never asks for the request decoded ahead leaves it to the
+  // next content, which waits for it rather than racing it.
+  for (const std::string& key : {std::string("third"), std::string("fourth")}) {
+    std::unique_ptr<ByteSource> source;
+    ASSERT_TRUE(ByteSource::OpenFile(path, &source).ok());
+    auto decoder = CreateJpegDecoder();
+    decoder->SetContentKey(key);
+    decoder->SetAnticipatedRequests(run);
+    Bitmap small, fresh;
+    ASSERT_TRUE(decoder->Decode(source.get(), 360, &small).ok());
+    ASSERT_TRUE(DecodeBytes(bytes, 360, &fresh).ok());
+    EXPECT_TRUE(SameBitmap(small, fresh));
+  }
+  unlink(path.c_str());
 }
 
 }  // namespace

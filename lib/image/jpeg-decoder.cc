@@ -1,12 +1,15 @@
 // JPEG decoding with libjpeg(-turbo): DCT scaling on load, scanlines streamed
 // through colour conversion into the area reducer, EXIF orientation last.
+#include <atomic>
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <jpeglib.h>
@@ -289,9 +292,98 @@ ScaledPictureCache& TheScaledPictureCache() {
   return *cache;
 }
 
+// A fresh decode of one request, as a new decoder gives it (defined below).
+void DecodeFresh(ByteSource* source, uint32_t cx, Status* status, Bitmap* out);
+
+// A later request of the run decoded ahead on another thread. The tool asks
+// for one file at several sizes in a row, and the largest needs a decode at a
+// larger DCT scale than the others, which costs as much as they do together:
+// started with the first request, it runs on the second core while the
+// calling thread serves the smaller ones. Its result is exactly a fresh
+// decode's (a new decoder on the same open file), handed to the request for
+// the same content and cx.
+class DecodesAhead {
+ public:
+  // Starts decoding `cx` from `source` unless a decode ahead was already
+  // started for this content.
+  void Start(const std::string& key, uint32_t cx, std::unique_ptr<ByteSource> source) {
+    std::unique_ptr<Ahead> previous;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (key == started_key_) return;
+      started_key_ = key;
+      previous = std::move(ahead_);
+      std::unique_ptr<Ahead> ahead(new (std::nothrow) Ahead);
+      if (ahead) {
+        ahead->key = key;
+        ahead->cx = cx;
+        try {
+          Ahead* raw = ahead.get();
+          ahead->thread = std::thread([raw, source = std::move(source)] {
+            DecodeFresh(source.get(), raw->cx, &raw->status, &raw->bitmap);
+            raw->done = true;
+          });
+          ahead_ = std::move(ahead);
+        } catch (const std::exception&) {
+          // No thread to be had: the request decodes when it comes.
+        }
+      }
+    }
+    // Another file's decode that nobody asked for.
+    if (previous) previous->thread.join();
+  }
+
+  // Whether `cx` of `key` was started ahead; if so, waits for it and hands
+  // over its result.
+  bool Take(const std::string& key, uint32_t cx, Status* status, Bitmap* out) {
+    std::unique_ptr<Ahead> taken;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!ahead_ || ahead_->key != key || ahead_->cx != cx) return false;
+      taken = std::move(ahead_);
+    }
+    taken->thread.join();
+    *status = taken->status;
+    if (status->ok()) *out = std::move(taken->bitmap);
+    return true;
+  }
+
+  bool Running() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return ahead_ && !ahead_->done;
+  }
+
+ private:
+  struct Ahead {
+    std::string key;
+    uint32_t cx = 0;
+    std::thread thread;
+    std::atomic<bool> done{false};
+    Status status;
+    Bitmap bitmap;
+  };
+
+  std::mutex mutex_;
+  std::string started_key_;
+  std::unique_ptr<Ahead> ahead_;
+};
+
+DecodesAhead& TheDecodesAhead() {
+  static DecodesAhead* ahead = new DecodesAhead();
+  return *ahead;
+}
+
 class JpegDecoder : public ImageDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (!content_key_.empty()) {
+      Status ahead_status;
+      if (TheDecodesAhead().Take(content_key_, cx, &ahead_status, out)) {
+        // The largest request of the run: no later one needs a kept picture.
+        TheScaledPictureCache().Keep(nullptr);
+        return ahead_status;
+      }
+    }
     std::unique_ptr<JpegReader> reader(new (std::nothrow) JpegReader(source));
     if (!reader) return Status::Internal("out of memory");
     if (!reader->Create()) return Status::Internal("cannot create a JPEG decompressor");
@@ -323,6 +415,7 @@ class JpegDecoder : public ImageDecoder {
     cinfo->scale_num = 1;
     cinfo->scale_denom = static_cast<unsigned>(
         JpegScaleDenominator(cinfo->image_width, cinfo->image_height, cx));
+    DecodeAheadIfWorthIt(source, cinfo, cx);
     // The area reduction that follows hides the difference.
     if (cinfo->scale_denom > 1) cinfo->do_fancy_upsampling = FALSE;
     if (!reader->CalcOutputDimensions()) return Status::InvalidArgument("bad JPEG parameters");
@@ -342,7 +435,7 @@ class JpegDecoder : public ImageDecoder {
     std::shared_ptr<const ScaledPicture> cached;
     if (cacheable) {
       cached = TheScaledPictureCache().Find(content_key_, cinfo->scale_denom);
-    } else {
+    } else if (!content_key_.empty()) {
       // A large decode follows: let a kept picture go rather than add to its peak.
       TheScaledPictureCache().Keep(nullptr);
     }
@@ -403,8 +496,27 @@ class JpegDecoder : public ImageDecoder {
   }
 
   void SetContentKey(const std::string& key) override { content_key_ = key; }
+  void SetAnticipatedRequests(std::vector<uint32_t> cx_values) override { anticipated_ = std::move(cx_values); }
 
  private:
+  // Starts the largest anticipated request that needs another DCT scale than
+  // this one on another thread. Not for multi-scan files, whose every decode
+  // holds all coefficients of the image: two at once would double the peak.
+  void DecodeAheadIfWorthIt(ByteSource* source, jpeg_decompress_struct* cinfo, uint32_t cx) {
+    if (content_key_.empty() || jpeg_has_multiple_scans(cinfo)) return;
+    uint32_t ahead = 0;
+    for (uint32_t other : anticipated_) {
+      if (other > cx && other > ahead &&
+          JpegScaleDenominator(cinfo->image_width, cinfo->image_height, other) !=
+              static_cast<int>(cinfo->scale_denom)) {
+        ahead = other;
+      }
+    }
+    if (ahead == 0) return;
+    std::unique_ptr<ByteSource> copy = source->Duplicate();
+    if (copy) TheDecodesAhead().Start(content_key_, ahead, std::move(copy));
+  }
+
   static Status FinishDecode(Bitmap bitmap, jpeg_decompress_struct* cinfo, Bitmap* out) {
     Status status = ApplyExifOrientation(OrientationFromMarkers(cinfo), &bitmap);
     if (!status.ok()) return status;
@@ -413,9 +525,21 @@ class JpegDecoder : public ImageDecoder {
   }
 
   std::string content_key_;
+  std::vector<uint32_t> anticipated_;
 };
 
+void DecodeFresh(ByteSource* source, uint32_t cx, Status* status, Bitmap* out) {
+  try {
+    JpegDecoder decoder;
+    *status = decoder.Decode(source, cx, out);
+  } catch (const std::exception&) {
+    *status = Status::Internal("out of memory decoding ahead");
+  }
+}
+
 }  // namespace
+
+bool HasDecodesAhead() { return TheDecodesAhead().Running(); }
 
 int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
   const uint64_t longer = width > height ? width : height;

@@ -200,6 +200,8 @@ class ShellThumbnailProvider : public ThumbnailProvider {
 
 }  // namespace
 
+bool HasProviderWorkRunning() { return false; }
+
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
   return std::make_unique<ShellThumbnailProvider>();
 }
