@@ -164,7 +164,13 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
 
     // The area-average reduction is the halftone stretch; its mode and brush
     // origin are fixed, so there is nothing to set and nothing that can fail.
-    status = image::AreaResample(source, target_width, target_height, &target);
+    // A picture already at the target size (one never enlarged) is taken
+    // as it is rather than copied.
+    if (target_width == source.width() && target_height == source.height()) {
+      target = std::move(source);
+    } else {
+      status = image::AreaResample(source, target_width, target_height, &target);
+    }
     if (!status.ok()) {
       LOG_ERROR_AT(144, kComponent, "StretchBlt for '%s' failed, ec: %d", utf8_path.c_str(),
                    ErrorNumber(status));
