@@ -144,6 +144,8 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
   }
   raw->probesize = 5 << 20;
   raw->max_analyze_duration = 5 * AV_TIME_BASE;
+  // Frame rates are never used: no frames are read only to estimate one.
+  raw->fps_probe_size = 0;
   // Probing decodes a frame of each stream; frame threads would cost more to
   // start than that one frame.
   std::vector<AVDictionary*> stream_options(raw->nb_streams, nullptr);
