@@ -1,4 +1,4 @@
-// The common back end of the streaming decoders (TIFF, GIF, BMP): takes
+// The common back end of the streaming decoders (TIFF, PNG, GIF, BMP): takes
 // source rows top to bottom, flattens them over white and reduces them to
 // the thumbnail size on the fly, then makes the result upright. Internal to
 // lib/image.
