@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "lib/image/bitmap.h"
 #include "lib/image/byte-source.h"
@@ -46,6 +47,12 @@ class ImageDecoder {
   // Equal keys must mean equal bytes; empty (the default) disables the cache.
   // Results are byte for byte those of an uncached decode.
   virtual void SetContentKey(const std::string& /*key*/) {}
+  // The cx values of every request the caller expects to make for this
+  // content. A decoder that has to read the whole image for one of them may
+  // reduce it to the others on the way and keep those results (under the
+  // content key, so never without one) for their own requests, which then
+  // read nothing. The default ignores them.
+  virtual void SetAnticipatedRequests(std::vector<uint32_t> /*cx_values*/) {}
 };
 
 // The decoder for a format, or nullptr when none is built in.
