@@ -1,6 +1,8 @@
 // PNG decoding with libspng: rows are decoded to RGBA8 one at a time and
 // streamed, flattened over white, into the reducing sink, so memory follows
 // the output size. Interlaced (Adam7) images need the whole picture first.
+// Every size asks for the same rows, so one decode serves all the sizes the
+// run anticipates.
 #include <cstring>
 #include <new>
 #include <vector>
@@ -55,9 +57,10 @@ void PushRow(const ColorTransform& transform, uint8_t* pixels, size_t count, Red
   sink->PushStraightRow(pixels);
 }
 
-class PngDecoder : public ImageDecoder {
+class PngDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (TakeKept(cx, out)) return Status::OK();
     SpngPtr ctx(spng_ctx_new(0));
     if (!ctx) return Status::Internal("cannot create a PNG decoder");
     StreamState state{source, 0};
@@ -96,8 +99,9 @@ class PngDecoder : public ImageDecoder {
 
     const size_t row_bytes = static_cast<size_t>(width) * 4;
     if (ihdr.interlace_method != SPNG_INTERLACE_NONE) {
-      status = DecodeInterlaced(ctx.get(), width, height, transform, &sink);
+      status = DecodeInterlaced(ctx.get(), width, height, transform, AnticipatedRequests(), &sink);
     } else {
+      sink.FanOut(AnticipatedRequests(), row_bytes);
       status = DecodeRows(ctx.get(), row_bytes, height, transform, &sink);
     }
     if (!status.ok()) return status;
@@ -130,14 +134,15 @@ class PngDecoder : public ImageDecoder {
     return Status::OK();
   }
 
-  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height,
-                                 const ColorTransform& transform, ReducingSink* sink) {
+  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height, const ColorTransform& transform,
+                                 const FanOutRequest& fan_out, ReducingSink* sink) {
     size_t size = 0;
     int error = spng_decoded_image_size(ctx, SPNG_FMT_RGBA8, &size);
     if (error != 0) return SpngError("PNG size", error);
     if (size > kMaxDecodeBytes) return ImageTooLargeError(width, height);
     std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[size]);
     if (!pixels) return Status::Internal("out of memory for an interlaced PNG");
+    sink->FanOut(fan_out, size);
     error = spng_decode_image(ctx, pixels.get(), size, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS);
     if (error != 0) return SpngError("PNG decode", error);
     const size_t row_bytes = static_cast<size_t>(width) * 4;
