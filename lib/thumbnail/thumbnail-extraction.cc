@@ -140,7 +140,7 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
     return false;
   }
 
-  const uint32_t cx = 3u * SizeAt(sizes, 0);
+  const uint32_t cx = ProviderRequestEdge(SizeAt(sizes, 0));
   const int32_t got = provider->GetThumbnail(cx, &source);
   if (got < 0) {
     LOG_ERROR_AT(95, kComponent, "Failed to GetThumbnail '%s' '%d', 3 * size = '%d'", utf8_path.c_str(),

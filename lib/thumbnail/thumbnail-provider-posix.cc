@@ -2,8 +2,9 @@
 //
 //   CreateItem     the path names a regular file we can open (never blocks:
 //                  FIFOs and devices are refused at once)
-//   BindToHandler  sniffs the first bytes and picks a decoder; content that
-//                  is no image format goes to the video path when a demuxer
+//   BindToHandler  sniffs the first bytes and picks a decoder, telling it
+//                  every request a run makes of a file; content that is no
+//                  image format goes to the video path when a demuxer
 //                  recognises it as a video (or a file with cover art)
 //   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
 #include <errno.h>
@@ -15,11 +16,13 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "lib/image/byte-source.h"
 #include "lib/image/image-decoder.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/thumbnail/thumbnail-size.h"
 #include "lib/thumbnail/video-thumbnail.h"
 #include "lib/utility/text-conversion.h"
 
@@ -82,6 +85,15 @@ std::string ContentKey(const std::string& path, const struct stat& before) {
   return path + identity;
 }
 
+// The cx of every request the tool makes of one file, one size after the
+// other, so that a decoder reading the whole image for the first can reduce
+// it to the others on the way.
+std::vector<uint32_t> RunRequests() {
+  std::vector<uint32_t> cx_values;
+  for (ThumbnailSize size : AllSizes()) cx_values.push_back(ProviderRequestEdge(PixelSize(size)));
+  return cx_values;
+}
+
 class PosixThumbnailProvider : public ThumbnailProvider {
  public:
   int32_t CreateItem(const std::u16string& path) override {
@@ -110,6 +122,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     decoder_ = image::CreateImageDecoder(format);
     if (decoder_) {
       decoder_->SetContentKey(content_key_);
+      decoder_->SetAnticipatedRequests(RunRequests());
       return 0;
     }
     if (format == image::ImageFormat::kUnknown && IsVideoContent(path_)) {
