@@ -7,6 +7,7 @@
 #include "lib/image/decoders.h"
 #include "lib/image/testing/bitmap-probe.h"
 #include "lib/image/testing/image-fixtures.h"
+#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
 namespace image {
@@ -251,6 +252,17 @@ TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
   ASSERT_TRUE(Decode(Encode(wrapped), 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 20);
   ExpectColor(MeanColor(bitmap), 0, 0, 255, "embedded PNG");
+}
+
+// One decode serves every size the run anticipates, as its own decode would:
+// bottom-up rows are flipped in each.
+TEST(BmpDecoderTest, OneDecodeServesTheOtherSizes) {
+  const testing::DecoderFactory bmp = [] { return CreateBmpDecoder(); };
+  BmpLayout layout;
+  layout.width = 130;
+  layout.height = 70;
+  FillPixels(&layout, [](int x, int y) { return static_cast<uint32_t>(x * 0x010203 + y * 0x030507); });
+  EXPECT_EQ(testing::ServedAhead(bmp, Encode(layout), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
 }
 
 TEST(BmpDecoderTest, HostileInputFailsCleanly) {

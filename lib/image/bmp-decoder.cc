@@ -282,9 +282,10 @@ Status ReadHeader(ByteSource* source, Header* h) {
   return Status::OK();
 }
 
-class BmpDecoder : public ImageDecoder {
+class BmpDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (TakeKept(cx, out)) return Status::OK();
     Header h;
     Status status = ReadHeader(source, &h);
     if (!status.ok()) return status;
@@ -297,6 +298,8 @@ class BmpDecoder : public ImageDecoder {
     const uint64_t stride = (static_cast<uint64_t>(h.width) * h.bits + 31) / 32 * 4;
     const uint64_t row_bytes = static_cast<uint64_t>(h.width) * 4;
     if (!WithinDecodeBudget(stride + row_bytes)) return Status::InvalidArgument("BMP rows too large");
+    // Every size reads the same rows (embedded streams aside, above).
+    sink.FanOut(AnticipatedRequests(), stride + row_bytes);
 
     ColorTransform transform;
     if (!h.icc.empty()) transform = ColorTransform::FromIcc(h.icc.data(), h.icc.size(), PixelLayout::kBgra8);

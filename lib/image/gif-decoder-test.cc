@@ -6,6 +6,7 @@
 #include "gtest/gtest.h"
 #include "lib/image/decoders.h"
 #include "lib/image/testing/bitmap-probe.h"
+#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
 namespace image {
@@ -108,6 +109,17 @@ TEST(GifDecoderTest, InterlacedAndTransparent) {
   ASSERT_TRUE(Decode(EncodeGif(16, 16, {f}), 16, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 16, 8), 0, 255, 0);
   ExpectColor(MeanColor(bitmap, 0, 8, 16, 16), 255, 255, 255);
+}
+
+// One decode serves every size the run anticipates, as its own decode would.
+TEST(GifDecoderTest, OneDecodeServesTheOtherSizes) {
+  const testing::DecoderFactory gif = [] { return CreateGifDecoder(); };
+  Frame f = SolidFrame(7, 5, 90, 61, 1);
+  for (size_t i = 0; i < f.indices.size(); ++i) f.indices[i] = static_cast<uint8_t>(i * 7 / 5 % 4);
+  f.interlaced = true;
+  f.transparent = 0;
+  EXPECT_EQ(testing::ServedAhead(gif, EncodeGif(120, 80, {f}), {30, 50, 100, 400}),
+            (std::vector<uint32_t>{50, 100, 400}));
 }
 
 TEST(GifDecoderTest, HostileInputFailsCleanly) {

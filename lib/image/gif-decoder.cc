@@ -54,9 +54,10 @@ bool ReadExtension(GifFileType* gif, int* transparent) {
   return true;
 }
 
-class GifDecoder : public ImageDecoder {
+class GifDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (TakeKept(cx, out)) return Status::OK();
     Reader reader{source, 0};
     int error = 0;
     GifPtr gif(DGifOpen(&reader, ReadFunc, &error));
@@ -72,7 +73,7 @@ class GifDecoder : public ImageDecoder {
         if (!ReadExtension(gif.get(), &transparent)) return Status::InvalidArgument("broken GIF extension");
       } else if (type == IMAGE_DESC_RECORD_TYPE) {
         if (DGifGetImageDesc(gif.get()) == GIF_ERROR) return Status::InvalidArgument("broken GIF image");
-        return DecodeFirstImage(gif.get(), transparent, cx, out);
+        return DecodeFirstImage(gif.get(), transparent, cx, AnticipatedRequests(), out);
       } else {
         return Status::InvalidArgument("GIF without an image");
       }
@@ -80,7 +81,9 @@ class GifDecoder : public ImageDecoder {
   }
 
  private:
-  static Status DecodeFirstImage(GifFileType* gif, int transparent, uint32_t cx, Bitmap* out) {
+  // Every size reads the same rows: the sink fans them out to all.
+  static Status DecodeFirstImage(GifFileType* gif, int transparent, uint32_t cx, const FanOutRequest& fan_out,
+                                 Bitmap* out) {
     const GifImageDesc& desc = gif->Image;
     if (desc.Width <= 0 || desc.Height <= 0) return Status::InvalidArgument("empty GIF image");
     // A screen of zero size (some encoders) takes the image's own size.
@@ -119,9 +122,9 @@ class GifDecoder : public ImageDecoder {
     // frame far larger than its screen costs no more than the screen.
     const int held_rows = desc.Interlace ? std::max(0, y1 - y0) : 0;
     const uint64_t index_plane = uint64_t(desc.Width) * uint64_t(held_rows);
-    if (!WithinDecodeBudget(index_plane + uint64_t(screen_width) * 4 + uint64_t(desc.Width))) {
-      return Status::InvalidArgument("GIF image too large to decode");
-    }
+    const uint64_t planned = index_plane + uint64_t(screen_width) * 4 + uint64_t(desc.Width);
+    if (!WithinDecodeBudget(planned)) return Status::InvalidArgument("GIF image too large to decode");
+    sink.FanOut(fan_out, planned);
     std::vector<uint8_t> canvas_row(static_cast<size_t>(screen_width) * 4);
     std::vector<GifPixelType> indices(static_cast<size_t>(index_plane));
     std::vector<GifPixelType> line(static_cast<size_t>(desc.Width));

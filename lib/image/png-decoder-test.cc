@@ -5,6 +5,7 @@
 #include "lib/image/image-decoder.h"
 #include "lib/image/testing/bitmap-probe.h"
 #include "lib/image/testing/image-fixtures.h"
+#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
 namespace image {
@@ -153,6 +154,38 @@ TEST(PngDecoderTest, TruncatedAndCorruptStreams) {
   ASSERT_TRUE(status.ok()) << status.ToString();
   EXPECT_EQ(bitmap.width(), 64);
   EXPECT_GT(MeanColor(bitmap, 0, 0, 64, 6).r, 200);
+}
+
+// One decode serves every size the run anticipates, each byte for byte as
+// its own decode would make it.
+TEST(PngDecoderTest, OneDecodeServesTheOtherSizes) {
+  using Sizes = std::vector<uint32_t>;
+  const testing::DecoderFactory png = [] { return CreatePngDecoder(); };
+  // Translucent noise under a profile, smaller than the two largest sizes.
+  PngImage image;
+  image.width = 300;
+  image.height = 200;
+  image.icc = testing::DisplayP3Profile();
+  image.idat_size = 4096;
+  uint32_t seed = 7;
+  for (uint32_t i = 0; i < image.width * image.height * 4; ++i) {
+    seed = seed * 1664525u + 1013904223u;
+    image.samples.push_back(static_cast<uint8_t>(seed >> 24));
+  }
+  EXPECT_EQ(testing::ServedAhead(png, EncodePng(image), {60, 120, 320, 900}), (Sizes{120, 320, 900}));
+  image.interlaced = true;
+  EXPECT_EQ(testing::ServedAhead(png, EncodePng(image), {250, 90, 400}), (Sizes{90, 400}));
+
+  // Cut short: every size shows the same grey below the rows that arrived.
+  // Cut in the header, no size is served.
+  image.interlaced = false;
+  std::string cut = EncodePng(image);
+  cut.resize(cut.size() / 2);
+  Bitmap bitmap;
+  ASSERT_TRUE(DecodeBytes(cut, 300, &bitmap).ok());
+  EXPECT_EQ(bitmap.row(199)[0], 128);
+  EXPECT_EQ(testing::ServedAhead(png, cut, {60, 120, 300}), (Sizes{120, 300}));
+  EXPECT_EQ(testing::ServedAhead(png, cut.substr(0, 40), {60, 120, 300}), Sizes{});
 }
 
 }  // namespace

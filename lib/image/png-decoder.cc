@@ -1,18 +1,19 @@
 // PNG decoding with libspng: rows are decoded to RGBA8 one at a time and
-// streamed, flattened over white, into the area reducer, so memory follows
+// streamed, flattened over white, into the reducing sink, so memory follows
 // the output size. Interlaced (Adam7) images need the whole picture first.
+// Every size asks for the same rows, so one decode serves all the sizes the
+// run anticipates.
 #include <cstring>
 #include <new>
 #include <vector>
 
 #include <spng.h>
 
-#include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/decoders.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
-#include "lib/image/transform.h"
+#include "lib/image/reducing-sink.h"
 
 namespace tessera {
 namespace image {
@@ -49,16 +50,17 @@ Status SpngError(const char* what, int error) {
   return Status::InvalidArgument(std::string(what) + ": " + spng_strerror(error));
 }
 
-// RGBA as decoded -> the provider's BGRA, sRGB, opaque over white.
-void ConvertRow(const ColorTransform& transform, uint8_t* pixels, size_t count) {
+// RGBA as decoded -> BGRA, sRGB, pushed to the sink (which flattens it).
+void PushRow(const ColorTransform& transform, uint8_t* pixels, size_t count, ReducingSink* sink) {
   for (size_t i = 0; i < count; ++i) std::swap(pixels[4 * i], pixels[4 * i + 2]);
   if (!transform.is_identity()) transform.Apply(pixels, pixels, count);
-  FlattenOverWhite(pixels, count);
+  sink->PushStraightRow(pixels);
 }
 
-class PngDecoder : public ImageDecoder {
+class PngDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (TakeKept(cx, out)) return Status::OK();
     SpngPtr ctx(spng_ctx_new(0));
     if (!ctx) return Status::Internal("cannot create a PNG decoder");
     StreamState state{source, 0};
@@ -91,33 +93,24 @@ class PngDecoder : public ImageDecoder {
       orientation = ExifOrientation(reinterpret_cast<const uint8_t*>(exif.data), exif.length);
     }
 
-    int dst_width = 0, dst_height = 0;
-    FitWithin(width, height, cx, &dst_width, &dst_height);
-    if (dst_width <= 0 || dst_height <= 0) return Status::InvalidArgument("empty thumbnail size");
-    AreaReducer reducer;
-    Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
+    ReducingSink sink;
+    Status status = sink.Init(ihdr.width, ihdr.height, cx);
     if (!status.ok()) return status;
 
     const size_t row_bytes = static_cast<size_t>(width) * 4;
     if (ihdr.interlace_method != SPNG_INTERLACE_NONE) {
-      status = DecodeInterlaced(ctx.get(), width, height, transform, &reducer);
+      status = DecodeInterlaced(ctx.get(), width, height, transform, AnticipatedRequests(), &sink);
     } else {
-      status = DecodeRows(ctx.get(), row_bytes, height, transform, &reducer);
+      sink.FanOut(AnticipatedRequests(), row_bytes);
+      status = DecodeRows(ctx.get(), row_bytes, height, transform, &sink);
     }
     if (!status.ok()) return status;
-
-    Bitmap bitmap;
-    status = reducer.Finish(&bitmap);
-    if (!status.ok()) return status;
-    status = ApplyExifOrientation(orientation, &bitmap);
-    if (!status.ok()) return status;
-    *out = std::move(bitmap);
-    return Status::OK();
+    return sink.Finish(orientation, out);
   }
 
  private:
   static Status DecodeRows(spng_ctx* ctx, size_t row_bytes, int height,
-                           const ColorTransform& transform, AreaReducer* reducer) {
+                           const ColorTransform& transform, ReducingSink* sink) {
     std::vector<uint8_t> row;
     try {
       row.resize(row_bytes);
@@ -131,32 +124,31 @@ class PngDecoder : public ImageDecoder {
       error = spng_decode_row(ctx, row.data(), row.size());
       if (error != 0 && error != SPNG_EOI) {
         // A truncated or damaged stream keeps what came before it; the
-        // reducer fills the rest with grey.
+        // sink fills the rest with grey.
         if (y > 0) return Status::OK();
         return SpngError("PNG data", error);
       }
-      ConvertRow(transform, row.data(), row_bytes / 4);
-      reducer->PushRow(row.data());
+      PushRow(transform, row.data(), row_bytes / 4, sink);
       if (error == SPNG_EOI) break;
     }
     return Status::OK();
   }
 
-  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height,
-                                 const ColorTransform& transform, AreaReducer* reducer) {
+  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height, const ColorTransform& transform,
+                                 const FanOutRequest& fan_out, ReducingSink* sink) {
     size_t size = 0;
     int error = spng_decoded_image_size(ctx, SPNG_FMT_RGBA8, &size);
     if (error != 0) return SpngError("PNG size", error);
     if (size > kMaxDecodeBytes) return ImageTooLargeError(width, height);
     std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[size]);
     if (!pixels) return Status::Internal("out of memory for an interlaced PNG");
+    sink->FanOut(fan_out, size);
     error = spng_decode_image(ctx, pixels.get(), size, SPNG_FMT_RGBA8, SPNG_DECODE_TRNS);
     if (error != 0) return SpngError("PNG decode", error);
     const size_t row_bytes = static_cast<size_t>(width) * 4;
     for (int y = 0; y < height; ++y) {
       uint8_t* row = pixels.get() + row_bytes * static_cast<size_t>(y);
-      ConvertRow(transform, row, static_cast<size_t>(width));
-      reducer->PushRow(row);
+      PushRow(transform, row, static_cast<size_t>(width), sink);
     }
     return Status::OK();
   }

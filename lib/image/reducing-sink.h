@@ -1,19 +1,36 @@
-// The common back end of the streaming decoders (TIFF, GIF, BMP): takes
+// The common back end of the streaming decoders (TIFF, PNG, GIF, BMP): takes
 // source rows top to bottom, flattens them over white and reduces them to
-// the thumbnail size on the fly, then makes the result upright. Internal to
-// lib/image.
+// the thumbnail size on the fly, then makes the result upright. The same
+// rows can feed reductions to the other sizes a run will ask for, which are
+// then kept in the reduction cache. Internal to lib/image.
 #ifndef TESSERA_LIB_IMAGE_REDUCING_SINK_H_
 #define TESSERA_LIB_IMAGE_REDUCING_SINK_H_
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "lib/image/area-resample.h"
 #include "lib/image/bitmap.h"
+#include "lib/image/image-decoder.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
 namespace image {
+
+// The sizes besides the one being decoded whose results a decode may make
+// on the side, and the content key they are kept under. Only sizes whose
+// own decode would read exactly the same rows (the same page, colour
+// handling and orientation) belong here.
+struct FanOutRequest {
+  std::string key;
+  std::vector<uint32_t> cx_values;
+};
+
+// All output bitmaps of one fanned-out decode together stay within this.
+constexpr uint64_t kMaxFanOutBytes = uint64_t{96} << 20;
 
 class ReducingSink {
  public:
@@ -21,6 +38,14 @@ class ReducingSink {
   // whose longer side is at most cx (never enlarged). Refuses sizes over the
   // limits with ImageTooLargeError before allocating. Not thread-safe.
   Status Init(uint64_t width, uint64_t height, uint32_t cx);
+
+  // Reduces the same rows to the request's sizes as well (except Init's cx
+  // and those already kept under the key), smallest first, as long as all
+  // outputs together stay within kMaxFanOutBytes and, with `planned_bytes`
+  // (what the decoder allocates itself), within kMaxDecodeBytes. Finish
+  // keeps their results in the reduction cache. Does nothing for an empty
+  // key. Call after Init, before the first row.
+  void FanOut(const FanOutRequest& request, uint64_t planned_bytes);
 
   int width() const { return width_; }
   int height() const { return height_; }
@@ -32,13 +57,47 @@ class ReducingSink {
   void PushPremultipliedRow(uint8_t* bgra);
 
   // Hands over the reduced bitmap turned upright by the EXIF orientation
-  // (1 when none). On failure *out is untouched.
+  // (1 when none), and keeps the fanned-out results, turned alike. Rows
+  // never pushed show as mid grey in every one of them. On failure *out is
+  // untouched and nothing is kept.
   Status Finish(int orientation, Bitmap* out);
 
  private:
+  struct Extra {
+    uint32_t cx = 0;
+    AreaReducer reducer;
+  };
+
+  void PushFlattenedRow(const uint8_t* bgra);
+
   int width_ = 0;
   int height_ = 0;
+  uint32_t cx_ = 0;
+  uint64_t output_bytes_ = 0;
   AreaReducer reducer_;
+  std::string key_;
+  std::vector<Extra> extras_;
+};
+
+// Serves ImageDecoder's content key and anticipated requests for the
+// decoders that reduce through a ReducingSink.
+class ReducingDecoder : public ImageDecoder {
+ public:
+  void SetContentKey(const std::string& key) override { key_ = key; }
+  void SetAnticipatedRequests(std::vector<uint32_t> cx_values) override { anticipated_ = std::move(cx_values); }
+
+ protected:
+  // Moves the result an earlier decode of the same content made for cx into
+  // *out; false when there is none. Called first thing in Decode, so a
+  // request served so reads nothing.
+  bool TakeKept(uint32_t cx, Bitmap* out) const;
+
+  // Every anticipated size, under this decoder's content key.
+  FanOutRequest AnticipatedRequests() const { return FanOutRequest{key_, anticipated_}; }
+
+ private:
+  std::string key_;
+  std::vector<uint32_t> anticipated_;
 };
 
 // A budget check for buffers a decoder is about to allocate: true when the

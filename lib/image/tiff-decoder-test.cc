@@ -15,6 +15,7 @@
 #include "lib/image/decoders.h"
 #include "lib/image/image-decoder.h"
 #include "lib/image/testing/bitmap-probe.h"
+#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
 namespace image {
@@ -22,6 +23,8 @@ namespace {
 
 using testing::MeanColor;
 using testing::Rgb;
+using testing::ServedAhead;
+using Sizes = std::vector<uint32_t>;
 
 struct Page {
   int width = 0;
@@ -34,6 +37,7 @@ struct Page {
   bool reduced = false;  // a reduced-resolution copy of the page before
   int orientation = 0;   // 0: no tag
   int rows_per_strip = 7;  // 0: the whole image in one strip
+  int compression = COMPRESSION_LZW;  // JPEG takes RGB rows and stores YCbCr
   std::function<int(int x, int y, int s)> pixel;
   std::vector<uint16_t> colormap;  // 3 * 2^bits entries for palette images
   std::string icc;                 // embedded when not empty
@@ -73,7 +77,8 @@ std::string WriteTiff(const std::vector<Page>& pages) {
     TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, page.bits);
     TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, page.photometric);
     TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+    TIFFSetField(tif, TIFFTAG_COMPRESSION, page.compression);
+    if (page.compression == COMPRESSION_JPEG) TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
     if (page.reduced) TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
     if (page.orientation) TIFFSetField(tif, TIFFTAG_ORIENTATION, page.orientation);
     if (page.samples == 4 && page.photometric == PHOTOMETRIC_RGB) {
@@ -358,6 +363,62 @@ TEST(TiffDecoderTest, FirstPageAndLargeEnoughReducedCopy) {
   ASSERT_TRUE(Decode(tiff, 300, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 300);
   ExpectColor(MeanColor(bitmap), 255, 0, 0);  // too small: page one itself
+}
+
+// One decode serves the run's other sizes that read the same image, each
+// byte for byte as its own decode would make it.
+TEST(TiffDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
+  const testing::DecoderFactory tiff = [] { return CreateTiffDecoder(); };
+  // Turned by its orientation, and smaller than the two largest sizes.
+  Page strips;
+  strips.width = 300;
+  strips.height = 200;
+  strips.orientation = ORIENTATION_LEFTBOT;
+  strips.pixel = [](int x, int y, int s) { return (x * (s + 3) + y * 7) & 255; };
+  EXPECT_EQ(ServedAhead(tiff, WriteTiff({strips}), {60, 120, 320, 900}), (Sizes{120, 320, 900}));
+
+  // Tiles with alpha, turned the other way.
+  Page tiles = strips;
+  tiles.tiled = true;
+  tiles.samples = 4;
+  tiles.bits = 16;
+  tiles.orientation = ORIENTATION_BOTRIGHT;
+  tiles.pixel = [](int x, int y, int s) { return s == 3 ? (x * 331) & 65535 : (x * 97 + y * (s + 1) * 53) & 65535; };
+  EXPECT_EQ(ServedAhead(tiff, WriteTiff({tiles}), {250, 90, 400}), (Sizes{90, 400}));
+
+  // JPEG-compressed YCbCr, through libtiff's RGBA interface.
+  Page jpeg = strips;
+  jpeg.compression = COMPRESSION_JPEG;
+  jpeg.photometric = PHOTOMETRIC_YCBCR;
+  jpeg.rows_per_strip = 16;
+  EXPECT_EQ(ServedAhead(tiff, WriteTiff({jpeg}), {120, 60, 1280}), (Sizes{60, 1280}));
+
+  // A damaged strip: every size shows the same grey below it.
+  std::string damaged = WriteTiff({strips});
+  damaged.replace(damaged.size() / 2, 64, 64, '\xFF');
+  Bitmap bitmap;
+  ASSERT_TRUE(Decode(damaged, 300, &bitmap).ok());
+  int grey = 0;
+  for (int y = 0; y < bitmap.height(); ++y) {
+    for (int x = 0; x < bitmap.width(); ++x) grey += bitmap.row(y)[x * 4] == 128 && bitmap.row(y)[x * 4 + 1] == 128;
+  }
+  EXPECT_GT(grey, 300 * 200 / 4);
+  EXPECT_EQ(ServedAhead(tiff, damaged, {60, 120, 300}), (Sizes{120, 300}));
+
+  // A reduced copy serves the sizes it is large enough for; the page
+  // itself the others.
+  Page main;
+  main.width = 400;
+  main.height = 200;
+  main.pixel = Solid({255, 0, 0});
+  Page reduced = main;
+  reduced.width = 100;
+  reduced.height = 50;
+  reduced.reduced = true;
+  reduced.pixel = Solid({0, 255, 0});
+  const std::string pyramid = WriteTiff({main, reduced});
+  EXPECT_EQ(ServedAhead(tiff, pyramid, {80, 90, 120, 300}), (Sizes{90}));
+  EXPECT_EQ(ServedAhead(tiff, pyramid, {300, 90, 120, 80}), (Sizes{120}));
 }
 
 TEST(TiffDecoderTest, HostileInputFailsCleanly) {

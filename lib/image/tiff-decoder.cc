@@ -8,7 +8,8 @@
 // compression, planar-separate, LogLuv, Lab) goes through the RGBA
 // interface a slice of whole strips or one row of tiles at a time. Either
 // way rows are reduced on the fly, so memory is bounded by the raw data of
-// one strip or tile row plus the output.
+// one strip or tile row plus the output. The rows of one decode also serve
+// the run's other sizes that pick the same image (ReducingSink::FanOut).
 #include <tiffio.h>
 
 #include <algorithm>
@@ -231,10 +232,15 @@ bool PreferSamplePath(TIFF* tif) {
 
 bool Readable(TIFF* tif) { return PreferSamplePath(tif) || RgbaReadable(tif); }
 
-// The first full-resolution page, or a reduced-resolution copy of it (a
-// following reduced IFD or a SubIFD) that is still at least cx on its longer
-// side, whichever is smallest.
-Status ChooseImage(TIFF* tif, uint32_t cx, Candidate* out) {
+// The images a request may be served from: the first full-resolution page
+// and the readable reduced-resolution copies of it (following reduced IFDs
+// and SubIFDs) with its aspect ratio, in file order.
+struct ImageChoices {
+  Candidate main;
+  std::vector<Candidate> reduced;
+};
+
+Status FindImages(TIFF* tif, ImageChoices* out) {
   Candidate main;
   bool found = false;
   std::vector<Candidate> reduced;
@@ -270,21 +276,32 @@ Status ChooseImage(TIFF* tif, uint32_t cx, Candidate* out) {
     }
   }
 
-  Candidate best = main;
+  ImageChoices choices;
+  choices.main = main;
   for (const Candidate& c : reduced) {
-    const uint32_t longer = std::max(c.width, c.height);
-    if (longer >= cx && longer < std::max(best.width, best.height) && SameAspect(c, main) &&
-        Select(tif, c) && Readable(tif)) {
-      best = c;
-    }
+    if (SameAspect(c, main) && Select(tif, c) && Readable(tif)) choices.reduced.push_back(c);
   }
-  if (!Select(tif, best)) return Status::InvalidArgument("TIFF directory lost");
-  *out = best;
+  *out = std::move(choices);
   return Status::OK();
 }
 
+// The image that serves cx: the smallest reduced copy still at least cx on
+// its longer side (the first of equals), else the full-resolution page.
+Candidate ChooseImage(const ImageChoices& choices, uint32_t cx) {
+  Candidate best = choices.main;
+  for (const Candidate& c : choices.reduced) {
+    const uint32_t longer = std::max(c.width, c.height);
+    if (longer >= cx && longer < std::max(best.width, best.height)) best = c;
+  }
+  return best;
+}
+
+bool SameImage(const Candidate& a, const Candidate& b) {
+  return a.directory == b.directory && a.sub_offset == b.sub_offset;
+}
+
 // Alpha of TIFFRGBAImage output: libtiff premultiplies unassociated alpha itself.
-Status DecodeRgba(TIFF* tif, uint32_t cx, Bitmap* out) {
+Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* out) {
   uint32_t width = 0;
   uint32_t height = 0;
   if (!ReadSize(tif, &width, &height)) return Status::InvalidArgument("TIFF without a size");
@@ -318,6 +335,7 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, Bitmap* out) {
   if (!WithinDecodeBudget(raster_bytes + unit_bytes)) {
     return Status::InvalidArgument("TIFF strips or tiles too large to decode");
   }
+  sink.FanOut(fan_out, raster_bytes + unit_bytes);
 
   uint16_t photometric = 0;
   TIFFGetFieldDefaulted(tif, TIFFTAG_PHOTOMETRIC, &photometric);
@@ -443,7 +461,8 @@ void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
 // The sample path: scanline by scanline for strips, one row of tiles at a
 // time for tiles. A read error after the first scanline or tile keeps what
 // was read.
-Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap* out) {
+Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const FanOutRequest& fan_out,
+                     Bitmap* out) {
   uint32_t width = 0;
   uint32_t height = 0;
   if (!ReadSize(tif, &width, &height)) return Status::InvalidArgument("TIFF without a size");
@@ -477,9 +496,9 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap*
   if (!TIFFIsTiled(tif)) {
     const uint64_t line_bytes = static_cast<uint64_t>(TIFFScanlineSize64(tif));
     if (line_bytes < (uint64_t{width} * pixel_bits + 7) / 8) return Status::InvalidArgument("TIFF scanline size");
-    if (!WithinDecodeBudget(line_bytes + row_samples + cmyk_bytes + uint64_t{width} * 4)) {
-      return Status::InvalidArgument("TIFF scanlines too large to decode");
-    }
+    const uint64_t planned = line_bytes + row_samples + cmyk_bytes + uint64_t{width} * 4;
+    if (!WithinDecodeBudget(planned)) return Status::InvalidArgument("TIFF scanlines too large to decode");
+    sink.FanOut(fan_out, planned);
     std::vector<uint8_t> line(static_cast<size_t>(line_bytes));
     samples.resize(static_cast<size_t>(row_samples));
     cmyk.resize(static_cast<size_t>(cmyk_bytes));
@@ -510,9 +529,9 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap*
     return Status::InvalidArgument("TIFF tile size");
   }
   const uint64_t band_bytes = uint64_t{width} * band_rows * 4;
-  if (!WithinDecodeBudget(tile_bytes + band_bytes + row_samples + cmyk_bytes)) {
-    return Status::InvalidArgument("TIFF tiles too large to decode");
-  }
+  const uint64_t planned = tile_bytes + band_bytes + row_samples + cmyk_bytes;
+  if (!WithinDecodeBudget(planned)) return Status::InvalidArgument("TIFF tiles too large to decode");
+  sink.FanOut(fan_out, planned);
   std::vector<uint8_t> tile(static_cast<size_t>(tile_bytes));
   samples.resize(static_cast<size_t>(uint64_t{std::min(tile_width, width)} * layout.samples));
   cmyk.resize(static_cast<size_t>(cmyk_bytes));
@@ -540,27 +559,42 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, Bitmap*
   return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
 }
 
-class TiffDecoder : public ImageDecoder {
+class TiffDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (TakeKept(cx, out)) return Status::OK();
     Client client{source, 0};
     TiffPtr tif;
     Status status = OpenTiff(&client, &tif);
     if (!status.ok()) return status;
-    if (LooksLikeCameraRaw(tif.get())) {
+    const bool camera_raw = LooksLikeCameraRaw(tif.get());
+    if (camera_raw) {
       status = DecodeCameraRaw(source, cx, true, out);
       if (status.ok() || IsImageTooLarge(status)) return status;
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
       if (!TIFFSetDirectory(tif.get(), 0)) return Status::InvalidArgument("TIFF directory lost");
     }
-    Candidate chosen;
-    status = ChooseImage(tif.get(), cx, &chosen);
+    ImageChoices choices;
+    status = FindImages(tif.get(), &choices);
     if (!status.ok()) return status;
+    const Candidate chosen = ChooseImage(choices, cx);
+    if (!Select(tif.get(), chosen)) return Status::InvalidArgument("TIFF directory lost");
+    // Every other size that picks the same image reads the same rows; not
+    // so after a failed RAW decode, which may succeed at another size.
+    FanOutRequest fan_out;
+    if (!camera_raw) {
+      fan_out = AnticipatedRequests();
+      fan_out.cx_values.erase(std::remove_if(fan_out.cx_values.begin(), fan_out.cx_values.end(),
+                                             [&](uint32_t other) {
+                                               return !SameImage(ChooseImage(choices, other), chosen);
+                                             }),
+                              fan_out.cx_values.end());
+    }
     SampleLayout layout;
     if (PreferSamplePath(tif.get()) && ParseSampleLayout(tif.get(), &layout)) {
-      return DecodeSamples(tif.get(), layout, cx, out);
+      return DecodeSamples(tif.get(), layout, cx, fan_out, out);
     }
-    return DecodeRgba(tif.get(), cx, out);
+    return DecodeRgba(tif.get(), cx, fan_out, out);
   }
 
  private:

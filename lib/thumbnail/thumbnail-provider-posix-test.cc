@@ -3,13 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
 #include "gtest/gtest.h"
+#include "lib/image/reduction-cache.h"
 #include "lib/image/testing/image-fixtures.h"
 #include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/thumbnail/thumbnail-size.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -85,6 +88,29 @@ TEST_F(PosixProviderTest, RewrittenFileIsDecodedAfresh) {
   EXPECT_EQ(bitmap.height(), 46);
   EXPECT_GT(bitmap.row(20)[0], 200);  // blue
   EXPECT_LT(bitmap.row(20)[2], 50);
+}
+
+// The tool asks a new provider for each size in turn. A PNG is read whole
+// for the first; that decode leaves the other sizes' results, which their
+// requests then take.
+TEST_F(PosixProviderTest, FirstSizeOfARunLeavesTheOthers) {
+  image::testing::PngImage png;
+  png.width = 1500;
+  png.height = 1000;
+  png.color_type = 2;
+  png.samples.assign(1500 * 1000 * 3, 90);
+  const std::u16string path = Write("picture.png", image::testing::EncodePng(png));
+  image::ReductionCache& kept = image::TheReductionCache();
+  for (ThumbnailSize size : AllSizes()) {
+    auto provider = CreatePlatformThumbnailProvider();
+    ASSERT_EQ(provider->CreateItem(path), 0);
+    ASSERT_EQ(provider->BindToHandler(), 0);
+    image::Bitmap bitmap;
+    const uint32_t cx = ProviderRequestEdge(PixelSize(size));
+    ASSERT_EQ(provider->GetThumbnail(cx, &bitmap), 0);
+    EXPECT_EQ(static_cast<uint32_t>(bitmap.width()), std::min<uint32_t>(cx, 1500));
+    EXPECT_EQ(kept.size(), AllSizes().size() - 1 - size);
+  }
 }
 
 TEST_F(PosixProviderTest, VideoContentGoesToTheVideoPath) {

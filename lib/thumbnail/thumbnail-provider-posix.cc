@@ -2,8 +2,9 @@
 //
 //   CreateItem     the path names a regular file we can open (never blocks:
 //                  FIFOs and devices are refused at once)
-//   BindToHandler  sniffs the first bytes and picks a decoder; content that
-//                  is no image format goes to the video path when a demuxer
+//   BindToHandler  sniffs the first bytes and picks a decoder, telling it
+//                  every request a run makes of a file; content that is no
+//                  image format goes to the video path when a demuxer
 //                  recognises it as a video (or a file with cover art)
 //   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
 #include <errno.h>
