@@ -2,13 +2,17 @@
 // status and the files left in the output directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <tiffio.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "lib/thumbnail/testing/count-of.h"
 #include "lib/thumbnail/testing/image-size.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
 #include "tests/tool-runner.h"
@@ -19,6 +23,8 @@ namespace {
 using testing::ProcessResult;
 using testing::RunProcess;
 using testing::RunTool;
+using testing::ToolPath;
+using thumbnail::testing::CountOf;
 using thumbnail::testing::ImageSize;
 using thumbnail::testing::ReadImageSize;
 using thumbnail::testing::ScratchDir;
@@ -50,6 +56,27 @@ bool MakePicture(const std::string& path, int width, int height) {
                  "testsrc=size=" + std::to_string(width) + "x" + std::to_string(height), "-frames:v", "1",
                  "-update", "1", path});
   return made.exited && made.status == 0 && ReadImageSize(path).ok();
+}
+
+// Writes a 64x48 RGB TIFF; with `make`, it names the camera that made it, as
+// camera RAW files in a TIFF container do.
+bool MakeTiff(const std::string& path, const char* make) {
+  TIFF* tif = TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) return false;
+  const uint32_t width = 64, height = 48;
+  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
+  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
+  if (make != nullptr) TIFFSetField(tif, TIFFTAG_MAKE, make);
+  std::vector<uint8_t> row(width * 3, 128);
+  bool ok = true;
+  for (uint32_t y = 0; y < height && ok; ++y) ok = TIFFWriteScanline(tif, row.data(), y, 0) >= 0;
+  TIFFClose(tif);
+  return ok;
 }
 
 TEST(ToolArgumentsTest, RejectedCommandLinesPrintReasonAndHelp) {
@@ -148,6 +175,49 @@ TEST_F(ToolRunTest, NothingMadePrintsNullAndLeavesNothing) {
     ProcessResult run = Run(src);
     EXPECT_EQ("null\n\n", run.out) << src;
     EXPECT_TRUE(out_.List().empty()) << src;
+  }
+}
+
+// The tool copied alone into a folder, without the modules built beside it:
+// only the files that need a module notice, each with one ERROR line naming
+// it (however many sizes are tried), and a file whose decoder is missing is
+// refused cleanly. A camera file in a TIFF container is then read as the
+// TIFF it also is.
+TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
+  const std::string tool = in_.Join("thumbnail-tool");
+  std::filesystem::copy_file(ToolPath(), tool);
+  const std::string jpeg = in_.Join("photo.jpg");
+  if (!MakePicture(jpeg, 320, 240)) GTEST_SKIP() << "cannot make test pictures";
+  const std::string tiff = in_.Join("scan.tif");
+  const std::string camera_tiff = in_.Join("camera.tif");
+  ASSERT_TRUE(MakeTiff(tiff, nullptr) && MakeTiff(camera_tiff, "Tessera"));
+  const std::string raw = in_.Join("camera.x3f");
+  std::ofstream(raw, std::ios::binary) << "FOVb" << std::string(256, '\0');
+  const std::string heif = in_.Join("photo.heic");
+  std::ofstream(heif, std::ios::binary) << std::string("\0\0\0\x18" "ftypheic\0\0\0\0mif1heic", 24)
+                                        << std::string(256, '\0');
+
+  struct Case {
+    std::string src;
+    size_t thumbnails;
+    const char* missing_module;  // nullptr: none is loaded
+  };
+  const Case cases[] = {
+      {jpeg, 4, nullptr}, {tiff, 4, nullptr}, {camera_tiff, 4, "RAW"}, {raw, 0, "RAW"}, {heif, 0, "HEIF"},
+  };
+  for (const Case& c : cases) {
+    ProcessResult run = RunProcess(tool, {"--output_dir", out_.path(), "--src", c.src});
+    ASSERT_TRUE(run.exited) << c.src;
+    EXPECT_EQ(0, run.status) << c.src;
+    EXPECT_EQ(c.thumbnails, out_.List().size()) << c.src << "\n" << run.err;
+    if (c.thumbnails == 0) {
+      EXPECT_EQ("null\n\n", run.out) << c.src;
+    }
+    EXPECT_EQ(c.missing_module ? 1 : 0, CountOf(run.err, "cannot load the ")) << c.src << "\n" << run.err;
+    if (c.missing_module) {
+      EXPECT_EQ(1, CountOf(run.err, std::string("cannot load the ") + c.missing_module + " module")) << run.err;
+    }
+    for (const std::string& file : out_.List()) std::remove(file.c_str());
   }
 }
 

@@ -87,7 +87,9 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
   return result;
 }
 
-ProcessResult RunTool(const std::vector<std::string>& args) { return RunProcess(TESSERA_TOOL_PATH, args); }
+ProcessResult RunTool(const std::vector<std::string>& args) { return RunProcess(ToolPath(), args); }
+
+const char* ToolPath() { return TESSERA_TOOL_PATH; }
 
 }  // namespace testing
 }  // namespace tessera

@@ -22,8 +22,10 @@ struct ProcessResult {
 // status -1.
 ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args);
 
-// The thumbnail tool of this build.
+// The thumbnail tool of this build, and its path (the modules it loads on
+// demand are beside it).
 ProcessResult RunTool(const std::vector<std::string>& args);
+const char* ToolPath();
 
 }  // namespace testing
 }  // namespace tessera

@@ -3,28 +3,18 @@
 #include <memory>
 #include <string>
 
+#include "lib/image/decoder-module.h"
 #include "lib/image/decoders.h"
 #include "lib/image/heif-module.h"
-#include "lib/utility/module-loader.h"
 
 namespace tessera {
 namespace image {
-namespace {
 
-utility::ModuleLoader& Loader() {
-  static auto* loader = new utility::ModuleLoader("HEIF", kHeifModuleFileName, kHeifModuleEntry,
-                                                   kHeifModuleAbiVersion);
-  return *loader;
-}
+using HeifModule = DecoderModule<HeifModuleTable>;
 
-}  // namespace
+void SetHeifModulePath(const std::string& path) { HeifModule::Loader().SetPath(path); }
 
-void SetHeifModulePath(const std::string& path) { Loader().SetPath(path); }
-
-std::unique_ptr<ImageDecoder> CreateHeifDecoder() {
-  const HeifModuleTable* module = Loader().Get<HeifModuleTable>();
-  return std::unique_ptr<ImageDecoder>(module ? module->create_decoder() : nullptr);
-}
+std::unique_ptr<ImageDecoder> CreateHeifDecoder() { return HeifModule::CreateDecoder(); }
 
 }  // namespace image
 }  // namespace tessera

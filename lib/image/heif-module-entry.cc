@@ -8,7 +8,7 @@ namespace {
 
 ImageDecoder* CreateDecoder() { return CreateHeifDecoder().release(); }
 
-const HeifModuleTable kTable = {kHeifModuleAbiVersion, &CreateDecoder};
+const HeifModuleTable kTable = {HeifModuleTable::kAbiVersion, &CreateDecoder};
 
 }  // namespace
 }  // namespace image

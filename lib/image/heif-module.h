@@ -4,10 +4,10 @@
 // time a HEIF file is decoded. Other runs then never map libheif, which would
 // cost every run start-up time and several megabytes of memory.
 //
-// The module exports one C function, kHeifModuleEntry, returning the table
-// below; the loader (heif-module-dlopen.cc) defines CreateHeifDecoder() by
-// calling it, and returns nullptr (no decoder: the file is refused cleanly)
-// after one ERROR line when the module cannot be loaded.
+// The module exports one C function, HeifModuleTable::kEntryName, returning
+// the table below; the loader (heif-module-dlopen.cc) defines
+// CreateHeifDecoder() by calling it, and returns nullptr (no decoder: the file
+// is refused cleanly) after one ERROR line when the module cannot be loaded.
 #ifndef TESSERA_LIB_IMAGE_HEIF_MODULE_H_
 #define TESSERA_LIB_IMAGE_HEIF_MODULE_H_
 
@@ -19,14 +19,14 @@
 namespace tessera {
 namespace image {
 
-// Raised whenever the table's layout or meaning changes.
-constexpr uint32_t kHeifModuleAbiVersion = 1;
-constexpr char kHeifModuleEntry[] = "TesseraHeifModuleTable";
-constexpr char kHeifModuleFileName[] = "libtessera-heif.so";
-
+// A decoder module's table (decoder-module.h).
 struct HeifModuleTable {
+  static constexpr uint32_t kAbiVersion = 1;
+  static constexpr char kKind[] = "HEIF";
+  static constexpr char kFileName[] = "libtessera-heif.so";
+  static constexpr char kEntryName[] = "TesseraHeifModuleTable";
+
   uint32_t abi_version;
-  // A new decoder; the caller owns it (delete through ImageDecoder).
   ImageDecoder* (*create_decoder)();
 };
 

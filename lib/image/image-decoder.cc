@@ -8,8 +8,6 @@ namespace tessera {
 namespace image {
 namespace {
 
-constexpr char kTooLargePrefix[] = "declared image size over the limits: ";
-
 bool HasAt(const uint8_t* head, size_t size, size_t offset, const char* magic, size_t length) {
   return size >= offset + length && std::memcmp(head + offset, magic, length) == 0;
 }
@@ -108,16 +106,6 @@ std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format) {
       break;
   }
   return nullptr;
-}
-
-Status ImageTooLargeError(uint64_t width, uint64_t height) {
-  return Status::InvalidArgument(kTooLargePrefix + std::to_string(width) + "x" +
-                                 std::to_string(height));
-}
-
-bool IsImageTooLarge(const Status& status) {
-  return status.code() == Status::Code::kInvalidArgument &&
-         status.message().compare(0, sizeof(kTooLargePrefix) - 1, kTooLargePrefix) == 0;
 }
 
 }  // namespace image

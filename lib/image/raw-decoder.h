@@ -1,5 +1,7 @@
 // Camera RAW decoding, shared by the RAW decoder and the TIFF decoder (most
-// RAW formats are TIFF-shaped). Internal to lib/image.
+// RAW formats are TIFF-shaped). Internal to lib/image. Defined with LibRaw by
+// raw-decoder.cc, or, in the tool, by the RAW module's loader
+// (raw-module.h), which loads LibRaw on the first call.
 #ifndef TESSERA_LIB_IMAGE_RAW_DECODER_H_
 #define TESSERA_LIB_IMAGE_RAW_DECODER_H_
 

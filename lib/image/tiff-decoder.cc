@@ -600,7 +600,9 @@ class TiffDecoder : public ReducingDecoder {
  private:
   // Camera RAW files in a TIFF container name the camera (Make) or are DNGs;
   // they go to the RAW decoder first. Scanner TIFFs that name their maker
-  // fall back to the TIFF path when the RAW decoder does not know them.
+  // fall back to the TIFF path when the RAW decoder does not know them. A
+  // TIFF that does neither never reaches the RAW decoder, so the tool does
+  // not load LibRaw for it.
   static bool LooksLikeCameraRaw(TIFF* tif) {
     char* make = nullptr;
     // Pointer-sized slots for either calling form of an array tag (with or

@@ -1,0 +1,35 @@
+# tessera_module(<module target> <file name stem>
+#                ENTRY <source> IMPLEMENTATION <static library>
+#                LOADER <static library> <source>
+#                FOR <library>)
+#
+# Builds code that needs a large third-party library twice: as
+# <IMPLEMENTATION>, a static library that tests and tools link by default,
+# and as lib<stem>.so beside the tool, a module whose <ENTRY> exports the
+# module's table. <LOADER> is a static library of <source>, which defines the
+# same functions as <IMPLEMENTATION> by loading the module on first use.
+# A target that links <FOR> gets the loader when its property
+# TESSERA_MEDIA_MODULE is set, and the implementation otherwise.
+#
+# The implementation and every static library of ours that it links must be
+# position-independent (POSITION_INDEPENDENT_CODE); the caller sets that.
+function(tessera_module target stem)
+  cmake_parse_arguments(ARG "" "ENTRY;IMPLEMENTATION;FOR" "LOADER" ${ARGN})
+  list(GET ARG_LOADER 0 loader)
+  list(SUBLIST ARG_LOADER 1 -1 loader_sources)
+
+  add_library(${target} MODULE ${ARG_ENTRY})
+  target_link_libraries(${target} PRIVATE ${ARG_IMPLEMENTATION} ${ARG_FOR})
+  # Only the entry point is exported, and the module binds to its own copies
+  # of our code, never to the executable's.
+  target_link_options(${target} PRIVATE -Wl,--exclude-libs,ALL -Wl,-Bsymbolic -Wl,--no-undefined
+                      -Wl,-z,now)
+  set_target_properties(${target} PROPERTIES PREFIX "lib" OUTPUT_NAME "${stem}"
+                        LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tool/thumbnail-tool)
+
+  add_library(${loader} STATIC ${loader_sources})
+  target_link_libraries(${loader} PUBLIC ${ARG_FOR} PRIVATE tessera_module_loader)
+  add_dependencies(${loader} ${target})
+  target_link_libraries(${ARG_FOR} INTERFACE
+      "$<IF:$<BOOL:$<TARGET_PROPERTY:TESSERA_MEDIA_MODULE>>,${loader},${ARG_IMPLEMENTATION}>")
+endfunction()

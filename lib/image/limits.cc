@@ -1,0 +1,27 @@
+// The "too large" status of image-decoder.h. It lives apart from the format
+// dispatch so that a decoder linked into a module on its own (HEIF, RAW)
+// does not drag every other decoder and its library in with it.
+#include <string>
+
+#include "lib/image/image-decoder.h"
+
+namespace tessera {
+namespace image {
+namespace {
+
+constexpr char kTooLargePrefix[] = "declared image size over the limits: ";
+
+}  // namespace
+
+Status ImageTooLargeError(uint64_t width, uint64_t height) {
+  return Status::InvalidArgument(kTooLargePrefix + std::to_string(width) + "x" +
+                                 std::to_string(height));
+}
+
+bool IsImageTooLarge(const Status& status) {
+  return status.code() == Status::Code::kInvalidArgument &&
+         status.message().compare(0, sizeof(kTooLargePrefix) - 1, kTooLargePrefix) == 0;
+}
+
+}  // namespace image
+}  // namespace tessera

@@ -1,0 +1,27 @@
+// Loads libtessera-raw.so on the first camera RAW decode and forwards to it.
+// Linked into the tool instead of the RAW decoder itself.
+#include <memory>
+#include <string>
+
+#include "lib/image/decoder-module.h"
+#include "lib/image/decoders.h"
+#include "lib/image/raw-decoder.h"
+#include "lib/image/raw-module.h"
+
+namespace tessera {
+namespace image {
+
+using RawModule = DecoderModule<RawModuleTable>;
+
+void SetRawModulePath(const std::string& path) { RawModule::Loader().SetPath(path); }
+
+std::unique_ptr<ImageDecoder> CreateRawDecoder() { return RawModule::CreateDecoder(); }
+
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out) {
+  const RawModuleTable* module = RawModule::Get();
+  if (module == nullptr) return Status::NotSupported("the RAW module is not available");
+  return module->decode_camera_raw(source, cx, tiff_container, out);
+}
+
+}  // namespace image
+}  // namespace tessera
