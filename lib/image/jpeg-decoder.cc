@@ -449,9 +449,11 @@ class JpegDecoder : public ImageDecoder {
       if (!status.ok()) return status;
       return FinishDecode(std::move(reduced), cinfo, out);
     }
-    // A large decode reduces on a second core while libjpeg decodes.
+    // A large decode reduces on a second core while libjpeg decodes; not a
+    // multi-scan one, whose coefficient buffer already sets the peak memory
+    // that the queue of rows would add to.
     PipelinedReducer reducer;
-    Status status = reducer.Start(width, height, dst_width, dst_height);
+    Status status = reducer.Start(width, height, dst_width, dst_height, !jpeg_has_multiple_scans(cinfo));
     if (!status.ok()) return status;
     std::shared_ptr<ScaledPicture> keep;
     if (cacheable) {

@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/log.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/avstring.h>
+#include <libavutil/cpu.h>
 #include <libavutil/time.h>
 }
 
@@ -189,7 +190,10 @@ int MediaFile::OpenDecoder() {
   if (!context) return AVERROR(ENOMEM);
   int error = avcodec_parameters_to_context(context.get(), params);
   if (error < 0) return error;
-  context->thread_count = 0;
+  // A thread per core, at most four: the library's own choice (one more than
+  // the cores) oversubscribes a small machine, and every frame thread adds a
+  // frame decoded past the one wanted before it comes out.
+  context->thread_count = std::max(1, std::min(av_cpu_count(), 4));
   context->pkt_timebase = stream()->time_base;
   error = avcodec_open2(context.get(), codec, nullptr);
   if (error < 0) return error;
