@@ -9,7 +9,10 @@
 # module's table. <LOADER> is a static library of <source>, which defines the
 # same functions as <IMPLEMENTATION> by loading the module on first use.
 # A target that links <FOR> gets the loader when its property
-# TESSERA_MEDIA_MODULE is set, and the implementation otherwise.
+# TESSERA_MEDIA_MODULE is set, and the implementation otherwise. A module
+# may set the property too, to reach other modules through their loaders
+# (the TIFF module reaches the RAW module); it never gets its own loader.
+# Modules that do must not form a cycle (A links B's loader, B links A's).
 #
 # The implementation and every static library of ours that it links must be
 # position-independent (POSITION_INDEPENDENT_CODE); the caller sets that.
@@ -31,5 +34,5 @@ function(tessera_module target stem)
   target_link_libraries(${loader} PUBLIC ${ARG_FOR} PRIVATE tessera_module_loader)
   add_dependencies(${loader} ${target})
   target_link_libraries(${ARG_FOR} INTERFACE
-      "$<IF:$<BOOL:$<TARGET_PROPERTY:TESSERA_MEDIA_MODULE>>,${loader},${ARG_IMPLEMENTATION}>")
+      "$<IF:$<BOOL:$<TARGET_PROPERTY:TESSERA_MEDIA_MODULE>>,$<$<NOT:$<STREQUAL:$<TARGET_PROPERTY:NAME>,${target}>>:${loader}>,${ARG_IMPLEMENTATION}>")
 endfunction()

@@ -179,10 +179,11 @@ TEST_F(ToolRunTest, NothingMadePrintsNullAndLeavesNothing) {
 }
 
 // The tool copied alone into a folder, without the modules built beside it:
-// only the files that need a module notice, each with one ERROR line naming
-// it (however many sizes are tried), and a file whose decoder is missing is
-// refused cleanly. A camera file in a TIFF container is then read as the
-// TIFF it also is.
+// a JPEG loads none; every format whose decoder is a module is refused
+// cleanly, with one ERROR line naming the module (however many sizes are
+// tried). With the TIFF module put back but not the RAW one, a plain TIFF
+// works again and a camera file in a TIFF container is read as the TIFF it
+// also is.
 TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
   const std::string tool = in_.Join("thumbnail-tool");
   std::filesystem::copy_file(ToolPath(), tool);
@@ -191,21 +192,25 @@ TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
   const std::string tiff = in_.Join("scan.tif");
   const std::string camera_tiff = in_.Join("camera.tif");
   ASSERT_TRUE(MakeTiff(tiff, nullptr) && MakeTiff(camera_tiff, "Tessera"));
+  // Without its module a file is refused before it is read, so a signature
+  // is all these need.
   const std::string raw = in_.Join("camera.x3f");
   std::ofstream(raw, std::ios::binary) << "FOVb" << std::string(256, '\0');
   const std::string heif = in_.Join("photo.heic");
   std::ofstream(heif, std::ios::binary) << std::string("\0\0\0\x18" "ftypheic\0\0\0\0mif1heic", 24)
                                         << std::string(256, '\0');
+  const std::string gif = in_.Join("anim.gif");
+  std::ofstream(gif, std::ios::binary) << "GIF89a" << std::string(256, '\0');
+  // ".webp" is not a name the tool takes: WebP content arrives misnamed.
+  const std::string webp = in_.Join("webp-photo.jpg");
+  std::ofstream(webp, std::ios::binary) << std::string("RIFF\xF8\0\0\0WEBPVP8 ", 16) << std::string(256, '\0');
 
   struct Case {
     std::string src;
     size_t thumbnails;
     const char* missing_module;  // nullptr: none is loaded
   };
-  const Case cases[] = {
-      {jpeg, 4, nullptr}, {tiff, 4, nullptr}, {camera_tiff, 4, "RAW"}, {raw, 0, "RAW"}, {heif, 0, "HEIF"},
-  };
-  for (const Case& c : cases) {
+  auto check = [&](const Case& c) {
     ProcessResult run = RunProcess(tool, {"--output_dir", out_.path(), "--src", c.src});
     ASSERT_TRUE(run.exited) << c.src;
     EXPECT_EQ(0, run.status) << c.src;
@@ -218,7 +223,18 @@ TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
       EXPECT_EQ(1, CountOf(run.err, std::string("cannot load the ") + c.missing_module + " module")) << run.err;
     }
     for (const std::string& file : out_.List()) std::remove(file.c_str());
-  }
+  };
+  const Case alone[] = {
+      {jpeg, 4, nullptr}, {tiff, 0, "TIFF"}, {camera_tiff, 0, "TIFF"}, {gif, 0, "GIF"},
+      {webp, 0, "WebP"},  {raw, 0, "RAW"},   {heif, 0, "HEIF"},
+  };
+  for (const Case& c : alone) check(c);
+
+  const std::filesystem::path tiff_module =
+      std::filesystem::path(ToolPath()).parent_path() / "libtessera-tiff.so";
+  std::filesystem::copy_file(tiff_module, in_.Join("libtessera-tiff.so"));
+  const Case with_tiff_module[] = {{tiff, 4, nullptr}, {camera_tiff, 4, "RAW"}};
+  for (const Case& c : with_tiff_module) check(c);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// What the loaders of the decoder modules (HEIF, camera RAW) share.
+// What the loaders of the decoder modules (TIFF, WebP, GIF, HEIF, camera
+// RAW) share.
 //
 // A decoder module's table is a plain C struct that starts with
 //
