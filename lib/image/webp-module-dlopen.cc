@@ -4,8 +4,8 @@
 #include <string>
 
 #include "lib/image/decoder-module.h"
+#include "lib/image/decoder-modules.h"
 #include "lib/image/decoders.h"
-#include "lib/image/webp-module.h"
 
 namespace tessera {
 namespace image {
