@@ -31,6 +31,9 @@ function(tessera_module target stem)
                         LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tool/thumbnail-tool)
 
   add_library(${loader} STATIC ${loader_sources})
+  # Position-independent: a module that reaches other modules links their
+  # loaders.
+  set_target_properties(${loader} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   target_link_libraries(${loader} PUBLIC ${ARG_FOR} PRIVATE tessera_module_loader)
   add_dependencies(${loader} ${target})
   target_link_libraries(${ARG_FOR} INTERFACE
