@@ -28,7 +28,11 @@ class FileSource : public ByteSource {
     const int fd = ::fcntl(fd_, F_DUPFD_CLOEXEC, 0);
     if (fd < 0) return nullptr;
     std::unique_ptr<ByteSource> copy(new (std::nothrow) FileSource(fd, size_));
-    if (!copy) ::close(fd);
+    if (!copy) {
+      ::close(fd);
+      return nullptr;
+    }
+    copy->set_cancellation(cancellation());
     return copy;
   }
   FileSource(const FileSource&) = delete;
@@ -37,6 +41,9 @@ class FileSource : public ByteSource {
   uint64_t size() const override { return size_; }
 
   int64_t ReadAt(uint64_t offset, void* buf, size_t n) override {
+    // Every decoder reads through here, so a cancelled decode stops at its
+    // next read at the latest.
+    if (cancelled()) return -1;
     if (offset >= size_) return 0;
     if (n > size_ - offset) n = static_cast<size_t>(size_ - offset);
     size_t done = 0;

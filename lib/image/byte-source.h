@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "lib/utility/cancellation.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -34,6 +36,14 @@ class ByteSource {
   // thread after this one is gone; nullptr when the bytes cannot outlive
   // this source (memory views).
   virtual std::unique_ptr<ByteSource> Duplicate() const { return nullptr; }
+  // Stops the work on this source's bytes once `cancellation` is
+  // cancelled: file reads fail from then on, and decoders poll cancelled()
+  // in loops that read nothing. Duplicates share it.
+  void set_cancellation(std::shared_ptr<const utility::Cancellation> cancellation) {
+    cancellation_ = std::move(cancellation);
+  }
+  const std::shared_ptr<const utility::Cancellation>& cancellation() const { return cancellation_; }
+  bool cancelled() const { return cancellation_ && cancellation_->IsCancelled(); }
   // Reads the whole content into *out (at most max_bytes, else
   // InvalidArgument).
   Status ReadAll(size_t max_bytes, std::string* out);
@@ -44,6 +54,9 @@ class ByteSource {
 
   // A view of memory the caller keeps alive for the source's lifetime.
   static std::unique_ptr<ByteSource> FromMemory(const uint8_t* data, size_t size);
+
+ private:
+  std::shared_ptr<const utility::Cancellation> cancellation_;
 };
 
 }  // namespace image

@@ -77,11 +77,15 @@ void OnMessage(j_common_ptr cinfo, int msg_level) {
 }
 void OnOutputMessage(j_common_ptr /*cinfo*/) {}
 
+bool Cancelled(j_decompress_ptr cinfo) {
+  return reinterpret_cast<SourceManager*>(cinfo->src)->source->cancelled();
+}
+
+// Called for every row read and every pass over the coefficients.
 void OnProgress(j_common_ptr cinfo) {
-  if (cinfo->is_decompressor &&
-      reinterpret_cast<j_decompress_ptr>(cinfo)->input_scan_number > kMaxScans) {
-    OnFatalError(cinfo);
-  }
+  if (!cinfo->is_decompressor) return;
+  auto* dinfo = reinterpret_cast<j_decompress_ptr>(cinfo);
+  if (dinfo->input_scan_number > kMaxScans || Cancelled(dinfo)) OnFatalError(cinfo);
 }
 
 void InitSource(j_decompress_ptr /*cinfo*/) {}
@@ -206,7 +210,9 @@ class JpegReader {
     jpeg_start_decompress(&cinfo_);
     if (!cinfo_.buffered_image) return;
     for (;;) {
-      if (cinfo_.input_scan_number > kMaxScans) OnFatalError(reinterpret_cast<j_common_ptr>(&cinfo_));
+      if (cinfo_.input_scan_number > kMaxScans || Cancelled(&cinfo_)) {
+        OnFatalError(reinterpret_cast<j_common_ptr>(&cinfo_));
+      }
       const int result = jpeg_consume_input(&cinfo_);
       if (result == JPEG_REACHED_EOI || result == JPEG_SUSPENDED || err_.data_end_imcu_row >= 0) break;
     }

@@ -113,6 +113,37 @@ TEST_F(JobTest, BlockedExtractionIsAbandonedAtTheTimeLimit) {
   record_->WaitDestroyed(1);
 }
 
+// Work that polls its job's cancellation stops once nobody waits for it,
+// whether the job's own limit or the run's deadline ended the wait.
+TEST_F(JobTest, AbandonedWorkIsCancelledAtTheJobLimitAndAtTheRunDeadline) {
+  auto stopped = std::make_shared<std::atomic<int>>(0);
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [stopped] {
+    const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
+    ASSERT_TRUE(cancellation);
+    while (!cancellation->IsCancelled()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    stopped->fetch_add(1);
+  };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  EXPECT_FALSE(CurrentJobCancellation());
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {MakeOutput()},
+                                 std::chrono::milliseconds(20)));
+  record_->WaitDestroyed(1);
+  EXPECT_EQ(1, stopped->load());
+
+  // A run budget shorter than the job's own limit ends the wait early; once
+  // it is spent, later jobs do not wait at all.
+  SetRunBudget(std::chrono::milliseconds(30));
+  EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {MakeOutput()}));
+  EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {MakeOutput()}));
+  SetRunBudget(std::chrono::hours(24));
+  record_->WaitDestroyed(3);
+  EXPECT_EQ(3, stopped->load());
+  EXPECT_EQ(3, CountOf(::testing::internal::GetCapturedStderr(), "GenerateThumbnail timeout '/p/slow.jpg'"));
+}
+
 TEST_F(JobTest, ExitWithAbandonedJobsRemovesTheirOutputs) {
 #ifdef _WIN32
   GTEST_SKIP() << "the death test's child shares the parent's files only where it is forked";

@@ -1,6 +1,8 @@
 #include "lib/thumbnail/thumbnail-job.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -26,6 +28,14 @@ constexpr std::chrono::seconds kExitWriteWait{5};
 
 using ExtractionTask = std::packaged_task<bool(const std::u16string&, std::vector<uint32_t>, bool,
                                                std::vector<std::shared_ptr<utility::TempFile>>)>;
+
+using Clock = std::chrono::steady_clock;
+
+// RunDeadline() as ticks of the steady clock, for a lock-free read.
+std::atomic<Clock::rep> run_deadline_ticks{Clock::time_point::max().time_since_epoch().count()};
+
+// Set on a job's thread for the length of its extraction.
+thread_local std::shared_ptr<const utility::Cancellation> current_job_cancellation;
 
 // Paths of the output files of abandoned jobs, for ExitWithAbandonedJobs.
 struct AbandonedJobs {
@@ -79,12 +89,25 @@ int32_t GenerateThumbnail(const ThumbnailHelper& /*helper*/, const std::string& 
                            std::vector<std::shared_ptr<utility::TempFile>>)>(&ExtractShellThumbnails));
   std::future<bool> result = task.get_future();
   std::u16string wide_path = utility::UTF8ToUTF16(path);
+  const Clock::time_point now = Clock::now();
+  const Clock::time_point run_deadline = RunDeadline();
+  const Clock::time_point deadline =
+      timeout >= run_deadline - now ? run_deadline : now + std::chrono::duration_cast<Clock::duration>(timeout);
+  auto cancellation = std::make_shared<utility::Cancellation>(deadline);
 
   // The thread owns its own copies of every argument.
-  std::thread worker(std::move(task), std::move(wide_path), sizes, as_png, outputs);
+  std::thread worker(
+      [cancellation](ExtractionTask job, std::u16string wide, std::vector<uint32_t> edges, bool png,
+                     std::vector<std::shared_ptr<utility::TempFile>> files) {
+        current_job_cancellation = cancellation;
+        job(wide, std::move(edges), png, std::move(files));
+        current_job_cancellation.reset();
+      },
+      std::move(task), std::move(wide_path), sizes, as_png, outputs);
   worker.detach();
 
-  if (result.wait_for(timeout) != std::future_status::ready) {
+  if (result.wait_until(deadline) != std::future_status::ready) {
+    cancellation->Cancel();
     LOG_WARNING(kComponent, "GenerateThumbnail timeout '%s'", path.c_str());
     RecordAbandoned(outputs);
     return 1;
@@ -110,6 +133,14 @@ int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, cons
   return GenerateThumbnail(helper, path, extension, std::vector<uint32_t>{size}, as_png,
                            std::vector<std::shared_ptr<utility::TempFile>>{std::move(output)});
 }
+
+void SetRunBudget(Clock::duration budget) {
+  run_deadline_ticks.store((Clock::now() + budget).time_since_epoch().count());
+}
+
+Clock::time_point RunDeadline() { return Clock::time_point(Clock::duration(run_deadline_ticks.load())); }
+
+std::shared_ptr<const utility::Cancellation> CurrentJobCancellation() { return current_job_cancellation; }
 
 bool HasAbandonedJobs() {
   AbandonedJobs& jobs = Abandoned();

@@ -21,6 +21,7 @@
 #include "lib/image/byte-source.h"
 #include "lib/image/image-decoder.h"
 #include "lib/log/log.h"
+#include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/thumbnail/thumbnail-size.h"
 #include "lib/thumbnail/video-thumbnail.h"
@@ -110,6 +111,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
       return OpenErrorCode(status);
     }
     if (have_before) content_key_ = ContentKey(path_, before);
+    source_->set_cancellation(CurrentJobCancellation());
     return 0;
   }
 

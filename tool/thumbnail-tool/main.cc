@@ -68,6 +68,7 @@ int main(int argc, char** argv) {
 
   const std::string src = parsed.Get("src").front();
   const std::string output_dir = parsed.Get("output_dir").front();
+  tessera::thumbnail::SetRunBudget(tessera::thumbnail::kRunBudget);
   const Json::Value report = tessera::tool::BuildReport(src, output_dir);
   std::cout << tessera::tool::ReportText(report) << std::endl;
 
