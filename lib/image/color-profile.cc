@@ -161,7 +161,8 @@ ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLay
       cmsIsIntentSupported(input.get(), INTENT_RELATIVE_COLORIMETRIC, LCMS_USED_AS_INPUT)
           ? INTENT_RELATIVE_COLORIMETRIC
           : INTENT_PERCEPTUAL;
-  const cmsUInt32Number flags = layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0;
+  // No one-pixel cache: one transform may serve several threads at once.
+  const cmsUInt32Number flags = cmsFLAGS_NOCACHE | (layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0);
   TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout),
                                                srgb.get(), TYPE_BGRA_8, intent, flags));
   if (!transform) return result;
@@ -202,7 +203,8 @@ ColorTransform ColorTransform::FromChromaticities(const Chromaticities& space, P
   if (!input) return result;
   ProfilePtr srgb(cmsCreate_sRGBProfileTHR(context.get()));
   if (!srgb) return result;
-  const cmsUInt32Number flags = layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0;
+  // No one-pixel cache: one transform may serve several threads at once.
+  const cmsUInt32Number flags = cmsFLAGS_NOCACHE | (layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0);
   TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout), srgb.get(),
                                                TYPE_BGRA_8, INTENT_RELATIVE_COLORIMETRIC, flags));
   if (!transform) return result;

@@ -12,10 +12,13 @@ namespace tessera {
 namespace image {
 namespace {
 
-Status FinishUpright(AreaReducer* reducer, int orientation, Bitmap* out) {
+Status FinishUpright(AreaReducer* reducer, const ColorTransform* transform, int orientation, Bitmap* out) {
   Bitmap reduced;
   Status status = reducer->Finish(&reduced);
   if (!status.ok()) return status;
+  if (transform != nullptr && !transform->is_identity()) {
+    transform->Apply(reduced.data(), reduced.data(), static_cast<size_t>(reduced.width()) * reduced.height());
+  }
   if (orientation != 1) {
     status = ApplyExifOrientation(orientation, &reduced);
     if (!status.ok()) return status;
@@ -88,13 +91,13 @@ void ReducingSink::PushPremultipliedRow(uint8_t* bgra) {
 
 Status ReducingSink::Finish(int orientation, Bitmap* out) {
   Bitmap reduced;
-  Status status = FinishUpright(&reducer_, orientation, &reduced);
+  Status status = FinishUpright(&reducer_, transform_.get(), orientation, &reduced);
   if (!status.ok()) return status;
   // A fanned-out result that cannot be finished is simply not kept: its own
   // request then decodes the file.
   for (Extra& extra : extras_) {
     Bitmap bitmap;
-    if (FinishUpright(&extra.reducer, orientation, &bitmap).ok()) {
+    if (FinishUpright(&extra.reducer, transform_.get(), orientation, &bitmap).ok()) {
       TheReductionCache().Keep(key_, extra.cx, std::move(bitmap));
     }
   }

@@ -8,12 +8,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "lib/image/area-resample.h"
 #include "lib/image/bitmap.h"
+#include "lib/image/color-profile.h"
 #include "lib/image/image-decoder.h"
 #include "lib/utility/status.h"
 
@@ -46,6 +48,11 @@ class ReducingSink {
   // keeps their results in the reduction cache. Does nothing for an empty
   // key. Call after Init, before the first row.
   void FanOut(const FanOutRequest& request, uint64_t planned_bytes);
+  // Converts every result to sRGB with `transform` once it is reduced (and
+  // before it is turned upright): converting a few reduced pixels instead of
+  // every decoded one. Rows are pushed in the source's colour space. Call
+  // before Finish; nullptr or an identity transform does nothing.
+  void SetColorTransform(std::shared_ptr<const ColorTransform> transform) { transform_ = std::move(transform); }
 
   int width() const { return width_; }
   int height() const { return height_; }
@@ -77,6 +84,7 @@ class ReducingSink {
   AreaReducer reducer_;
   std::string key_;
   std::vector<Extra> extras_;
+  std::shared_ptr<const ColorTransform> transform_;
 };
 
 // Serves ImageDecoder's content key and anticipated requests for the
