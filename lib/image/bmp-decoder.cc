@@ -301,12 +301,10 @@ class BmpDecoder : public ReducingDecoder {
     // Every size reads the same rows (embedded streams aside, above).
     sink.FanOut(AnticipatedRequests(), stride + row_bytes);
 
-    ColorTransform transform;
-    if (!h.icc.empty()) transform = ColorTransform::FromIcc(h.icc.data(), h.icc.size(), PixelLayout::kBgra8);
-    auto push = [&](uint8_t* row) {
-      if (!transform.is_identity()) transform.Apply(row, row, static_cast<size_t>(h.width));
-      sink.PushStraightRow(row);
-    };
+    if (!h.icc.empty()) {
+      sink.SetColorTransform(ColorTransform::SharedFromIcc(h.icc.data(), h.icc.size(), PixelLayout::kBgra8));
+    }
+    auto push = [&](uint8_t* row) { sink.PushStraightRow(row); };
 
     std::vector<uint8_t> row(static_cast<size_t>(row_bytes));
     const bool rle = h.compression == kRle8 || h.compression == kRle4;

@@ -4,7 +4,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "lib/image/icc-profile-check.h"
 
 namespace tessera {
 namespace image {
@@ -39,6 +45,7 @@ cmsColorSpaceSignature ColorSpaceOf(PixelLayout layout) {
     case PixelLayout::kRgb8:
       return cmsSigRgbData;
     case PixelLayout::kGray8:
+    case PixelLayout::kGrayBgra8:
       return cmsSigGrayData;
     case PixelLayout::kCmyk8:
       return cmsSigCmykData;
@@ -56,6 +63,9 @@ cmsUInt32Number LcmsFormatOf(PixelLayout layout) {
       return TYPE_GRAY_8;
     case PixelLayout::kCmyk8:
       return TYPE_CMYK_8;
+    case PixelLayout::kGrayBgra8:
+      // The gray value is the first byte; the other three are skipped.
+      return COLORSPACE_SH(PT_GRAY) | CHANNELS_SH(1) | BYTES_SH(1) | EXTRA_SH(3);
   }
   return TYPE_BGRA_8;
 }
@@ -64,6 +74,7 @@ size_t BytesPerPixel(PixelLayout layout) {
   switch (layout) {
     case PixelLayout::kBgra8:
     case PixelLayout::kCmyk8:
+    case PixelLayout::kGrayBgra8:
       return 4;
     case PixelLayout::kRgb8:
       return 3;
@@ -122,6 +133,91 @@ void BuiltInCmykToBgra(const uint8_t* src, uint8_t* dst, size_t pixel_count) {
   }
 }
 
+// Whether `transform` (from `layout` to BGRA) leaves every colour of a test
+// grid within one step of where it was: the profile describes sRGB, or for
+// gray input sRGB's tone curve, whatever it calls itself. Matrix-and-curve
+// profiles are smooth, so a 17-step grid finds any real difference.
+bool MovesNoColour(cmsHTRANSFORM transform, PixelLayout layout) {
+  const bool gray = ColorSpaceOf(layout) == cmsSigGrayData;
+  std::vector<uint8_t> input;
+  std::vector<uint8_t> expected;  // BGR per probe
+  auto add = [&](int r, int g, int b) {
+    switch (layout) {
+      case PixelLayout::kBgra8:
+        input.insert(input.end(), {static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r), 255});
+        break;
+      case PixelLayout::kRgb8:
+        input.insert(input.end(), {static_cast<uint8_t>(r), static_cast<uint8_t>(g), static_cast<uint8_t>(b)});
+        break;
+      case PixelLayout::kGray8:
+        input.push_back(static_cast<uint8_t>(g));
+        break;
+      case PixelLayout::kGrayBgra8:
+        input.insert(input.end(), {static_cast<uint8_t>(g), static_cast<uint8_t>(g), static_cast<uint8_t>(g), 255});
+        break;
+      case PixelLayout::kCmyk8:
+        return;
+    }
+    expected.insert(expected.end(), {static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r)});
+  };
+  if (gray) {
+    for (int v = 0; v < 256; ++v) add(v, v, v);
+  } else {
+    constexpr int kSteps = 17;
+    for (int r = 0; r < kSteps; ++r) {
+      for (int g = 0; g < kSteps; ++g) {
+        for (int b = 0; b < kSteps; ++b) add(r * 255 / (kSteps - 1), g * 255 / (kSteps - 1), b * 255 / (kSteps - 1));
+      }
+    }
+  }
+  const size_t count = expected.size() / 3;
+  if (count == 0) return false;
+  std::vector<uint8_t> output(count * 4);
+  cmsDoTransform(transform, input.data(), output.data(), static_cast<cmsUInt32Number>(count));
+  for (size_t i = 0; i < count; ++i) {
+    for (int c = 0; c < 3; ++c) {
+      if (std::abs(int{output[i * 4 + c]} - int{expected[i * 3 + c]}) > 1) return false;
+    }
+  }
+  return true;
+}
+
+// The last few shared transforms, by their arguments.
+class TransformCache {
+ public:
+  template <typename Make>
+  std::shared_ptr<const ColorTransform> Get(const std::string& key, Make make) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (const Entry& entry : entries_) {
+        if (entry.key == key) return entry.transform;
+      }
+    }
+    // Built outside the lock: another thread may build the same one, and
+    // either result is right.
+    auto transform = std::make_shared<const ColorTransform>(make());
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (entries_.size() >= kEntries) entries_.erase(entries_.begin());
+    entries_.push_back(Entry{key, transform});
+    return transform;
+  }
+
+ private:
+  static constexpr size_t kEntries = 2;
+  struct Entry {
+    std::string key;
+    std::shared_ptr<const ColorTransform> transform;
+  };
+  std::mutex mutex_;
+  std::vector<Entry> entries_;
+};
+
+// Never destroyed: an abandoned decode may still use it at exit.
+TransformCache& TheTransformCache() {
+  static TransformCache* cache = new TransformCache;
+  return *cache;
+}
+
 }  // namespace
 
 struct ColorTransform::Impl {
@@ -141,8 +237,7 @@ ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLay
   ColorTransform result;
   result.impl_->layout = layout;
   result.impl_->built_in_cmyk = layout == PixelLayout::kCmyk8;
-  // An ICC header alone is 128 bytes; anything shorter is not a profile.
-  if (icc == nullptr || size < 128 || size > (uint64_t{1} << 31)) return result;
+  if (!IccProfileIsAffordable(icc, size)) return result;
 
   ContextPtr context = NewContext();
   if (!context) return result;
@@ -166,8 +261,9 @@ ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLay
   TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout),
                                                srgb.get(), TYPE_BGRA_8, intent, flags));
   if (!transform) return result;
-  // The transform keeps what it needs; the profiles may go now.
   result.impl_->built_in_cmyk = false;
+  if (layout != PixelLayout::kCmyk8 && MovesNoColour(transform.get(), layout)) return result;
+  // The transform keeps what it needs; the profiles may go now.
   result.impl_->context = std::move(context);
   result.impl_->transform = std::move(transform);
   return result;
@@ -213,6 +309,21 @@ ColorTransform ColorTransform::FromChromaticities(const Chromaticities& space, P
   return result;
 }
 
+std::shared_ptr<const ColorTransform> ColorTransform::SharedFromIcc(const uint8_t* icc, size_t size,
+                                                                    PixelLayout layout) {
+  std::string key(1, static_cast<char>(layout));
+  if (icc != nullptr && size <= kMaxIccProfileBytes) key.append(reinterpret_cast<const char*>(icc), size);
+  return TheTransformCache().Get(key, [&] { return FromIcc(icc, size, layout); });
+}
+
+std::shared_ptr<const ColorTransform> ColorTransform::SharedFromChromaticities(const Chromaticities& space,
+                                                                              PixelLayout layout) {
+  std::string key(1, static_cast<char>(layout));
+  key += "xy";
+  key.append(reinterpret_cast<const char*>(&space), sizeof(space));
+  return TheTransformCache().Get(key, [&] { return FromChromaticities(space, layout); });
+}
+
 bool ColorTransform::is_identity() const { return !impl_->transform && !impl_->built_in_cmyk; }
 
 void ColorTransform::Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_count) const {
@@ -252,6 +363,12 @@ void ColorTransform::Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_c
       break;
     case PixelLayout::kCmyk8:
       BuiltInCmykToBgra(src, dst_bgra, pixel_count);
+      break;
+    case PixelLayout::kGrayBgra8:
+      for (size_t i = 0; i < pixel_count; ++i) {
+        dst_bgra[i * 4 + 0] = dst_bgra[i * 4 + 1] = dst_bgra[i * 4 + 2] = src[i * 4];
+        dst_bgra[i * 4 + 3] = 255;
+      }
       break;
   }
 }

@@ -41,27 +41,24 @@ class ImageDecoder {
  public:
   virtual ~ImageDecoder() = default;
   virtual Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) = 0;
-  // Names the content of the sources this decoder will see, for a
-  // process-wide cache of intermediate pictures (a JPEG decoded at one DCT
-  // scale serves a later request at another cx that needs the same scale).
-  // Equal keys must mean equal bytes; empty (the default) disables the cache.
-  // Results are byte for byte those of an uncached decode.
+  // Names the content of the sources this decoder will see, for the
+  // process-wide cache of results made ahead of their request (see
+  // SetAnticipatedRequests). Equal keys must mean equal bytes; empty (the
+  // default) disables the cache.
   virtual void SetContentKey(const std::string& /*key*/) {}
   // The cx values of every request the caller expects to make for this
   // content. A decoder that has to read the whole image for one of them may
   // reduce it to the others on the way and keep those results (under the
   // content key, so never without one) for their own requests, which then
-  // read nothing. The default ignores them.
+  // read nothing; it may also decode at a scale that serves all of them.
+  // Either way a result depends only on the content, cx and these values:
+  // what a fresh decoder told the same requests returns. The default
+  // ignores them.
   virtual void SetAnticipatedRequests(std::vector<uint32_t> /*cx_values*/) {}
 };
 
 // The decoder for a format, or nullptr when none is built in.
 std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format);
-
-// Whether a decode started ahead of its request (see
-// SetAnticipatedRequests) is still running with nobody waiting for it. A
-// process must then leave without running static destructors under it.
-bool HasDecodesAhead();
 
 // The status with which every decoder refuses a declared size over the limits
 // of limits.h, so that callers can tell "too large" from other refusals

@@ -12,6 +12,7 @@
 #include "lib/image/image-decoder.h"
 #include "lib/image/testing/bitmap-probe.h"
 #include "lib/image/testing/image-fixtures.h"
+#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
 namespace image {
@@ -97,49 +98,6 @@ TEST(JpegDecoderTest, ShrinksOnLoadButNeverBelowTheRequestedSize) {
     const Rgb mean = MeanColor(bitmap);
     EXPECT_NEAR(mean.g, 160, 4) << cx;
   }
-}
-
-Status DecodeKeyed(const std::string& bytes, const std::string& key, uint32_t cx, Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  auto decoder = CreateJpegDecoder();
-  decoder->SetContentKey(key);
-  return decoder->Decode(source.get(), cx, out);
-}
-
-bool SameBitmap(const Bitmap& a, const Bitmap& b) {
-  return a.width() == b.width() && a.height() == b.height() &&
-         std::memcmp(a.data(), b.data(), a.byte_size()) == 0;
-}
-
-// A picture decoded at one DCT scale serves later requests of the same key
-// that need that scale; each result equals an uncached decode byte for byte,
-// and another key never sees it.
-TEST(JpegDecoderTest, CachedScaleGivesExactlyTheUncachedResult) {
-  RgbImage image(803, 600);
-  for (int y = 0; y < image.height; y += 7) {
-    for (int x = 0; x < image.width; x += 5) {
-      image.Fill(x, y, x + 3, y + 4, static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>(x ^ y));
-    }
-  }
-  JpegOptions orientated;
-  orientated.exif_orientation = 6;
-  const std::string a = EncodeJpeg(image, orientated);
-  image.Fill(0, 0, 400, 300, 10, 200, 30);
-  const std::string b = EncodeJpeg(image);
-
-  // 1/8 gives 101 x 75: cx 60 and 90 reduce it, cx 101 copies it.
-  for (uint32_t cx : {60u, 90u, 101u, 60u}) {
-    SCOPED_TRACE(cx);
-    Bitmap cached, fresh;
-    ASSERT_TRUE(DecodeKeyed(a, "a", cx, &cached).ok());
-    ASSERT_TRUE(DecodeBytes(a, cx, &fresh).ok());
-    EXPECT_TRUE(SameBitmap(cached, fresh));
-  }
-  Bitmap other, fresh;
-  ASSERT_TRUE(DecodeKeyed(b, "b", 90, &other).ok());
-  ASSERT_TRUE(DecodeBytes(b, 90, &fresh).ok());
-  EXPECT_TRUE(SameBitmap(other, fresh));
-  EXPECT_EQ(90, other.width());  // b has no orientation; a came out turned
 }
 
 TEST(JpegDecoderTest, CmykWithAndWithoutAdobeInversion) {
@@ -269,51 +227,32 @@ TEST(JpegDecoderTest, RefusesGarbageAndAbsurdSizesCleanly) {
   EXPECT_TRUE(bitmap.empty());
 }
 
-// The run's largest request, decoded ahead on another thread from the same
-// open file while the smaller ones are served, equals a fresh decode byte for
-// byte, and is handed to that request only: not to another cx or content.
-TEST(JpegDecoderTest, RequestDecodedAheadGivesExactlyAFreshDecode) {
+// One decode at the scale of the run's largest request serves every size:
+// the later requests read nothing, and each result is what a fresh decoder
+// told the same run makes of the file. Baseline and progressive files,
+// turned by EXIF, with a colour profile converted after the reduction.
+TEST(JpegDecoderTest, OneDecodeAtTheLargestScaleServesTheWholeRun) {
   RgbImage image(2400, 1600);
   for (int y = 0; y < image.height; y += 9) {
     for (int x = 0; x < image.width; x += 11) {
       image.Fill(x, y, x + 5, y + 4, static_cast<uint8_t>(x), static_cast<uint8_t>(y), static_cast<uint8_t>(x + y));
     }
   }
-  JpegOptions turned;
-  turned.exif_orientation = 8;
-  const std::string bytes = EncodeJpeg(image, turned);
-  const char* base = std::getenv("TESSERA_TEST_TMPDIR");
-  std::string path = std::string(base != nullptr ? base : "/tmp") + "/jpeg-ahead-XXXXXX";
-  const int fd = mkstemp(&path[0]);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  std::ofstream(path, std::ios::binary) << bytes;
-
-  // 360 decodes at 1/4, 720 and 960 at 1/2, 3840 (the whole picture) at 1/1:
-  // the first request starts 3840 ahead. Each request has a decoder and an
-  // open file of its own, as the tool's requests do.
+  JpegOptions baseline;
+  baseline.exif_orientation = 8;
+  JpegOptions progressive = baseline;
+  progressive.progressive = true;
+  progressive.icc = testing::DisplayP3Profile();
   const std::vector<uint32_t> run = {360, 720, 960, 3840};
-  auto expect_fresh = [&](const std::string& key, uint32_t cx) {
-    SCOPED_TRACE(key + " " + std::to_string(cx));
-    std::unique_ptr<ByteSource> source;
-    ASSERT_TRUE(ByteSource::OpenFile(path, &source).ok());
-    auto decoder = CreateJpegDecoder();
-    decoder->SetContentKey(key);
-    decoder->SetAnticipatedRequests(run);
-    Bitmap served, fresh;
-    ASSERT_TRUE(decoder->Decode(source.get(), cx, &served).ok());
-    ASSERT_TRUE(DecodeBytes(bytes, cx, &fresh).ok());
-    EXPECT_TRUE(SameBitmap(served, fresh));
-  };
-  for (const std::string& key : {std::string("first"), std::string("second")}) {
-    for (uint32_t cx : run) expect_fresh(key, cx);
-    EXPECT_FALSE(HasDecodesAhead());
+  for (const JpegOptions& options : {baseline, progressive}) {
+    SCOPED_TRACE(options.progressive ? "progressive" : "baseline");
+    EXPECT_EQ(testing::ServedAhead(CreateJpegDecoder, EncodeJpeg(image, options), run, true),
+              (std::vector<uint32_t>{720, 960, 3840}));
   }
-  // A run that never asks for the request decoded ahead leaves it to the
-  // next content, which waits for it rather than racing it.
-  expect_fresh("third", 360);
-  expect_fresh("fourth", 360);
-  unlink(path.c_str());
+  // A decoder that does not know the run shrinks on load for its own cx.
+  Bitmap alone;
+  ASSERT_TRUE(DecodeBytes(EncodeJpeg(image, baseline), 360, &alone).ok());
+  EXPECT_EQ(alone.height(), 360);
 }
 
 }  // namespace

@@ -1,28 +1,20 @@
 // JPEG decoding with libjpeg(-turbo): DCT scaling on load, scanlines streamed
-// through colour conversion into the area reducer, EXIF orientation last.
-#include <atomic>
+// into the area reducers, colour conversion and EXIF orientation last.
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <jpeglib.h>
 // jerror.h needs the types of jpeglib.h.
 #include <jerror.h>
 
-#include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/decoders.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
-#include "lib/image/pipelined-reducer.h"
-#include "lib/image/transform.h"
+#include "lib/image/reducing-sink.h"
 
 namespace tessera {
 namespace image {
@@ -263,133 +255,16 @@ uint64_t EstimateDecodeBytes(const jpeg_decompress_struct& cinfo) {
   return bytes + static_cast<uint64_t>(cinfo.image_width) * 4 * 2;
 }
 
-// A JPEG decoded at one DCT scale, kept for the next request of the same
-// content: the tool asks for one file at several sizes in a row, and the
-// smaller ones often need the same scale (1/8 serves both 3 x 120 and
-// 3 x 240 for most camera pictures). Only small pictures are kept, so the
-// cache never dominates memory; larger ones stream through the reducer.
-constexpr uint64_t kMaxCachedBytes = 8 << 20;
-
-struct ScaledPicture {
-  std::string key;
-  unsigned scale_denom = 0;
-  Bitmap bitmap;  // converted BGRA rows, exactly as the reducer receives them
-};
-
-class ScaledPictureCache {
- public:
-  std::shared_ptr<const ScaledPicture> Find(const std::string& key, unsigned scale_denom) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (picture_ && picture_->key == key && picture_->scale_denom == scale_denom) return picture_;
-    return nullptr;
-  }
-  void Keep(std::shared_ptr<const ScaledPicture> picture) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    picture_ = std::move(picture);
-  }
-
- private:
-  std::mutex mutex_;
-  std::shared_ptr<const ScaledPicture> picture_;
-};
-
-ScaledPictureCache& TheScaledPictureCache() {
-  static ScaledPictureCache* cache = new ScaledPictureCache();
-  return *cache;
-}
-
-// A fresh decode of one request, as a new decoder gives it (defined below).
-void DecodeFresh(ByteSource* source, uint32_t cx, Status* status, Bitmap* out);
-
-// A later request of the run decoded ahead on another thread. The tool asks
-// for one file at several sizes in a row, and the largest needs a decode at a
-// larger DCT scale than the others, which costs as much as they do together:
-// started with the first request, it runs on the second core while the
-// calling thread serves the smaller ones. Its result is exactly a fresh
-// decode's (a new decoder on the same open file), handed to the request for
-// the same content and cx.
-class DecodesAhead {
- public:
-  // Starts decoding `cx` from `source` unless a decode ahead was already
-  // started for this content.
-  void Start(const std::string& key, uint32_t cx, std::unique_ptr<ByteSource> source) {
-    std::unique_ptr<Ahead> previous;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (key == started_key_) return;
-      started_key_ = key;
-      previous = std::move(ahead_);
-      std::unique_ptr<Ahead> ahead(new (std::nothrow) Ahead);
-      if (ahead) {
-        ahead->key = key;
-        ahead->cx = cx;
-        try {
-          Ahead* raw = ahead.get();
-          ahead->thread = std::thread([raw, source = std::move(source)] {
-            DecodeFresh(source.get(), raw->cx, &raw->status, &raw->bitmap);
-            raw->done = true;
-          });
-          ahead_ = std::move(ahead);
-        } catch (const std::exception&) {
-          // No thread to be had: the request decodes when it comes.
-        }
-      }
-    }
-    // Another file's decode that nobody asked for.
-    if (previous) previous->thread.join();
-  }
-
-  // Whether `cx` of `key` was started ahead; if so, waits for it and hands
-  // over its result.
-  bool Take(const std::string& key, uint32_t cx, Status* status, Bitmap* out) {
-    std::unique_ptr<Ahead> taken;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (!ahead_ || ahead_->key != key || ahead_->cx != cx) return false;
-      taken = std::move(ahead_);
-    }
-    taken->thread.join();
-    *status = taken->status;
-    if (status->ok()) *out = std::move(taken->bitmap);
-    return true;
-  }
-
-  bool Running() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return ahead_ && !ahead_->done;
-  }
-
- private:
-  struct Ahead {
-    std::string key;
-    uint32_t cx = 0;
-    std::thread thread;
-    std::atomic<bool> done{false};
-    Status status;
-    Bitmap bitmap;
-  };
-
-  std::mutex mutex_;
-  std::string started_key_;
-  std::unique_ptr<Ahead> ahead_;
-};
-
-DecodesAhead& TheDecodesAhead() {
-  static DecodesAhead* ahead = new DecodesAhead();
-  return *ahead;
-}
-
-class JpegDecoder : public ImageDecoder {
+// Decodes at the DCT scale that the largest request of the run needs and
+// reduces the rows to every size the run asks for (ReducingSink::FanOut): a
+// second decode at a smaller scale costs as much entropy decoding as the
+// first, and for a progressive file a pass over all its scans, while one
+// more reduction of rows already decoded costs a few milliseconds on the
+// second core. Colour is converted after the reduction.
+class JpegDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
-    if (!content_key_.empty()) {
-      Status ahead_status;
-      if (TheDecodesAhead().Take(content_key_, cx, &ahead_status, out)) {
-        // The largest request of the run: no later one needs a kept picture.
-        TheScaledPictureCache().Keep(nullptr);
-        return ahead_status;
-      }
-    }
+    if (TakeKept(cx, out)) return Status::OK();
     std::unique_ptr<JpegReader> reader(new (std::nothrow) JpegReader(source));
     if (!reader) return Status::Internal("out of memory");
     if (!reader->Create()) return Status::Internal("cannot create a JPEG decompressor");
@@ -398,156 +273,67 @@ class JpegDecoder : public ImageDecoder {
     if (!WithinPixelLimits(cinfo->image_width, cinfo->image_height)) {
       return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
     }
-    if (EstimateDecodeBytes(*cinfo) > kMaxDecodeBytes) {
-      return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
-    }
+    const uint64_t planned_bytes = EstimateDecodeBytes(*cinfo);
+    if (planned_bytes > kMaxDecodeBytes) return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
 
+    // Rows reach the sink in the layout of the colour transform that
+    // follows the reduction: BGRA, CMYK, or gray expanded to BGRA.
     PixelLayout layout = PixelLayout::kBgra8;
-    int bytes_per_pixel = 4;
     bool invert_cmyk = false;
     if (cinfo->jpeg_color_space == JCS_CMYK || cinfo->jpeg_color_space == JCS_YCCK) {
       cinfo->out_color_space = JCS_CMYK;
       layout = PixelLayout::kCmyk8;
       // Adobe applications write CMYK with 0 meaning full ink.
       invert_cmyk = cinfo->saw_Adobe_marker;
-    } else if (cinfo->jpeg_color_space == JCS_GRAYSCALE && reader->icc() != nullptr) {
-      // Only a gray profile can describe gray samples.
-      cinfo->out_color_space = JCS_GRAYSCALE;
-      layout = PixelLayout::kGray8;
-      bytes_per_pixel = 1;
     } else {
+      // Only a gray profile can describe gray samples.
+      if (cinfo->jpeg_color_space == JCS_GRAYSCALE && reader->icc() != nullptr) layout = PixelLayout::kGrayBgra8;
       cinfo->out_color_space = JCS_EXT_BGRA;
     }
     cinfo->scale_num = 1;
-    cinfo->scale_denom = static_cast<unsigned>(
-        JpegScaleDenominator(cinfo->image_width, cinfo->image_height, cx));
-    DecodeAheadIfWorthIt(source, cinfo, cx);
+    cinfo->scale_denom =
+        static_cast<unsigned>(JpegScaleDenominator(cinfo->image_width, cinfo->image_height, ServingCx(cx)));
     // The area reduction that follows hides the difference.
     if (cinfo->scale_denom > 1) cinfo->do_fancy_upsampling = FALSE;
     if (!reader->CalcOutputDimensions()) return Status::InvalidArgument("bad JPEG parameters");
 
     const int width = static_cast<int>(cinfo->output_width);
     const int height = static_cast<int>(cinfo->output_height);
-    int dst_width = 0, dst_height = 0;
-    FitWithin(width, height, cx, &dst_width, &dst_height);
-    if (dst_width <= 0 || dst_height <= 0) return Status::InvalidArgument("empty thumbnail size");
-
-    const ColorTransform transform =
-        ColorTransform::FromIcc(reader->icc(), reader->icc_size(), layout);
-    const bool convert = layout != PixelLayout::kBgra8 || !transform.is_identity();
-
-    const bool cacheable =
-        !content_key_.empty() && static_cast<uint64_t>(width) * height * 4 <= kMaxCachedBytes;
-    std::shared_ptr<const ScaledPicture> cached;
-    if (cacheable) {
-      cached = TheScaledPictureCache().Find(content_key_, cinfo->scale_denom);
-    } else if (!content_key_.empty()) {
-      // A large decode follows: let a kept picture go rather than add to its peak.
-      TheScaledPictureCache().Keep(nullptr);
-    }
-    if (cached && cached->bitmap.width() == width && cached->bitmap.height() == height) {
-      AreaReducer reducer;
-      Status status = AreaReducer::Create(width, height, dst_width, dst_height, &reducer);
-      if (!status.ok()) return status;
-      for (int y = 0; y < height; ++y) reducer.PushRow(cached->bitmap.row(y));
-      Bitmap reduced;
-      status = reducer.Finish(&reduced);
-      if (!status.ok()) return status;
-      return FinishDecode(std::move(reduced), cinfo, out);
-    }
-    // A large decode reduces on a second core while libjpeg decodes; not a
-    // multi-scan one, whose coefficient buffer already sets the peak memory
-    // that the queue of rows would add to.
-    PipelinedReducer reducer;
-    Status status = reducer.Start(width, height, dst_width, dst_height, !jpeg_has_multiple_scans(cinfo));
+    ReducingSink sink;
+    Status status = sink.Init(static_cast<uint64_t>(width), static_cast<uint64_t>(height), cx);
     if (!status.ok()) return status;
-    std::shared_ptr<ScaledPicture> keep;
-    if (cacheable) {
-      keep = std::make_shared<ScaledPicture>();
-      keep->key = content_key_;
-      keep->scale_denom = cinfo->scale_denom;
-      if (!Bitmap::Create(width, height, &keep->bitmap).ok()) keep.reset();
-    }
-
-    // Rows that need converting are read here first; others go straight to
-    // the reducer's buffer.
-    std::vector<uint8_t> row;
-    try {
-      if (convert) row.resize(static_cast<size_t>(width) * bytes_per_pixel);
-    } catch (const std::bad_alloc&) {
-      return Status::Internal("out of memory for JPEG rows");
-    }
+    sink.FanOut(AnticipatedRequests(), planned_bytes);
+    sink.SetColorTransform(ColorTransform::SharedFromIcc(reader->icc(), reader->icc_size(), layout));
 
     if (!reader->Start()) return Status::InvalidArgument("corrupt JPEG data");
+    const size_t row_bytes = static_cast<size_t>(width) * 4;
     for (int y = 0; y < height; ++y) {
       // Rows past the end of the data are left to the reducer, which shows
       // them grey as libjpeg would, without decoding them.
-      if (y >= reader->RowsWithData()) {
-        keep.reset();
-        break;
-      }
-      uint8_t* converted = reducer.NextRow();
-      uint8_t* raw = convert ? row.data() : converted;
-      if (!reader->ReadRow(raw)) return Status::InvalidArgument("corrupt JPEG data");
+      if (y >= reader->RowsWithData()) break;
+      uint8_t* row = sink.NextRow();
+      if (row == nullptr) break;  // Finish reports why
+      if (!reader->ReadRow(row)) return Status::InvalidArgument("corrupt JPEG data");
       if (invert_cmyk) {
-        for (uint8_t& v : row) v = static_cast<uint8_t>(255 - v);
+        for (size_t i = 0; i < row_bytes; ++i) row[i] = static_cast<uint8_t>(255 - row[i]);
       }
-      if (convert) transform.Apply(raw, converted, static_cast<size_t>(width));
-      if (keep) std::memcpy(keep->bitmap.row(y), converted, static_cast<size_t>(width) * 4);
-      reducer.CommitRow();
+      sink.CommitRow();
     }
-    if (keep) TheScaledPictureCache().Keep(std::move(keep));
-    Bitmap reduced;
-    status = reducer.Finish(&reduced);
-    if (!status.ok()) return status;
-    return FinishDecode(std::move(reduced), cinfo, out);
+    return sink.Finish(OrientationFromMarkers(cinfo), out);
   }
-
-  void SetContentKey(const std::string& key) override { content_key_ = key; }
-  void SetAnticipatedRequests(std::vector<uint32_t> cx_values) override { anticipated_ = std::move(cx_values); }
 
  private:
-  // Starts the largest anticipated request that needs another DCT scale than
-  // this one on another thread. Not for multi-scan files, whose every decode
-  // holds all coefficients of the image: two at once would double the peak.
-  void DecodeAheadIfWorthIt(ByteSource* source, jpeg_decompress_struct* cinfo, uint32_t cx) {
-    if (content_key_.empty() || jpeg_has_multiple_scans(cinfo)) return;
-    uint32_t ahead = 0;
-    for (uint32_t other : anticipated_) {
-      if (other > cx && other > ahead &&
-          JpegScaleDenominator(cinfo->image_width, cinfo->image_height, other) !=
-              static_cast<int>(cinfo->scale_denom)) {
-        ahead = other;
-      }
-    }
-    if (ahead == 0) return;
-    std::unique_ptr<ByteSource> copy = source->Duplicate();
-    if (copy) TheDecodesAhead().Start(content_key_, ahead, std::move(copy));
+  // The cx whose DCT scale this decode uses: the largest the run will ask
+  // for, when it tells its requests (and so can keep what it fans out).
+  uint32_t ServingCx(uint32_t cx) const {
+    const FanOutRequest run = AnticipatedRequests();
+    if (run.key.empty()) return cx;
+    for (uint32_t other : run.cx_values) cx = other > cx ? other : cx;
+    return cx;
   }
-
-  static Status FinishDecode(Bitmap bitmap, jpeg_decompress_struct* cinfo, Bitmap* out) {
-    Status status = ApplyExifOrientation(OrientationFromMarkers(cinfo), &bitmap);
-    if (!status.ok()) return status;
-    *out = std::move(bitmap);
-    return Status::OK();
-  }
-
-  std::string content_key_;
-  std::vector<uint32_t> anticipated_;
 };
 
-void DecodeFresh(ByteSource* source, uint32_t cx, Status* status, Bitmap* out) {
-  try {
-    JpegDecoder decoder;
-    *status = decoder.Decode(source, cx, out);
-  } catch (const std::exception&) {
-    *status = Status::Internal("out of memory decoding ahead");
-  }
-}
-
 }  // namespace
-
-bool HasDecodesAhead() { return TheDecodesAhead().Running(); }
 
 int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
   const uint64_t longer = width > height ? width : height;

@@ -1,5 +1,6 @@
 #include "lib/image/pipelined-reducer.h"
 
+#include <cstring>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -9,10 +10,17 @@ namespace image {
 
 PipelinedReducer::~PipelinedReducer() { Stop(); }
 
-Status PipelinedReducer::Start(int src_width, int src_height, int dst_width, int dst_height, bool threaded) {
+Status PipelinedReducer::Start(std::vector<AreaReducer> reducers, bool threaded) {
   Stop();
-  Status status = AreaReducer::Create(src_width, src_height, dst_width, dst_height, &reducer_);
-  if (!status.ok()) return status;
+  if (reducers.empty() || reducers[0].source_width() <= 0) return Status::InvalidArgument("nothing to reduce");
+  const int src_width = reducers[0].source_width();
+  const int src_height = reducers[0].source_height();
+  for (const AreaReducer& reducer : reducers) {
+    if (reducer.source_width() != src_width || reducer.source_height() != src_height) {
+      return Status::InvalidArgument("reducers of different sources");
+    }
+  }
+  reducers_ = std::move(reducers);
   row_bytes_ = static_cast<size_t>(src_width) * Bitmap::kBytesPerPixel;
   rows_committed_ = 0;
   closing_ = false;
@@ -44,10 +52,24 @@ Status PipelinedReducer::Start(int src_width, int src_height, int dst_width, int
   return Status::OK();
 }
 
+void PipelinedReducer::Reduce(const uint8_t* row) {
+  for (AreaReducer& reducer : reducers_) reducer.PushRow(row);
+}
+
+void PipelinedReducer::PushRow(const uint8_t* row) {
+  if (filling_ == nullptr) {
+    ++rows_committed_;
+    Reduce(row);
+    return;
+  }
+  std::memcpy(next_row_, row, row_bytes_);
+  CommitRow();
+}
+
 void PipelinedReducer::CommitRow() {
   ++rows_committed_;
   if (filling_ == nullptr) {
-    reducer_.PushRow(inline_row_.data());
+    Reduce(inline_row_.data());
     return;
   }
   if (++filling_->count < kRowsPerChunk) {
@@ -79,7 +101,7 @@ void PipelinedReducer::Run() {
       chunk = full_.front();
       full_.pop_front();
     }
-    for (int i = 0; i < chunk->count; ++i) reducer_.PushRow(chunk->rows.data() + row_bytes_ * static_cast<size_t>(i));
+    for (int i = 0; i < chunk->count; ++i) Reduce(chunk->rows.data() + row_bytes_ * static_cast<size_t>(i));
     std::lock_guard<std::mutex> lock(mutex_);
     free_.push_back(chunk);
     changed_.notify_all();
@@ -100,11 +122,17 @@ void PipelinedReducer::Stop() {
   filling_ = nullptr;
 }
 
-Status PipelinedReducer::Finish(Bitmap* out) {
+Status PipelinedReducer::Finish(std::vector<Bitmap>* out) {
   if (filling_ != nullptr && filling_->count > 0) Publish();
   // The worker drains what is queued before it sees the close.
   Stop();
-  return reducer_.Finish(out);
+  std::vector<Bitmap> results(reducers_.size());
+  for (size_t i = 0; i < reducers_.size(); ++i) {
+    Status status = reducers_[i].Finish(&results[i]);
+    if (!status.ok()) return status;
+  }
+  *out = std::move(results);
+  return Status::OK();
 }
 
 }  // namespace image

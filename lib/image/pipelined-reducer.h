@@ -1,17 +1,19 @@
-// An AreaReducer fed through a short queue of row buffers. For a large
-// source the reduction runs on a second thread, so that the decoder that
-// produces the rows and the reducer share two cores; a small source is
-// reduced on the calling thread, where a thread would cost more than it
-// saves. Either way the result is exactly the AreaReducer's.
+// Area reducers fed through a short queue of row buffers. One decode's rows
+// can be reduced to several sizes at once; for a large source the reduction
+// runs on a second thread, so that the decoder that produces the rows and the
+// reducers share two cores. A small source is reduced on the calling thread,
+// where a thread would cost more than it saves. Either way every result is
+// exactly its AreaReducer's.
 //
-//   PipelinedReducer reducer;
-//   Status s = reducer.Start(src_w, src_h, dst_w, dst_h);
-//   for each source row: write src_w BGRA pixels to reducer.NextRow(), then
-//                        reducer.CommitRow();
-//   s = reducer.Finish(&bitmap);
+//   std::vector<AreaReducer> reducers = ...;  // all for one source size
+//   PipelinedReducer pipeline;
+//   Status s = pipeline.Start(std::move(reducers));
+//   for each source row: write src_w BGRA pixels to pipeline.NextRow(),
+//                        then pipeline.CommitRow();
+//   s = pipeline.Finish(&bitmaps);  // one per reducer, in order
 //
-// Abandoning a reducer (destroying it without Finish) stops its thread.
-// Not thread-safe: one producer per reducer.
+// Abandoning a pipeline (destroying it without Finish) stops its thread.
+// Not thread-safe: one producer per pipeline.
 #ifndef TESSERA_LIB_IMAGE_PIPELINED_REDUCER_H_
 #define TESSERA_LIB_IMAGE_PIPELINED_REDUCER_H_
 
@@ -40,30 +42,35 @@ class PipelinedReducer {
   PipelinedReducer& operator=(const PipelinedReducer&) = delete;
   ~PipelinedReducer();
 
-  // Prepares the reduction (see AreaReducer::Create for the sizes accepted).
-  // `threaded` may turn the second thread off, for callers that know better.
-  Status Start(int src_width, int src_height, int dst_width, int dst_height, bool threaded = true);
+  // Takes over `reducers` (at least one, all made for the same source size)
+  // and prepares the row queue. `threaded` may turn the second thread off.
+  Status Start(std::vector<AreaReducer> reducers, bool threaded = true);
 
   // The buffer for the next source row: source width x 4 bytes, valid until
   // CommitRow().
   uint8_t* NextRow() { return next_row_; }
   // Hands the row written to NextRow() to the reduction.
   void CommitRow();
+  // The same for a row the caller holds: copied when the rows travel to the
+  // other thread, reduced in place otherwise.
+  void PushRow(const uint8_t* row);
   int rows_committed() const { return rows_committed_; }
 
-  // Waits for the reduction and hands over its result (rows never
-  // committed are mid grey, as with AreaReducer).
-  Status Finish(Bitmap* out);
+  // Waits for the reduction and hands over the results, one per reducer in
+  // the order given (rows never committed are mid grey, as with
+  // AreaReducer). Fails, with *out untouched, when any reducer fails.
+  Status Finish(std::vector<Bitmap>* out);
 
  private:
   static constexpr int kRowsPerChunk = 8;
   static constexpr int kChunks = 4;
 
+  void Reduce(const uint8_t* row);
   void Run();
   void Publish();
   void Stop();
 
-  AreaReducer reducer_;
+  std::vector<AreaReducer> reducers_;
   size_t row_bytes_ = 0;
   int rows_committed_ = 0;
   uint8_t* next_row_ = nullptr;

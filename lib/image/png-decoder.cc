@@ -50,10 +50,10 @@ Status SpngError(const char* what, int error) {
   return Status::InvalidArgument(std::string(what) + ": " + spng_strerror(error));
 }
 
-// RGBA as decoded -> BGRA, sRGB, pushed to the sink (which flattens it).
-void PushRow(const ColorTransform& transform, uint8_t* pixels, size_t count, ReducingSink* sink) {
+// RGBA as decoded -> BGRA, pushed to the sink (which flattens it and
+// converts the colour of the reduced result).
+void PushRow(uint8_t* pixels, size_t count, ReducingSink* sink) {
   for (size_t i = 0; i < count; ++i) std::swap(pixels[4 * i], pixels[4 * i + 2]);
-  if (!transform.is_identity()) transform.Apply(pixels, pixels, count);
   sink->PushStraightRow(pixels);
 }
 
@@ -81,12 +81,6 @@ class PngDecoder : public ReducingDecoder {
     const int width = static_cast<int>(ihdr.width);
     const int height = static_cast<int>(ihdr.height);
 
-    ColorTransform transform;
-    spng_iccp iccp;
-    if (spng_get_iccp(ctx.get(), &iccp) == 0) {
-      transform = ColorTransform::FromIcc(reinterpret_cast<const uint8_t*>(iccp.profile),
-                                          iccp.profile_len, PixelLayout::kBgra8);
-    }
     int orientation = 1;
     spng_exif exif;
     if (spng_get_exif(ctx.get(), &exif) == 0) {
@@ -96,21 +90,25 @@ class PngDecoder : public ReducingDecoder {
     ReducingSink sink;
     Status status = sink.Init(ihdr.width, ihdr.height, cx);
     if (!status.ok()) return status;
+    spng_iccp iccp;
+    if (spng_get_iccp(ctx.get(), &iccp) == 0) {
+      sink.SetColorTransform(ColorTransform::SharedFromIcc(reinterpret_cast<const uint8_t*>(iccp.profile),
+                                                           iccp.profile_len, PixelLayout::kBgra8));
+    }
 
     const size_t row_bytes = static_cast<size_t>(width) * 4;
     if (ihdr.interlace_method != SPNG_INTERLACE_NONE) {
-      status = DecodeInterlaced(ctx.get(), width, height, transform, AnticipatedRequests(), &sink);
+      status = DecodeInterlaced(ctx.get(), width, height, AnticipatedRequests(), &sink);
     } else {
       sink.FanOut(AnticipatedRequests(), row_bytes);
-      status = DecodeRows(ctx.get(), row_bytes, height, transform, &sink);
+      status = DecodeRows(ctx.get(), row_bytes, height, &sink);
     }
     if (!status.ok()) return status;
     return sink.Finish(orientation, out);
   }
 
  private:
-  static Status DecodeRows(spng_ctx* ctx, size_t row_bytes, int height,
-                           const ColorTransform& transform, ReducingSink* sink) {
+  static Status DecodeRows(spng_ctx* ctx, size_t row_bytes, int height, ReducingSink* sink) {
     std::vector<uint8_t> row;
     try {
       row.resize(row_bytes);
@@ -128,14 +126,14 @@ class PngDecoder : public ReducingDecoder {
         if (y > 0) return Status::OK();
         return SpngError("PNG data", error);
       }
-      PushRow(transform, row.data(), row_bytes / 4, sink);
+      PushRow(row.data(), row_bytes / 4, sink);
       if (error == SPNG_EOI) break;
     }
     return Status::OK();
   }
 
-  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height, const ColorTransform& transform,
-                                 const FanOutRequest& fan_out, ReducingSink* sink) {
+  static Status DecodeInterlaced(spng_ctx* ctx, int width, int height, const FanOutRequest& fan_out,
+                                 ReducingSink* sink) {
     size_t size = 0;
     int error = spng_decoded_image_size(ctx, SPNG_FMT_RGBA8, &size);
     if (error != 0) return SpngError("PNG size", error);
@@ -148,7 +146,7 @@ class PngDecoder : public ReducingDecoder {
     const size_t row_bytes = static_cast<size_t>(width) * 4;
     for (int y = 0; y < height; ++y) {
       uint8_t* row = pixels.get() + row_bytes * static_cast<size_t>(y);
-      PushRow(transform, row, static_cast<size_t>(width), sink);
+      PushRow(row, static_cast<size_t>(width), sink);
     }
     return Status::OK();
   }

@@ -12,19 +12,12 @@ namespace tessera {
 namespace image {
 namespace {
 
-Status FinishUpright(AreaReducer* reducer, const ColorTransform* transform, int orientation, Bitmap* out) {
-  Bitmap reduced;
-  Status status = reducer->Finish(&reduced);
-  if (!status.ok()) return status;
+Status Upright(const ColorTransform* transform, int orientation, Bitmap* bitmap) {
   if (transform != nullptr && !transform->is_identity()) {
-    transform->Apply(reduced.data(), reduced.data(), static_cast<size_t>(reduced.width()) * reduced.height());
+    transform->Apply(bitmap->data(), bitmap->data(), static_cast<size_t>(bitmap->width()) * bitmap->height());
   }
-  if (orientation != 1) {
-    status = ApplyExifOrientation(orientation, &reduced);
-    if (!status.ok()) return status;
-  }
-  *out = std::move(reduced);
-  return Status::OK();
+  if (orientation == 1) return Status::OK();
+  return ApplyExifOrientation(orientation, bitmap);
 }
 
 }  // namespace
@@ -39,11 +32,15 @@ Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
   int dst_height = 0;
   FitWithin(width_, height_, cx, &dst_width, &dst_height);
   output_bytes_ = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
-  return AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer_);
+  reducers_.clear();
+  extra_cx_.clear();
+  started_ = false;
+  reducers_.emplace_back();
+  return AreaReducer::Create(width_, height_, dst_width, dst_height, &reducers_.back());
 }
 
 void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) {
-  if (request.key.empty() || reducer_.source_width() == 0 || !extras_.empty()) return;
+  if (request.key.empty() || started_ || reducers_.size() != 1 || reducers_[0].source_width() == 0) return;
   std::vector<uint32_t> sizes = request.cx_values;
   std::sort(sizes.begin(), sizes.end());
   sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
@@ -56,23 +53,37 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     const uint64_t bytes = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
     // Sizes only grow from here.
     if (outputs + bytes > kMaxFanOutBytes || !WithinDecodeBudget(planned_bytes + outputs + bytes)) break;
-    Extra extra;
-    extra.cx = cx;
-    if (!AreaReducer::Create(width_, height_, dst_width, dst_height, &extra.reducer).ok()) break;
+    AreaReducer reducer;
+    if (!AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) break;
     outputs += bytes;
-    extras_.push_back(std::move(extra));
+    reducers_.push_back(std::move(reducer));
+    extra_cx_.push_back(cx);
   }
   key_ = request.key;
 }
 
-void ReducingSink::PushFlattenedRow(const uint8_t* bgra) {
-  reducer_.PushRow(bgra);
-  for (Extra& extra : extras_) extra.reducer.PushRow(bgra);
+bool ReducingSink::Started() {
+  if (!started_) {
+    started_ = true;
+    start_status_ = pipeline_.Start(std::move(reducers_));
+    reducers_.clear();
+  }
+  return start_status_.ok();
+}
+
+uint8_t* ReducingSink::NextRow() { return Started() ? pipeline_.NextRow() : nullptr; }
+
+void ReducingSink::CommitRow() {
+  if (Started()) pipeline_.CommitRow();
+}
+
+void ReducingSink::PushOpaqueRow(const uint8_t* row) {
+  if (Started()) pipeline_.PushRow(row);
 }
 
 void ReducingSink::PushStraightRow(uint8_t* bgra) {
   FlattenOverWhite(bgra, static_cast<size_t>(width_));
-  PushFlattenedRow(bgra);
+  PushOpaqueRow(bgra);
 }
 
 void ReducingSink::PushPremultipliedRow(uint8_t* bgra) {
@@ -86,23 +97,25 @@ void ReducingSink::PushPremultipliedRow(uint8_t* bgra) {
     }
     p[3] = 255;
   }
-  PushFlattenedRow(bgra);
+  PushOpaqueRow(bgra);
 }
 
 Status ReducingSink::Finish(int orientation, Bitmap* out) {
-  Bitmap reduced;
-  Status status = FinishUpright(&reducer_, transform_.get(), orientation, &reduced);
+  if (!Started()) return start_status_;
+  std::vector<Bitmap> results;
+  Status status = pipeline_.Finish(&results);
+  if (!status.ok()) return status;
+  status = Upright(transform_.get(), orientation, &results[0]);
   if (!status.ok()) return status;
   // A fanned-out result that cannot be finished is simply not kept: its own
   // request then decodes the file.
-  for (Extra& extra : extras_) {
-    Bitmap bitmap;
-    if (FinishUpright(&extra.reducer, transform_.get(), orientation, &bitmap).ok()) {
-      TheReductionCache().Keep(key_, extra.cx, std::move(bitmap));
+  for (size_t i = 1; i < results.size(); ++i) {
+    if (Upright(transform_.get(), orientation, &results[i]).ok()) {
+      TheReductionCache().Keep(key_, extra_cx_[i - 1], std::move(results[i]));
     }
   }
-  extras_.clear();
-  *out = std::move(reduced);
+  extra_cx_.clear();
+  *out = std::move(results[0]);
   return Status::OK();
 }
 

@@ -1,8 +1,9 @@
-// The common back end of the streaming decoders (TIFF, PNG, GIF, BMP): takes
-// source rows top to bottom, flattens them over white and reduces them to
-// the thumbnail size on the fly, then makes the result upright. The same
-// rows can feed reductions to the other sizes a run will ask for, which are
-// then kept in the reduction cache. Internal to lib/image.
+// The common back end of the decoders: takes source rows top to bottom,
+// flattens them over white where they carry alpha, reduces them to the
+// thumbnail size on the fly (on a second thread for large sources), converts
+// the result's colour and makes it upright. The same rows can feed
+// reductions to the other sizes a run will ask for, which are then kept in
+// the reduction cache. Internal to lib/image.
 #ifndef TESSERA_LIB_IMAGE_REDUCING_SINK_H_
 #define TESSERA_LIB_IMAGE_REDUCING_SINK_H_
 
@@ -17,6 +18,7 @@
 #include "lib/image/bitmap.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/image-decoder.h"
+#include "lib/image/pipelined-reducer.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -48,20 +50,30 @@ class ReducingSink {
   // keeps their results in the reduction cache. Does nothing for an empty
   // key. Call after Init, before the first row.
   void FanOut(const FanOutRequest& request, uint64_t planned_bytes);
+
   // Converts every result to sRGB with `transform` once it is reduced (and
   // before it is turned upright): converting a few reduced pixels instead of
-  // every decoded one. Rows are pushed in the source's colour space. Call
-  // before Finish; nullptr or an identity transform does nothing.
+  // every decoded one. Rows are pushed in the source's colour space, in the
+  // transform's input layout (BGRA, CMYK or gray expanded to BGRA, four
+  // bytes a pixel). Call before Finish; nullptr or an identity transform
+  // does nothing.
   void SetColorTransform(std::shared_ptr<const ColorTransform> transform) { transform_ = std::move(transform); }
 
   int width() const { return width_; }
   int height() const { return height_; }
 
-  // Pushes one row of width() BGRA pixels with straight alpha. The row is
-  // modified (flattened over white) in place.
+  // Rows go in one of two ways. Rows with alpha are pushed from the
+  // decoder's own buffer, which is modified (flattened over white) in
+  // place:
   void PushStraightRow(uint8_t* bgra);
-  // The same for premultiplied alpha.
   void PushPremultipliedRow(uint8_t* bgra);
+  // Opaque rows (or rows of four channels that are no BGRA, such as CMYK)
+  // are taken as they are, best written straight into the sink's buffer,
+  // which saves a copy: NextRow() is valid until CommitRow(). Nullptr when
+  // the row buffers cannot be had (out of memory): Finish then fails.
+  void PushOpaqueRow(const uint8_t* row);
+  uint8_t* NextRow();
+  void CommitRow();
 
   // Hands over the reduced bitmap turned upright by the EXIF orientation
   // (1 when none), and keeps the fanned-out results, turned alike. Rows
@@ -70,20 +82,21 @@ class ReducingSink {
   Status Finish(int orientation, Bitmap* out);
 
  private:
-  struct Extra {
-    uint32_t cx = 0;
-    AreaReducer reducer;
-  };
-
-  void PushFlattenedRow(const uint8_t* bgra);
+  // Starts the reduction on the first row.
+  bool Started();
 
   int width_ = 0;
   int height_ = 0;
   uint32_t cx_ = 0;
   uint64_t output_bytes_ = 0;
-  AreaReducer reducer_;
+  // Until the first row: the reducer of Init's size, then those of the
+  // fanned-out sizes (their cx in extra_cx_).
+  std::vector<AreaReducer> reducers_;
+  std::vector<uint32_t> extra_cx_;
+  PipelinedReducer pipeline_;
+  Status start_status_;
+  bool started_ = false;
   std::string key_;
-  std::vector<Extra> extras_;
   std::shared_ptr<const ColorTransform> transform_;
 };
 

@@ -339,12 +339,12 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* 
 
   uint16_t photometric = 0;
   TIFFGetFieldDefaulted(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-  ColorTransform transform;
   uint32_t icc_size = 0;
   void* icc = nullptr;
   if ((photometric == PHOTOMETRIC_RGB || photometric == PHOTOMETRIC_YCBCR) &&
       TIFFGetField(tif, TIFFTAG_ICCPROFILE, &icc_size, &icc)) {
-    transform = ColorTransform::FromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8);
+    sink.SetColorTransform(
+        ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8));
   }
   uint16_t orientation = ORIENTATION_TOPLEFT;
   TIFFGetFieldDefaulted(tif, TIFFTAG_ORIENTATION, &orientation);
@@ -371,7 +371,6 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* 
         p[2] = static_cast<uint8_t>(TIFFGetR(v));
         p[3] = static_cast<uint8_t>(TIFFGetA(v));
       }
-      if (!transform.is_identity()) transform.Apply(line, line, width);
       if (has_alpha) {
         sink.PushPremultipliedRow(line);
       } else {
@@ -414,14 +413,19 @@ void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst, boo
   }
 }
 
-// Turns count pixels of 8-bit samples into BGRA. cmyk is scratch of 4 bytes
-// a pixel for CMYK input.
-void SamplesToBgra(const SampleLayout& layout, const ColorTransform& transform, const uint8_t* s,
+// Turns count pixels of 8-bit samples into BGRA, or into CMYK for CMYK
+// input without a transform (the sink converts it after the reduction).
+// cmyk is scratch of 4 bytes a pixel for CMYK input.
+void SamplesToBgra(const SampleLayout& layout, const ColorTransform* cmyk_transform, const uint8_t* s,
                    size_t count, uint8_t* cmyk, uint8_t* bgra) {
   const int n = layout.samples;
   if (layout.color_samples == 4) {
+    if (cmyk_transform == nullptr) {
+      for (size_t x = 0; x < count; ++x) std::memcpy(bgra + x * 4, s + x * n, 4);
+      return;
+    }
     for (size_t x = 0; x < count; ++x) std::memcpy(cmyk + x * 4, s + x * n, 4);
-    transform.Apply(cmyk, bgra, count);
+    cmyk_transform->Apply(cmyk, bgra, count);
   } else if (layout.color_samples == 3) {
     for (size_t x = 0; x < count; ++x) {
       bgra[x * 4] = s[x * n + 2];
@@ -447,11 +451,15 @@ void SamplesToBgra(const SampleLayout& layout, const ColorTransform& transform, 
   if (layout.alpha_index >= 0) {
     for (size_t x = 0; x < count; ++x) bgra[x * 4 + 3] = s[x * n + layout.alpha_index];
   }
-  if (layout.color_samples == 3 && !transform.is_identity()) transform.Apply(bgra, bgra, count);
 }
 
+// CMYK rows without alpha go to the sink as CMYK; all others are BGRA.
+bool ReducesCmyk(const SampleLayout& layout) { return layout.color_samples == 4 && layout.alpha_index < 0; }
+
 void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
-  if (layout.associated_alpha) {
+  if (ReducesCmyk(layout)) {
+    sink->PushOpaqueRow(bgra);
+  } else if (layout.associated_alpha) {
     sink->PushPremultipliedRow(bgra);
   } else {
     sink->PushStraightRow(bgra);
@@ -478,12 +486,20 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
     icc = nullptr;
     icc_size = 0;
   }
-  ColorTransform transform;
+  // Colour is converted after the reduction, but CMYK with alpha must be
+  // converted before it is flattened over white.
+  std::shared_ptr<const ColorTransform> transform;
   if (layout.color_samples == 4) {
     // Without a usable profile this is the built-in press model.
-    transform = ColorTransform::FromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kCmyk8);
+    transform = ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kCmyk8);
   } else if (layout.color_samples == 3 && icc != nullptr) {
-    transform = ColorTransform::FromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8);
+    transform = ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8);
+  }
+  const ColorTransform* cmyk_transform = nullptr;
+  if (layout.color_samples == 4 && !ReducesCmyk(layout)) {
+    cmyk_transform = transform.get();
+  } else {
+    sink.SetColorTransform(transform);
   }
 
   const uint64_t pixel_bits = uint64_t{static_cast<uint32_t>(layout.bits)} * layout.samples;
@@ -509,7 +525,7 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
         break;
       }
       UnpackSamples(line.data(), layout.bits, samples.size(), samples.data(), layout.palette.empty());
-      SamplesToBgra(layout, transform, samples.data(), width, cmyk.data(), bgra.data());
+      SamplesToBgra(layout, cmyk_transform, samples.data(), width, cmyk.data(), bgra.data());
       PushRow(layout, &sink, bgra.data());
     }
     return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
@@ -550,7 +566,7 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
       for (uint32_t r = 0; r < rows; ++r) {
         UnpackSamples(tile.data() + r * tile_row_bytes, layout.bits, size_t{cols} * layout.samples, samples.data(),
                       layout.palette.empty());
-        SamplesToBgra(layout, transform, samples.data(), cols, cmyk.data(),
+        SamplesToBgra(layout, cmyk_transform, samples.data(), cols, cmyk.data(),
                       bgra.data() + (static_cast<size_t>(r) * width + tx) * 4);
       }
     }

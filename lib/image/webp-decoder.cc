@@ -102,9 +102,9 @@ class WebpDecoder : public ImageDecoder {
       orientation = ExifOrientation(chunk.chunk.bytes, chunk.chunk.size);
       WebPDemuxReleaseChunkIterator(&chunk);
     }
-    ColorTransform transform;
+    std::shared_ptr<const ColorTransform> transform;
     if ((flags & ICCP_FLAG) && WebPDemuxGetChunk(demux.get(), "ICCP", 1, &chunk)) {
-      transform = ColorTransform::FromIcc(chunk.chunk.bytes, chunk.chunk.size, PixelLayout::kBgra8);
+      transform = ColorTransform::SharedFromIcc(chunk.chunk.bytes, chunk.chunk.size, PixelLayout::kBgra8);
       WebPDemuxReleaseChunkIterator(&chunk);
     }
 
@@ -126,8 +126,9 @@ class WebpDecoder : public ImageDecoder {
       if (status.ok()) FlattenOverWhite(bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
     }
     if (!status.ok()) return status;
-    if (!transform.is_identity()) {
-      transform.Apply(bitmap.data(), bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
+    // Converted once reduced, like every other decoder's output.
+    if (transform && !transform->is_identity()) {
+      transform->Apply(bitmap.data(), bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
     }
     if (orientation != 1) {
       status = ApplyExifOrientation(orientation, &bitmap);

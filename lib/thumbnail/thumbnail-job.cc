@@ -93,7 +93,9 @@ int32_t GenerateThumbnail(const ThumbnailHelper& /*helper*/, const std::string& 
   const Clock::time_point run_deadline = RunDeadline();
   const Clock::time_point deadline =
       timeout >= run_deadline - now ? run_deadline : now + std::chrono::duration_cast<Clock::duration>(timeout);
-  auto cancellation = std::make_shared<utility::Cancellation>(deadline);
+  // Cancelled by this side once it stops waiting, so the work never sees a
+  // cancellation before the wait has ended.
+  auto cancellation = std::make_shared<utility::Cancellation>();
 
   // The thread owns its own copies of every argument.
   std::thread worker(

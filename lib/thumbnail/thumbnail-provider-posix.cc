@@ -174,8 +174,6 @@ void KeepLargeBlocksMapped() {
 
 }  // namespace
 
-bool HasProviderWorkRunning() { return image::HasDecodesAhead(); }
-
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
   KeepLargeBlocksMapped();
   return std::unique_ptr<ThumbnailProvider>(new PosixThumbnailProvider());

@@ -200,8 +200,6 @@ class ShellThumbnailProvider : public ThumbnailProvider {
 
 }  // namespace
 
-bool HasProviderWorkRunning() { return false; }
-
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
   return std::make_unique<ShellThumbnailProvider>();
 }

@@ -50,11 +50,6 @@ constexpr uint32_t ProviderRequestEdge(uint32_t size) { return 3u * size; }
 // The platform's provider (one definition per platform).
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider();
 
-// Whether the platform's providers still run work that nobody waits for (a
-// decode started ahead of a request that never came). The process must then
-// not end by returning from main: see ExitWithAbandonedJobs.
-bool HasProviderWorkRunning();
-
 // COM initialisation of the calling thread (CoInitializeEx / CoUninitialize
 // on Windows; on POSIX a no-op that reports success). Returns the HRESULT-style
 // code: non-negative is success.

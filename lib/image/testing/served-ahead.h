@@ -30,21 +30,28 @@ inline void ExpectSameBitmap(const Bitmap& expected, const Bitmap& actual) {
 // cx_values under a new content key, then asks new decoders with that key
 // for each other size with an empty source, which only a kept result can
 // serve. Every result, the first one's included, must be byte for byte what
-// a decoder without a key makes of the whole file, and a size whose fresh
+// a fresh decoder makes of the whole file: one without a key, or with
+// `fresh_knows_the_run` one told the same requests under a key of its own
+// (for decoders whose choice of scale depends on them). A size whose fresh
 // decode fails must not be served. Returns the sizes served from kept
 // results.
 inline std::vector<uint32_t> ServedAhead(const DecoderFactory& create, const std::string& bytes,
-                                         const std::vector<uint32_t>& cx_values) {
+                                         const std::vector<uint32_t>& cx_values, bool fresh_knows_the_run = false) {
   static int runs = 0;
   const std::string key = "served-ahead-" + std::to_string(++runs);
   auto source = [&bytes] {
     return ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   };
-  // Before anything is kept: a decode without a key drops what is.
+  // Before anything is kept under `key`.
   std::vector<Bitmap> fresh(cx_values.size());
   std::vector<bool> fresh_ok(cx_values.size());
   for (size_t i = 0; i < cx_values.size(); ++i) {
-    fresh_ok[i] = create()->Decode(source().get(), cx_values[i], &fresh[i]).ok();
+    std::unique_ptr<ImageDecoder> decoder = create();
+    if (fresh_knows_the_run) {
+      decoder->SetContentKey(key + "-fresh-" + std::to_string(i));
+      decoder->SetAnticipatedRequests(cx_values);
+    }
+    fresh_ok[i] = decoder->Decode(source().get(), cx_values[i], &fresh[i]).ok();
   }
   auto keyed = [&] {
     std::unique_ptr<ImageDecoder> decoder = create();
