@@ -449,5 +449,21 @@ void FitWithin(int width, int height, uint32_t cx, int* out_width, int* out_heig
   *out_height = static_cast<int>(w >= h ? shorter : limit);
 }
 
+void ShorterSideTo(int width, int height, uint32_t edge, int* out_width, int* out_height) {
+  const int64_t s = edge;
+  if (width > s && height > s) {
+    if (width < height) {
+      *out_width = static_cast<int>(s);
+      *out_height = static_cast<int>(static_cast<double>(edge) / width * height);
+    } else {
+      *out_width = static_cast<int>(static_cast<double>(edge) / height * width);
+      *out_height = static_cast<int>(s);
+    }
+  } else {
+    *out_width = width;
+    *out_height = height;
+  }
+}
+
 }  // namespace image
 }  // namespace tessera

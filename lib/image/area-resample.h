@@ -60,6 +60,13 @@ class AreaReducer {
 // aspect ratio and never enlarging: the contract of every thumbnail provider.
 void FitWithin(int width, int height, uint32_t cx, int* out_width, int* out_height);
 
+// The size a thumbnail whose shorter side is `edge` has when made from a
+// width x height picture: the shorter side becomes `edge` and the longer one
+// follows the aspect ratio, truncated (division first, in double). A
+// picture whose shorter side is already at most `edge` keeps its size.
+// Applied to its own result it changes nothing.
+void ShorterSideTo(int width, int height, uint32_t edge, int* out_width, int* out_height);
+
 }  // namespace image
 }  // namespace tessera
 

@@ -25,8 +25,11 @@ std::unique_ptr<ImageDecoder> CreateHeifDecoder();
 std::unique_ptr<ImageDecoder> CreateRawDecoder();
 
 // The JPEG decoder's shrink-on-load choice: the denominator (1, 2, 4 or 8)
-// of the largest DCT reduction that keeps the longer side of the scaled
-// image at least cx. Scaled sides are rounded up, as the codec does.
+// of the largest DCT reduction whose scaled image still covers
+// need_width x need_height. Scaled sides are rounded up, as the codec does.
+int JpegScaleDenominator(uint32_t width, uint32_t height, int need_width, int need_height);
+// The same for a result that fits cx (FitWithin): the longer side of the
+// scaled image stays at least cx.
 int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx);
 
 }  // namespace image

@@ -55,6 +55,12 @@ class ImageDecoder {
   // what a fresh decoder told the same requests returns. The default
   // ignores them.
   virtual void SetAnticipatedRequests(std::vector<uint32_t> /*cx_values*/) {}
+  // Tells the decoder that the caller makes each result for a request of cx
+  // smaller still, to a shorter side of cx / divisor (ShorterSideTo in
+  // area-resample.h). The decoder may then return that size directly, which
+  // the caller takes as it is: the same thumbnail without a picture of up to
+  // nine times its area in between. 0, the default, tells nothing.
+  virtual void SetCallerEdgeDivisor(uint32_t /*divisor*/) {}
 };
 
 // The decoder for a format, or nullptr when none is built in.

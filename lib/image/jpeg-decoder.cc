@@ -4,12 +4,15 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <algorithm>
 #include <new>
+#include <vector>
 
 #include <jpeglib.h>
 // jerror.h needs the types of jpeglib.h.
 #include <jerror.h>
 
+#include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/decoders.h"
 #include "lib/image/exif-orientation.h"
@@ -291,8 +294,7 @@ class JpegDecoder : public ReducingDecoder {
       cinfo->out_color_space = JCS_EXT_BGRA;
     }
     cinfo->scale_num = 1;
-    cinfo->scale_denom =
-        static_cast<unsigned>(JpegScaleDenominator(cinfo->image_width, cinfo->image_height, ServingCx(cx)));
+    cinfo->scale_denom = ScaleDenominator(cinfo->image_width, cinfo->image_height, cx);
     // The area reduction that follows hides the difference.
     if (cinfo->scale_denom > 1) cinfo->do_fancy_upsampling = FALSE;
     if (!reader->CalcOutputDimensions()) return Status::InvalidArgument("bad JPEG parameters");
@@ -323,24 +325,44 @@ class JpegDecoder : public ReducingDecoder {
   }
 
  private:
-  // The cx whose DCT scale this decode uses: the largest the run will ask
-  // for, when it tells its requests (and so can keep what it fans out).
-  uint32_t ServingCx(uint32_t cx) const {
+  // The DCT scale of this decode: the smallest picture that still covers
+  // every result it makes, this request's and, when the run is told, those
+  // of the run's other requests, which it serves too.
+  unsigned ScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) const {
     const FanOutRequest run = AnticipatedRequests();
-    if (run.key.empty()) return cx;
-    for (uint32_t other : run.cx_values) cx = other > cx ? other : cx;
-    return cx;
+    std::vector<uint32_t> requests = {cx};
+    if (!run.key.empty()) requests.insert(requests.end(), run.cx_values.begin(), run.cx_values.end());
+    int need_width = 0;
+    int need_height = 0;
+    for (uint32_t request : requests) {
+      int w = 0;
+      int h = 0;
+      RequestedSize(static_cast<int>(width), static_cast<int>(height), request, run.edge_divisor, &w, &h);
+      need_width = std::max(need_width, w);
+      need_height = std::max(need_height, h);
+    }
+    return static_cast<unsigned>(JpegScaleDenominator(width, height, need_width, need_height));
   }
 };
 
 }  // namespace
 
-int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
-  const uint64_t longer = width > height ? width : height;
+int JpegScaleDenominator(uint32_t width, uint32_t height, int need_width, int need_height) {
   for (uint64_t denom : {8, 4, 2}) {
-    if ((longer + denom - 1) / denom >= cx) return static_cast<int>(denom);
+    if ((width + denom - 1) / denom >= static_cast<uint64_t>(std::max(need_width, 0)) &&
+        (height + denom - 1) / denom >= static_cast<uint64_t>(std::max(need_height, 0))) {
+      return static_cast<int>(denom);
+    }
   }
   return 1;
+}
+
+int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
+  if (!WithinPixelLimits(width, height)) return 1;
+  int need_width = 0;
+  int need_height = 0;
+  FitWithin(static_cast<int>(width), static_cast<int>(height), cx, &need_width, &need_height);
+  return JpegScaleDenominator(width, height, need_width, need_height);
 }
 
 std::unique_ptr<ImageDecoder> CreateJpegDecoder() {

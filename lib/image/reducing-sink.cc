@@ -39,8 +39,23 @@ Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
   return AreaReducer::Create(width_, height_, dst_width, dst_height, &reducers_.back());
 }
 
+void RequestedSize(int width, int height, uint32_t cx, uint32_t edge_divisor, int* out_width, int* out_height) {
+  FitWithin(width, height, cx, out_width, out_height);
+  if (edge_divisor != 0) ShorterSideTo(*out_width, *out_height, cx / edge_divisor, out_width, out_height);
+}
+
 void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) {
-  if (request.key.empty() || started_ || reducers_.size() != 1 || reducers_[0].source_width() == 0) return;
+  if (started_ || reducers_.size() != 1 || reducers_[0].source_width() == 0) return;
+  if (request.edge_divisor != 0) {
+    int dst_width = 0;
+    int dst_height = 0;
+    RequestedSize(width_, height_, cx_, request.edge_divisor, &dst_width, &dst_height);
+    AreaReducer reducer;
+    if (!AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) return;
+    reducers_[0] = std::move(reducer);
+    output_bytes_ = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
+  }
+  if (request.key.empty()) return;
   std::vector<uint32_t> sizes = request.cx_values;
   std::sort(sizes.begin(), sizes.end());
   sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
@@ -49,7 +64,7 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     if (cx == 0 || cx == cx_ || TheReductionCache().Contains(request.key, cx)) continue;
     int dst_width = 0;
     int dst_height = 0;
-    FitWithin(width_, height_, cx, &dst_width, &dst_height);
+    RequestedSize(width_, height_, cx, request.edge_divisor, &dst_width, &dst_height);
     const uint64_t bytes = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
     // Sizes only grow from here.
     if (outputs + bytes > kMaxFanOutBytes || !WithinDecodeBudget(planned_bytes + outputs + bytes)) break;

@@ -31,7 +31,13 @@ namespace image {
 struct FanOutRequest {
   std::string key;
   std::vector<uint32_t> cx_values;
+  // See ImageDecoder::SetCallerEdgeDivisor; 0 for none.
+  uint32_t edge_divisor = 0;
 };
+
+// The size of the result for a request of cx from a width x height picture:
+// FitWithin(cx), then, with an edge divisor, ShorterSideTo(cx / divisor).
+void RequestedSize(int width, int height, uint32_t cx, uint32_t edge_divisor, int* out_width, int* out_height);
 
 // All output bitmaps of one fanned-out decode together stay within this.
 constexpr uint64_t kMaxFanOutBytes = uint64_t{96} << 20;
@@ -43,12 +49,14 @@ class ReducingSink {
   // limits with ImageTooLargeError before allocating. Not thread-safe.
   Status Init(uint64_t width, uint64_t height, uint32_t cx);
 
-  // Reduces the same rows to the request's sizes as well (except Init's cx
-  // and those already kept under the key), smallest first, as long as all
-  // outputs together stay within kMaxFanOutBytes and, with `planned_bytes`
-  // (what the decoder allocates itself), within kMaxDecodeBytes. Finish
-  // keeps their results in the reduction cache. Does nothing for an empty
-  // key. Call after Init, before the first row.
+  // Shapes Init's result to the request's edge divisor (RequestedSize), and
+  // reduces the same rows to the request's other sizes as well (except
+  // Init's cx and those already kept under the key), smallest first, as
+  // long as all outputs together stay within kMaxFanOutBytes and, with
+  // `planned_bytes` (what the decoder allocates itself), within
+  // kMaxDecodeBytes. Finish keeps their results in the reduction cache.
+  // Fans out nothing for an empty key. Call after Init, before the first
+  // row.
   void FanOut(const FanOutRequest& request, uint64_t planned_bytes);
 
   // Converts every result to sRGB with `transform` once it is reduced (and
@@ -106,6 +114,7 @@ class ReducingDecoder : public ImageDecoder {
  public:
   void SetContentKey(const std::string& key) override { key_ = key; }
   void SetAnticipatedRequests(std::vector<uint32_t> cx_values) override { anticipated_ = std::move(cx_values); }
+  void SetCallerEdgeDivisor(uint32_t divisor) override { edge_divisor_ = divisor; }
 
  protected:
   // Moves the result an earlier decode of the same content made for cx into
@@ -114,11 +123,12 @@ class ReducingDecoder : public ImageDecoder {
   bool TakeKept(uint32_t cx, Bitmap* out) const;
 
   // Every anticipated size, under this decoder's content key.
-  FanOutRequest AnticipatedRequests() const { return FanOutRequest{key_, anticipated_}; }
+  FanOutRequest AnticipatedRequests() const { return FanOutRequest{key_, anticipated_, edge_divisor_}; }
 
  private:
   std::string key_;
   std::vector<uint32_t> anticipated_;
+  uint32_t edge_divisor_ = 0;
 };
 
 // A budget check for buffers a decoder is about to allocate: true when the

@@ -50,26 +50,6 @@ int ErrorNumber(const Status& status) {
   }
 }
 
-// Target size of one cascade step: the shorter side becomes `size`, the
-// longer one follows the aspect ratio, truncated (division first, in
-// double). An image whose shorter side is already at most `size` keeps its
-// size.
-void CascadeTarget(int width, int height, uint32_t size, int* target_width, int* target_height) {
-  const int64_t s = size;
-  if (width > s && height > s) {
-    if (width < height) {
-      *target_width = static_cast<int>(s);
-      *target_height = static_cast<int>(static_cast<double>(size) / width * height);
-    } else {
-      *target_width = static_cast<int>(static_cast<double>(size) / height * width);
-      *target_height = static_cast<int>(s);
-    }
-  } else {
-    *target_width = width;
-    *target_height = height;
-  }
-}
-
 Status SaveOutput(const image::Bitmap& bitmap, const std::string& path, bool as_png) {
   std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
   return as_png ? image::SavePng(bitmap, path) : image::SaveJpeg(bitmap, path);
@@ -152,7 +132,8 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
     const uint32_t size = SizeAt(sizes, i);
     int target_width = 0;
     int target_height = 0;
-    CascadeTarget(source.width(), source.height(), size, &target_width, &target_height);
+    // One cascade step: the shorter side becomes `size`.
+    image::ShorterSideTo(source.width(), source.height(), size, &target_width, &target_height);
 
     image::Bitmap target;
     Status status = image::Bitmap::Create(target_width, target_height, &target);

@@ -125,6 +125,9 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     if (decoder_) {
       decoder_->SetContentKey(content_key_);
       decoder_->SetAnticipatedRequests(RunRequests());
+      // The extraction reduces what it gets to a shorter side of cx / 3:
+      // a decoder may hand over that size at once.
+      decoder_->SetCallerEdgeDivisor(kProviderRequestFactor);
       return 0;
     }
     if (format == image::ImageFormat::kUnknown && IsVideoContent(path_)) {

@@ -45,7 +45,8 @@ using ThumbnailProviderFactory = std::function<std::unique_ptr<ThumbnailProvider
 // The cx the extraction asks the provider for when the shorter side of its
 // largest output is `size`: three times as much, so that a picture up to
 // 3:1 still reaches that size.
-constexpr uint32_t ProviderRequestEdge(uint32_t size) { return 3u * size; }
+constexpr uint32_t kProviderRequestFactor = 3;
+constexpr uint32_t ProviderRequestEdge(uint32_t size) { return kProviderRequestFactor * size; }
 
 // The platform's provider (one definition per platform).
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider();
