@@ -4,10 +4,10 @@
 // magic says (decoders must refuse foreign bytes cleanly), at a target edge
 // that varies with the input, and the result is checked against the
 // provider's contract: a non-empty bitmap whose longer side is at most cx,
-// every byte of it readable. The families that read the whole image for
-// any edge decode each input once more the way the tool's first size does,
+// every byte of it readable. The families that serve a whole run from one
+// decode decode each input once more the way the tool's first size does,
 // anticipating the other edges, and every result kept for those must be
-// what a decode of its own makes.
+// what a decode of its own, told the same run, makes.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -55,8 +55,20 @@ void CheckContract(const Bitmap& bitmap, uint32_t cx) {
 }
 
 constexpr ImageFormat kFormat = ImageFormat::TESSERA_FUZZ_FORMAT;
-constexpr bool kKeepsOtherEdges = kFormat == ImageFormat::kPng || kFormat == ImageFormat::kTiff ||
-                                  kFormat == ImageFormat::kGif || kFormat == ImageFormat::kBmp;
+constexpr bool kKeepsOtherEdges = kFormat == ImageFormat::kJpeg || kFormat == ImageFormat::kPng ||
+                                  kFormat == ImageFormat::kTiff || kFormat == ImageFormat::kGif ||
+                                  kFormat == ImageFormat::kBmp;
+// What the provider tells decoders: results are reduced to a third of cx.
+constexpr uint32_t kEdgeDivisor = 3;
+
+std::unique_ptr<tessera::image::ImageDecoder> RunDecoder(const std::string& key,
+                                                         const std::vector<uint32_t>& edges) {
+  std::unique_ptr<tessera::image::ImageDecoder> decoder = tessera::image::CreateImageDecoder(kFormat);
+  decoder->SetContentKey(key);
+  decoder->SetAnticipatedRequests(edges);
+  decoder->SetCallerEdgeDivisor(kEdgeDivisor);
+  return decoder;
+}
 
 void CheckKeptResults(const uint8_t* data, size_t size, uint32_t cx) {
   static int runs = 0;
@@ -65,23 +77,21 @@ void CheckKeptResults(const uint8_t* data, size_t size, uint32_t cx) {
   std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, size);
   std::unique_ptr<ByteSource> empty = ByteSource::FromMemory(nullptr, 0);
 
-  std::unique_ptr<tessera::image::ImageDecoder> first = tessera::image::CreateImageDecoder(kFormat);
-  first->SetContentKey(key);
-  first->SetAnticipatedRequests(edges);
   Bitmap bitmap;
-  first->Decode(source.get(), cx, &bitmap);
+  RunDecoder(key, edges)->Decode(source.get(), cx, &bitmap);
   // Only a kept result can serve an empty source. All are taken before
-  // the fresh decodes, which, having no key, drop what is kept.
+  // the fresh decodes, which, under keys of their own, drop what is kept.
   std::vector<std::pair<uint32_t, Bitmap>> kept;
   for (uint32_t edge : edges) {
-    std::unique_ptr<tessera::image::ImageDecoder> decoder = tessera::image::CreateImageDecoder(kFormat);
-    decoder->SetContentKey(key);
     Bitmap result;
-    if (edge != cx && decoder->Decode(empty.get(), edge, &result).ok()) kept.emplace_back(edge, std::move(result));
+    if (edge != cx && RunDecoder(key, edges)->Decode(empty.get(), edge, &result).ok()) {
+      kept.emplace_back(edge, std::move(result));
+    }
   }
   for (const auto& entry : kept) {
     Bitmap fresh;
-    if (!tessera::image::CreateImageDecoder(kFormat)->Decode(source.get(), entry.first, &fresh).ok()) std::abort();
+    const std::string fresh_key = key + "-fresh-" + std::to_string(entry.first);
+    if (!RunDecoder(fresh_key, edges)->Decode(source.get(), entry.first, &fresh).ok()) std::abort();
     const Bitmap& result = entry.second;
     if (fresh.width() != result.width() || fresh.height() != result.height() ||
         std::memcmp(fresh.data(), result.data(), fresh.byte_size()) != 0) {

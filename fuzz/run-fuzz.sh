@@ -22,7 +22,7 @@ build=${TESSERA_FUZZ_BUILD:-build-fuzz}
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DTESSERA_FUZZ=ON -DTESSERA_BUILD_TESTS=OFF \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 
-all_targets=(argument_parser_fuzz level_config_fuzz jpeg_decoder_fuzz png_decoder_fuzz tiff_decoder_fuzz
+all_targets=(argument_parser_fuzz level_config_fuzz icc_profile_fuzz jpeg_decoder_fuzz png_decoder_fuzz tiff_decoder_fuzz
              gif_decoder_fuzz bmp_decoder_fuzz webp_decoder_fuzz heif_decoder_fuzz raw_decoder_fuzz media_fuzz)
 if [ "$target" = all ]; then targets=("${all_targets[@]}"); else targets=("$target"); fi
 

@@ -18,7 +18,7 @@ std::vector<uint8_t> Save(cmsHPROFILE profile, cmsToneCurve* curve) {
   std::vector<uint8_t> bytes(size);
   cmsSaveProfileToMem(profile, bytes.data(), &size);
   cmsCloseProfile(profile);
-  cmsFreeToneCurve(curve);
+  if (curve != nullptr) cmsFreeToneCurve(curve);
   return bytes;
 }
 
@@ -88,6 +88,67 @@ TEST(ColorTransformTest, WideGamutRedIsClippedIntoSrgb) {
   bgra.Apply(pixel, pixel, 1);
   EXPECT_GT(pixel[2], 200);
   EXPECT_EQ(pixel[3], 99);
+}
+
+// A profile that describes sRGB is recognised by what it does, whatever it
+// is called and however its curves are stored, and converts nothing.
+TEST(ColorTransformTest, ProfilesThatDescribeSrgbAreSkipped) {
+  cmsToneCurve* srgb_curve = nullptr;
+  {
+    const cmsFloat64Number params[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
+    srgb_curve = cmsBuildParametricToneCurve(nullptr, 4, params);
+  }
+  // The curve as a 1024-entry table, as cameras embed it.
+  std::vector<cmsUInt16Number> table(1024);
+  for (size_t i = 0; i < table.size(); ++i) {
+    table[i] = cmsEvalToneCurve16(srgb_curve, static_cast<cmsUInt16Number>(i * 65535 / 1023));
+  }
+  cmsToneCurve* tabulated = cmsBuildTabulatedToneCurve16(nullptr, 1024, table.data());
+  cmsToneCurve* curves[3] = {tabulated, tabulated, tabulated};
+  const cmsCIExyY d65 = {0.3127, 0.3290, 1.0};
+  const cmsCIExyYTRIPLE srgb_primaries = {{0.64, 0.33, 1.0}, {0.30, 0.60, 1.0}, {0.15, 0.06, 1.0}};
+  const std::vector<uint8_t> camera_srgb = Save(cmsCreateRGBProfile(&d65, &srgb_primaries, curves), tabulated);
+  const std::vector<uint8_t> builtin_srgb = Save(cmsCreate_sRGBProfile(), nullptr);
+  const std::vector<uint8_t> srgb_gray = Save(cmsCreateGrayProfile(cmsD50_xyY(), srgb_curve), nullptr);
+  cmsFreeToneCurve(srgb_curve);
+  const std::vector<uint8_t> p3 = MakeP3Profile();
+  const std::vector<uint8_t> gamma22_gray = MakeGrayProfile();
+
+  for (PixelLayout layout : {PixelLayout::kBgra8, PixelLayout::kRgb8}) {
+    EXPECT_TRUE(ColorTransform::FromIcc(camera_srgb.data(), camera_srgb.size(), layout).is_identity());
+    EXPECT_TRUE(ColorTransform::FromIcc(builtin_srgb.data(), builtin_srgb.size(), layout).is_identity());
+    EXPECT_FALSE(ColorTransform::FromIcc(p3.data(), p3.size(), layout).is_identity());
+  }
+  for (PixelLayout layout : {PixelLayout::kGray8, PixelLayout::kGrayBgra8}) {
+    EXPECT_TRUE(ColorTransform::FromIcc(srgb_gray.data(), srgb_gray.size(), layout).is_identity());
+    EXPECT_FALSE(ColorTransform::FromIcc(gamma22_gray.data(), gamma22_gray.size(), layout).is_identity());
+  }
+}
+
+// A run converts one file at several sizes: the transform is made once.
+TEST(ColorTransformTest, SharedTransformsAreMadeOncePerProfileAndLayout) {
+  const std::vector<uint8_t> p3 = MakeP3Profile();
+  const auto first = ColorTransform::SharedFromIcc(p3.data(), p3.size(), PixelLayout::kBgra8);
+  EXPECT_EQ(first, ColorTransform::SharedFromIcc(p3.data(), p3.size(), PixelLayout::kBgra8));
+  EXPECT_NE(first, ColorTransform::SharedFromIcc(p3.data(), p3.size(), PixelLayout::kRgb8));
+  const auto none = ColorTransform::SharedFromIcc(nullptr, 0, PixelLayout::kBgra8);
+  ASSERT_TRUE(none);
+  EXPECT_TRUE(none->is_identity());
+  const Chromaticities p3_space = {{0.680, 0.320}, {0.265, 0.690}, {0.150, 0.060}, {0.3127, 0.3290}};
+  const auto nclx = ColorTransform::SharedFromChromaticities(p3_space, PixelLayout::kBgra8);
+  EXPECT_FALSE(nclx->is_identity());
+  EXPECT_EQ(nclx, ColorTransform::SharedFromChromaticities(p3_space, PixelLayout::kBgra8));
+
+  // Reduced gray in BGRA converts in place like gray bytes do.
+  const std::vector<uint8_t> gray = MakeGrayProfile();
+  const ColorTransform expanded = ColorTransform::FromIcc(gray.data(), gray.size(), PixelLayout::kGrayBgra8);
+  const ColorTransform packed = ColorTransform::FromIcc(gray.data(), gray.size(), PixelLayout::kGray8);
+  uint8_t pixels[8] = {40, 40, 40, 255, 200, 200, 200, 255};
+  const uint8_t values[2] = {40, 200};
+  uint8_t expected[8];
+  packed.Apply(values, expected, 2);
+  expanded.Apply(pixels, pixels, 2);
+  EXPECT_EQ(std::vector<uint8_t>(pixels, pixels + 8), std::vector<uint8_t>(expected, expected + 8));
 }
 
 TEST(ColorTransformTest, GrayProfileIsUsed) {
