@@ -19,6 +19,7 @@
 #include <libheif/heif.h>
 #include <zlib.h>
 
+#include "lib/image/testing/image-fixtures.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
 #include "tests/clean-run.h"
 #include "tests/tool-runner.h"
@@ -230,6 +231,8 @@ TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
       {"progressive.jpg", JpegDeclaring(30000, 30000, true)},
       {"declared.webp", WebpDeclaring(16383, 16383)},
       {"declared.heic", HeifDeclaring(30000, 30000)},
+      // 500 scans, each a pass over every block of the picture.
+      {"many-scans.jpg", image::testing::ManyScanJpeg(4096, 500)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

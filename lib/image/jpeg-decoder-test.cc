@@ -227,6 +227,26 @@ TEST(JpegDecoderTest, RefusesGarbageAndAbsurdSizesCleanly) {
   EXPECT_TRUE(bitmap.empty());
 }
 
+// A progressive file is read up to a bound on its scans and shown as those
+// scans make it, never refused for having too many; a cancelled decode
+// stops.
+TEST(JpegDecoderTest, ScansBeyondTheBoundAreLeftUnreadAndCancellationStops) {
+  const std::string many = testing::ManyScanJpeg(64, 700);
+  Bitmap bitmap;
+  ASSERT_TRUE(DecodeBytes(many, 64, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 64);
+  const Rgb mean = MeanColor(bitmap);
+  EXPECT_NEAR(mean.r, 128, 1);
+
+  auto cancellation = std::make_shared<utility::Cancellation>();
+  cancellation->Cancel();
+  for (const std::string& bytes : {many, EncodeJpeg(RgbImage(640, 480))}) {
+    auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+    source->set_cancellation(cancellation);
+    EXPECT_FALSE(CreateJpegDecoder()->Decode(source.get(), 64, &bitmap).ok());
+  }
+}
+
 // One decode at the scale of the run's largest request serves every size:
 // the later requests read nothing, and each result is what a fresh decoder
 // told the same run makes of the file. Baseline and progressive files,

@@ -134,6 +134,68 @@ std::string EncodeJpeg(const RgbImage& image, const JpegOptions& options) {
   return c.Result();
 }
 
+namespace {
+
+// Entropy-coded bits, with a zero byte stuffed after every 0xFF.
+class JpegBits {
+ public:
+  void Put(uint32_t value, int count) {
+    for (int i = count - 1; i >= 0; --i) {
+      byte_ = static_cast<uint8_t>(byte_ << 1 | ((value >> i) & 1));
+      if (++filled_ == 8) Flush();
+    }
+  }
+  // Pads the last byte with ones, as encoders do.
+  std::string Finish() {
+    if (filled_ > 0) Put((1u << (8 - filled_)) - 1, 8 - filled_);
+    return out_;
+  }
+
+ private:
+  void Flush() {
+    out_.push_back(static_cast<char>(byte_));
+    if (byte_ == 0xFF) out_.push_back('\0');
+    byte_ = 0;
+    filled_ = 0;
+  }
+  std::string out_;
+  uint8_t byte_ = 0;
+  int filled_ = 0;
+};
+
+std::string JpegSegment(uint8_t marker, const std::string& body) {
+  const size_t length = body.size() + 2;
+  return std::string{'\xff', static_cast<char>(marker), static_cast<char>(length >> 8), static_cast<char>(length)} +
+         body;
+}
+
+}  // namespace
+
+std::string ManyScanJpeg(uint32_t side, int scans) {
+  const uint64_t blocks = uint64_t{(side + 7) / 8} * ((side + 7) / 8);
+  std::string jpeg = "\xff\xd8";
+  jpeg += JpegSegment(0xDB, std::string(1, '\0') + std::string(64, '\1'));
+  jpeg += JpegSegment(0xC2, std::string{8, static_cast<char>(side >> 8), static_cast<char>(side),
+                                        static_cast<char>(side >> 8), static_cast<char>(side), 1, 1, 0x11, 0});
+  // One code, a single 0 bit, in each table: DC difference 0, and the
+  // longest end-of-band run (symbol 0xE0, 14 more bits).
+  std::string counts(16, '\0');
+  counts[0] = 1;
+  jpeg += JpegSegment(0xC4, std::string(1, '\x00') + counts + std::string(1, '\x00'));
+  jpeg += JpegSegment(0xC4, std::string(1, '\x10') + counts + std::string(1, '\xe0'));
+  JpegBits dc;
+  for (uint64_t i = 0; i < blocks; ++i) dc.Put(0, 1);
+  jpeg += JpegSegment(0xDA, std::string{1, 1, 0, 0, 0, 0}) + dc.Finish();
+  JpegBits ac;
+  for (uint64_t done = 0; done < blocks; done += 32767) {
+    ac.Put(0, 1);
+    ac.Put(0x3FFF, 14);
+  }
+  const std::string ac_scan = JpegSegment(0xDA, std::string{1, 1, 0, 1, 63, 0}) + ac.Finish();
+  for (int i = 1; i < scans; ++i) jpeg += ac_scan;
+  return jpeg + "\xff\xd9";
+}
+
 std::string EncodeCmykJpeg(int width, int height, const uint8_t ink[4], bool adobe_inverted) {
   Compressor c;
   c.cinfo.image_width = width;

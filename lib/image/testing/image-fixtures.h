@@ -36,6 +36,13 @@ std::string EncodeJpeg(const RgbImage& image, const JpegOptions& options = JpegO
 // Adobe applications write them; otherwise as-is and without that segment.
 std::string EncodeCmykJpeg(int width, int height, const uint8_t ink[4], bool adobe_inverted);
 
+// A gray progressive JPEG of side x side, all mid grey, made of one DC
+// scan and `scans` - 1 identical AC scans of nothing but end-of-band runs:
+// a few bytes for each scan whatever the size, each a pass over every block
+// for the decoder (the repeats are bogus progression, which decoders warn
+// about and read).
+std::string ManyScanJpeg(uint32_t side, int scans);
+
 // A PNG from samples in PNG layout (big-endian for 16 bits).
 struct PngImage {
   uint32_t width = 0;
