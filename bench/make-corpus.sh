@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Makes the benchmark corpus in <dir> with ffmpeg, cjpeg and heif-enc only:
-# the same bytes on every run (seeded noise, bit-exact encoders), so results
-# of different days compare. Files already there are kept. Writes
-# <dir>/MANIFEST.tsv: name, kind (jpeg, image, video), displayed width, height.
+# Makes the benchmark corpus in <dir> with ffmpeg, cjpeg and heif-enc only
+# (and bench/make-icc.py for embedded profiles): the same bytes on every run
+# (seeded noise, bit-exact encoders), so results of different days compare.
+# Files already there are kept. Writes <dir>/MANIFEST.tsv: name, kind (jpeg,
+# image, video), displayed width, height.
 set -euo pipefail
 dir=$1
+bench=$(cd "$(dirname "$0")" && pwd)
 cd "$dir"
 
 ff() { ffmpeg -nostdin -v error -y "$@"; }
@@ -30,6 +32,11 @@ make() {  # name, then the command that writes it to $tmp
 }
 
 jpeg() { camera_ppm "$1" "$2" | cjpeg -quality 90 "${@:3}" -outfile "$tmp"; }
+# A camera export: an embedded profile (sRGB, or Display P3 as phones write).
+icc() {
+  [[ -s $1.icc ]] || python3 "$bench/make-icc.py" "$1" "$1.icc"
+  echo "$1.icc"
+}
 png_rgba() {
   camera_ppm 4000 3000 | ff -f image2pipe -vcodec ppm -i - \
     -vf "format=rgba,geq=r='r(X,Y)':g='g(X,Y)':b='b(X,Y)':a='64+191*X/W'" -f image2 -vcodec png "$tmp"
@@ -74,6 +81,8 @@ tiny-64.jpg	jpeg	64	64
 vga-640x480.jpg	jpeg	640	480
 camera-24mp.jpg	jpeg	6000	4000
 progressive-12mp.jpg	jpeg	4000	3000
+progressive-24mp-srgb.jpg	jpeg	6000	4000
+p3-20mp.jpg	jpeg	5472	3648
 huge-100mp.jpg	jpeg	12240	8160
 rgba-4000x3000.png	image	4000	3000
 lzw-48mp.tif	image	8000	6000
@@ -87,6 +96,8 @@ make tiny-64.jpg           jpeg 64 64
 make vga-640x480.jpg       jpeg 640 480
 make camera-24mp.jpg       jpeg 6000 4000
 make progressive-12mp.jpg  jpeg 4000 3000 -progressive
+make progressive-24mp-srgb.jpg jpeg 6000 4000 -progressive -icc "$(icc srgb)"
+make p3-20mp.jpg           jpeg 5472 3648 -icc "$(icc display-p3)"
 make huge-100mp.jpg        jpeg 12240 8160
 make rgba-4000x3000.png    png_rgba
 make lzw-48mp.tif          tiff_lzw
