@@ -35,28 +35,6 @@ std::string Profile(const char* signature, const std::string& body, uint32_t tag
   return p;
 }
 
-// A float pipeline ('mpet') of `elements` processing elements, every one of
-// them the same 3 x 3 matrix: a few bytes of data however many there are.
-std::string MultiProcess(uint32_t elements) {
-  std::string tag(16, '\0');
-  tag.replace(0, 4, "mpet");
-  Put16(&tag, 8, 3);
-  Put16(&tag, 10, 3);
-  Put32(&tag, 12, elements);
-  const size_t table = tag.size();
-  tag.resize(table + size_t{8} * elements);
-  const uint32_t matrix_at = static_cast<uint32_t>(tag.size());
-  std::string matrix(12 + 12 * 4, '\0');
-  matrix.replace(0, 4, "matf");
-  Put16(&matrix, 8, 3);
-  Put16(&matrix, 10, 3);
-  for (uint32_t i = 0; i < elements; ++i) {
-    Put32(&tag, table + 8 * i, matrix_at);
-    Put32(&tag, table + 8 * i + 4, static_cast<uint32_t>(matrix.size()));
-  }
-  return tag + matrix;
-}
-
 // A 16-bit table ('mft2') with 3 inputs, 3 outputs and `grid` points a side,
 // holding only `held` bytes of table data.
 std::string Lut16(uint8_t grid, size_t held) {
@@ -85,8 +63,8 @@ TEST(IccProfileCheckTest, RefusesProfilesBuiltToBeExpensiveOrInconsistent) {
   };
   const Case cases[] = {
       {"a display profile", p3, true},
-      {"a pipeline of a few elements", Profile("D2B0", MultiProcess(4)), true},
-      {"a pipeline of 100 000 elements", Profile("D2B0", MultiProcess(100000)), false},
+      {"a pipeline of a few elements", testing::MultiProcessIccProfile(4), true},
+      {"a pipeline of 100 000 elements", testing::MultiProcessIccProfile(100000), false},
       {"a table with all its data", Profile("A2B0", Lut16(17, whole_lut)), true},
       {"a table larger than its data", Profile("A2B0", Lut16(255, whole_lut)), false},
       {"a size beyond the bytes", truncated_header, false},

@@ -171,6 +171,45 @@ std::string JpegSegment(uint8_t marker, const std::string& body) {
 
 }  // namespace
 
+std::string MultiProcessIccProfile(uint32_t elements) {
+  auto put32 = [](std::string* s, size_t at, uint32_t v) {
+    for (int i = 0; i < 4; ++i) (*s)[at + i] = static_cast<char>(v >> (24 - 8 * i));
+  };
+  auto put16 = [](std::string* s, size_t at, uint16_t v) {
+    (*s)[at] = static_cast<char>(v >> 8);
+    (*s)[at + 1] = static_cast<char>(v);
+  };
+  std::string tag(16 + size_t{8} * elements, '\0');
+  tag.replace(0, 4, "mpet");
+  put16(&tag, 8, 3);
+  put16(&tag, 10, 3);
+  put32(&tag, 12, elements);
+  std::string matrix(12 + 12 * 4, '\0');
+  matrix.replace(0, 4, "matf");
+  put16(&matrix, 8, 3);
+  put16(&matrix, 10, 3);
+  for (int i = 0; i < 3; ++i) put32(&matrix, 12 + 16 * i, 0x3F800000);  // identity, floats
+  for (uint32_t i = 0; i < elements; ++i) {
+    put32(&tag, 16 + size_t{8} * i, static_cast<uint32_t>(tag.size()));
+    put32(&tag, 20 + size_t{8} * i, static_cast<uint32_t>(matrix.size()));
+  }
+  tag += matrix;
+  std::string profile(128 + 4 + 12, '\0');
+  profile.replace(12, 12, "mntrRGB XYZ ");
+  profile.replace(36, 4, "acsp");
+  put32(&profile, 8, 0x04300000);
+  put32(&profile, 68, 0x0000F6D6);  // D50 illuminant
+  put32(&profile, 72, 0x00010000);
+  put32(&profile, 76, 0x0000D32D);
+  put32(&profile, 128, 1);
+  profile.replace(132, 4, "D2B0");
+  put32(&profile, 136, static_cast<uint32_t>(profile.size()));
+  put32(&profile, 140, static_cast<uint32_t>(tag.size()));
+  profile += tag;
+  put32(&profile, 0, static_cast<uint32_t>(profile.size()));
+  return profile;
+}
+
 std::string ManyScanJpeg(uint32_t side, int scans) {
   const uint64_t blocks = uint64_t{(side + 7) / 8} * ((side + 7) / 8);
   std::string jpeg = "\xff\xd8";

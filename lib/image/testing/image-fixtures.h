@@ -36,6 +36,13 @@ std::string EncodeJpeg(const RgbImage& image, const JpegOptions& options = JpegO
 // Adobe applications write them; otherwise as-is and without that segment.
 std::string EncodeCmykJpeg(int width, int height, const uint8_t ink[4], bool adobe_inverted);
 
+// An RGB display profile whose only tag is a float pipeline (D2B0) of
+// `elements` processing elements, every one of them the same 3 x 3 matrix:
+// a few bytes for each however many there are (and next to nothing once
+// compressed in a PNG), but one step each for every colour lcms2 samples
+// when it builds a transform.
+std::string MultiProcessIccProfile(uint32_t elements);
+
 // A gray progressive JPEG of side x side, all mid grey, made of one DC
 // scan and `scans` - 1 identical AC scans of nothing but end-of-band runs:
 // a few bytes for each scan whatever the size, each a pass over every block
