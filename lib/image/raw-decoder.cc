@@ -44,6 +44,13 @@ using MemImagePtr = std::unique_ptr<libraw_processed_image_t, MemImageFreer>;
 // expected input and stdout/stderr belong to the tool.
 void SilentDataError(void*, const char*, const int) {}
 
+// LibRaw reports each stage of unpacking and developing (some of them
+// several times along the way); a non-zero return makes the call in
+// progress give up with LIBRAW_CANCELLED_BY_CALLBACK.
+int CancelWithSource(void* source, LibRaw_progress /*stage*/, int /*iteration*/, int /*expected*/) {
+  return static_cast<ByteSource*>(source)->cancelled() ? 1 : 0;
+}
+
 int FlipToOrientation(int flip) {
   switch (flip) {
     case 3:
@@ -95,8 +102,10 @@ bool AspectMatches(double a_w, double a_h, double b_w, double b_h) {
   return std::fabs(a - b) <= 0.05 * b;
 }
 
-// An 8-bit RGB (or gray) image from LibRaw, reduced to fit cx.
-Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int orientation, Bitmap* out) {
+// An 8-bit RGB (or gray) image from LibRaw, reduced to fit cx. Polls the
+// source's cancellation every row.
+Status ReduceMemImage(const libraw_processed_image_t& image, ByteSource* source, uint32_t cx, int orientation,
+                      Bitmap* out) {
   if (image.bits != 8 || (image.colors != 3 && image.colors != 1)) {
     return Status::NotSupported("RAW image layout");
   }
@@ -108,6 +117,7 @@ Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int or
   std::unique_ptr<uint8_t[]> row(new (std::nothrow) uint8_t[size_t{image.width} * 4]);
   if (!row) return Status::Internal("out of memory");
   for (int y = 0; y < image.height; ++y) {
+    if (source->cancelled()) return DecodeCancelledError();
     const uint8_t* src = image.data + row_bytes * y;
     for (int x = 0; x < image.width; ++x) {
       uint8_t* p = row.get() + x * 4;
@@ -125,7 +135,7 @@ Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int or
   return sink.Finish(orientation, out);
 }
 
-Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
+Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   const libraw_thumbnail_t& thumb = raw->imgdata.thumbnail;
   if (thumb.twidth == 0 || thumb.theight == 0 || sizes.width == 0 || sizes.height == 0) {
@@ -155,6 +165,7 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
     std::unique_ptr<ImageDecoder> jpeg = CreateJpegDecoder();
     if (!jpeg) return Status::NotSupported("no JPEG decoder");
     std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, thumb.tlength);
+    source->set_cancellation(file->cancellation());
     Bitmap bitmap;
     Status status = jpeg->Decode(source.get(), cx, &bitmap);
     if (!status.ok()) return status;
@@ -169,10 +180,10 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
   MemImagePtr image(raw->dcraw_make_mem_thumb(&error));
   if (!image) return Status::NotFound("preview unreadable");
   if (image->type != LIBRAW_IMAGE_BITMAP) return Status::NotFound("preview of an unknown kind");
-  return ReduceMemImage(*image, cx, orientation, out);
+  return ReduceMemImage(*image, file, cx, orientation, out);
 }
 
-Status Develop(LibRaw* raw, uint64_t file_size, uint32_t cx, Bitmap* out) {
+Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx, Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   // Even lossy RAW codecs spend more than a bit per photosite: a file
   // smaller than that has had its image data stripped, and LibRaw would
@@ -197,7 +208,7 @@ Status Develop(LibRaw* raw, uint64_t file_size, uint32_t cx, Bitmap* out) {
   MemImagePtr image(raw->dcraw_make_mem_image(&error));
   if (!image) return Status::Internal("RAW develop output");
   // LibRaw has applied the flip already.
-  return ReduceMemImage(*image, cx, 1, out);
+  return ReduceMemImage(*image, source, cx, 1, out);
 }
 
 class RawDecoder : public ImageDecoder {
@@ -222,9 +233,10 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bit
   std::unique_ptr<LibRaw> raw(new (std::nothrow) LibRaw(LIBRAW_OPTIONS_NONE));
   if (!raw) return Status::Internal("out of memory");
   raw->set_dataerror_handler(SilentDataError, nullptr);
+  raw->set_progress_handler(CancelWithSource, source);
   // LibRaw takes a non-const pointer but only reads through it.
   if (raw->open_buffer(const_cast<uint8_t*>(data), size) != LIBRAW_SUCCESS) {
-    return Status::InvalidArgument("not a camera RAW file");
+    return source->cancelled() ? DecodeCancelledError() : Status::InvalidArgument("not a camera RAW file");
   }
   const libraw_iparams_t& idata = raw->imgdata.idata;
   // A TIFF that merely names its maker (scanners, camera-made TIFFs) is no
@@ -236,10 +248,13 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bit
   if (!WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {
     return ImageTooLargeError(sizes.raw_width, sizes.raw_height);
   }
-  Status status = DecodePreview(raw.get(), cx, out);
+  Status status = DecodePreview(raw.get(), source, cx, out);
   if (status.ok()) return status;
+  if (source->cancelled()) return DecodeCancelledError();
   LOG_DEBUG(kLogComponent, "RAW preview not used (%s); developing", status.ToString().c_str());
-  return Develop(raw.get(), size, cx, out);
+  status = Develop(raw.get(), source, size, cx, out);
+  if (!status.ok() && source->cancelled()) return DecodeCancelledError();
+  return status;
 }
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return std::make_unique<RawDecoder>(); }

@@ -42,6 +42,7 @@ struct Client {
 tmsize_t ReadProc(thandle_t handle, void* buf, tmsize_t size) {
   Client* client = static_cast<Client*>(handle);
   if (size <= 0) return 0;
+  if (client->source->cancelled()) return -1;  // memory sources go on reading otherwise
   const int64_t got = client->source->ReadAt(client->position, buf, static_cast<size_t>(size));
   if (got < 0) return -1;
   client->position += static_cast<uint64_t>(got);
@@ -60,6 +61,9 @@ toff_t SeekProc(thandle_t handle, toff_t offset, int whence) {
 }
 
 int CloseProc(thandle_t) { return 0; }
+// Whether the decode reading through `tif` is to give up. Strips and tiles
+// decode from data read beforehand, so the row loops poll this.
+bool Cancelled(TIFF* tif) { return static_cast<Client*>(TIFFClientdata(tif))->source->cancelled(); }
 toff_t SizeProc(thandle_t handle) { return static_cast<Client*>(handle)->source->size(); }
 int MapProc(thandle_t, void**, toff_t*) { return 0; }
 void UnmapProc(thandle_t, void*, toff_t) {}
@@ -353,10 +357,12 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* 
   raster.resize(static_cast<size_t>(width) * chunk);
   const bool has_alpha = image.alpha != 0;
   for (uint32_t row = 0; row < height; row += chunk) {
+    if (Cancelled(tif)) return DecodeCancelledError();
     const uint32_t rows = std::min(chunk, height - row);
     image.row_offset = static_cast<int>(row);
     image.col_offset = 0;
     if (!TIFFRGBAImageGet(&image, raster.data(), width, rows)) {
+      if (Cancelled(tif)) return DecodeCancelledError();
       if (row == 0) return Status::InvalidArgument("TIFF data unreadable");
       break;  // keep what was read; the rest shows as grey
     }
@@ -504,7 +510,9 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
     cmyk.resize(static_cast<size_t>(cmyk_bytes));
     bgra.resize(static_cast<size_t>(width) * 4);
     for (uint32_t y = 0; y < height; ++y) {
+      if (Cancelled(tif)) return DecodeCancelledError();
       if (TIFFReadScanline(tif, line.data(), y, 0) < 0) {
+        if (Cancelled(tif)) return DecodeCancelledError();
         if (y == 0) return Status::InvalidArgument("TIFF data unreadable");
         break;
       }
@@ -540,8 +548,10 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
   for (uint32_t ty = 0; ty < height && !truncated; ty += tile_height) {
     const uint32_t rows = std::min(tile_height, height - ty);
     for (uint32_t tx = 0; tx < width; tx += tile_width) {
+      if (Cancelled(tif)) return DecodeCancelledError();
       const uint32_t cols = std::min(tile_width, width - tx);
       if (TIFFReadTile(tif, tile.data(), tx, ty, 0, 0) < 0) {
+        if (Cancelled(tif)) return DecodeCancelledError();
         if (ty == 0 && tx == 0) return Status::InvalidArgument("TIFF data unreadable");
         // Keep this row of tiles with the unreadable one blank, then stop.
         std::fill(tile.begin(), tile.end(), 0);
@@ -571,6 +581,7 @@ class TiffDecoder : public ReducingDecoder {
     if (camera_raw) {
       status = DecodeCameraRaw(source, cx, true, out);
       if (status.ok() || IsImageTooLarge(status)) return status;
+      if (source->cancelled()) return DecodeCancelledError();
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
       if (!TIFFSetDirectory(tif.get(), 0)) return Status::InvalidArgument("TIFF directory lost");
     }
