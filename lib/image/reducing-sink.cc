@@ -44,12 +44,13 @@ Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
 
 void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) {
   if (request.key.empty() || reducer_.source_width() == 0 || !extras_.empty()) return;
+  ReductionCache* cache = request.cache != nullptr ? request.cache : &TheReductionCache();
   std::vector<uint32_t> sizes = request.cx_values;
   std::sort(sizes.begin(), sizes.end());
   sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
   uint64_t outputs = output_bytes_;
   for (uint32_t cx : sizes) {
-    if (cx == 0 || cx == cx_ || TheReductionCache().Contains(request.key, cx)) continue;
+    if (cx == 0 || cx == cx_ || cache->Contains(request.key, cx)) continue;
     int dst_width = 0;
     int dst_height = 0;
     FitWithin(width_, height_, cx, &dst_width, &dst_height);
@@ -63,6 +64,7 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     extras_.push_back(std::move(extra));
   }
   key_ = request.key;
+  cache_ = cache;
 }
 
 void ReducingSink::PushFlattenedRow(const uint8_t* bgra) {
@@ -98,7 +100,7 @@ Status ReducingSink::Finish(int orientation, Bitmap* out) {
   for (Extra& extra : extras_) {
     Bitmap bitmap;
     if (FinishUpright(&extra.reducer, transform_.get(), orientation, &bitmap).ok()) {
-      TheReductionCache().Keep(key_, extra.cx, std::move(bitmap));
+      cache_->Keep(key_, extra.cx, std::move(bitmap));
     }
   }
   extras_.clear();
@@ -108,6 +110,10 @@ Status ReducingSink::Finish(int orientation, Bitmap* out) {
 
 bool ReducingDecoder::TakeKept(uint32_t cx, Bitmap* out) const {
   return TheReductionCache().Take(key_, cx, out);
+}
+
+FanOutRequest ReducingDecoder::AnticipatedRequests() const {
+  return FanOutRequest{key_, anticipated_, &TheReductionCache()};
 }
 
 bool WithinDecodeBudget(uint64_t bytes) { return bytes <= kMaxDecodeBytes; }

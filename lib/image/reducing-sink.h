@@ -22,13 +22,21 @@
 namespace tessera {
 namespace image {
 
+class ReductionCache;
+
 // The sizes besides the one being decoded whose results a decode may make
-// on the side, and the content key they are kept under. Only sizes whose
-// own decode would read exactly the same rows (the same page, colour
-// handling and orientation) belong here.
+// on the side, the content key they are kept under and the cache that
+// keeps them. Only sizes whose own decode would read exactly the same rows
+// (the same page, colour handling and orientation) belong here.
+//
+// The cache is the one the later requests look in: each codec module has a
+// process-wide cache of its own (its own copy of this library), so a decode
+// that another module makes for a decoder (camera RAW for TIFF) keeps its
+// results in the cache of the decoder that passes the request.
 struct FanOutRequest {
   std::string key;
   std::vector<uint32_t> cx_values;
+  ReductionCache* cache = nullptr;  // nullptr: TheReductionCache() of this copy
 };
 
 // All output bitmaps of one fanned-out decode together stay within this.
@@ -45,7 +53,7 @@ class ReducingSink {
   // and those already kept under the key), smallest first, as long as all
   // outputs together stay within kMaxFanOutBytes and, with `planned_bytes`
   // (what the decoder allocates itself), within kMaxDecodeBytes. Finish
-  // keeps their results in the reduction cache. Does nothing for an empty
+  // keeps their results in the request's cache. Does nothing for an empty
   // key. Call after Init, before the first row.
   void FanOut(const FanOutRequest& request, uint64_t planned_bytes);
   // Converts every result to sRGB with `transform` once it is reduced (and
@@ -83,6 +91,7 @@ class ReducingSink {
   uint64_t output_bytes_ = 0;
   AreaReducer reducer_;
   std::string key_;
+  ReductionCache* cache_ = nullptr;
   std::vector<Extra> extras_;
   std::shared_ptr<const ColorTransform> transform_;
 };
@@ -100,8 +109,9 @@ class ReducingDecoder : public ImageDecoder {
   // request served so reads nothing.
   bool TakeKept(uint32_t cx, Bitmap* out) const;
 
-  // Every anticipated size, under this decoder's content key.
-  FanOutRequest AnticipatedRequests() const { return FanOutRequest{key_, anticipated_}; }
+  // Every anticipated size, under this decoder's content key, to be kept
+  // where TakeKept looks.
+  FanOutRequest AnticipatedRequests() const;
 
  private:
   std::string key_;

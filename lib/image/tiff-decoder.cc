@@ -579,7 +579,9 @@ class TiffDecoder : public ReducingDecoder {
     if (!status.ok()) return status;
     const bool camera_raw = LooksLikeCameraRaw(tif.get());
     if (camera_raw) {
-      status = DecodeCameraRaw(source, cx, true, out);
+      // A develop keeps what it makes for the other sizes where TakeKept
+      // above finds it.
+      status = DecodeCameraRaw(source, cx, true, AnticipatedRequests(), out);
       if (status.ok() || IsImageTooLarge(status)) return status;
       if (source->cancelled()) return DecodeCancelledError();
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
