@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "lib/image/color-profile.h"
@@ -141,11 +143,21 @@ class WindowSource : public ByteSource {
     const uint64_t left = size_ - offset;
     return base_->ReadAt(offset_ + offset, buf, static_cast<size_t>(std::min<uint64_t>(n, left)));
   }
+  // The same window on a duplicate of the base, which it owns.
+  std::unique_ptr<ByteSource> Duplicate() const override {
+    std::unique_ptr<ByteSource> base = base_->Duplicate();
+    if (!base) return nullptr;
+    std::unique_ptr<WindowSource> copy(new (std::nothrow) WindowSource(base.get(), offset_, size_));
+    if (!copy) return nullptr;
+    copy->owned_base_ = std::move(base);
+    return copy;
+  }
 
  private:
   ByteSource* base_;
   uint64_t offset_;
   uint64_t size_;
+  std::unique_ptr<ByteSource> owned_base_;  // set in duplicates only
 };
 
 bool ReadExact(ByteSource* source, uint64_t offset, void* buf, size_t n) {
@@ -476,7 +488,11 @@ class BmpDecoder : public ReducingDecoder {
     return y + 1;
   }
 
-  static Status DecodeEmbedded(ByteSource* source, const Header& h, uint32_t cx, Bitmap* out) {
+  // The stream's own decoder, told the run's requests and this file's
+  // content key: what it makes of the stream is what this decoder hands
+  // out, so the results it keeps for the other sizes are found by TakeKept
+  // above, and under that key it only ever sees the same stream.
+  Status DecodeEmbedded(ByteSource* source, const Header& h, uint32_t cx, Bitmap* out) const {
     if (h.data_offset >= source->size()) return Status::InvalidArgument("BMP without image data");
     uint64_t size = source->size() - h.data_offset;
     if (h.data_size != 0) size = std::min<uint64_t>(size, h.data_size);
@@ -488,6 +504,9 @@ class BmpDecoder : public ReducingDecoder {
     if (format != expected) return Status::InvalidArgument("BMP with a broken embedded stream");
     std::unique_ptr<ImageDecoder> decoder = CreateImageDecoder(format);
     if (!decoder) return Status::NotSupported("BMP embedded stream");
+    const FanOutRequest requests = AnticipatedRequests();
+    decoder->SetContentKey(requests.key);
+    decoder->SetAnticipatedRequests(requests.cx_values);
     return decoder->Decode(&window, cx, out);
   }
 };
