@@ -263,6 +263,30 @@ TEST(BmpDecoderTest, OneDecodeServesTheOtherSizes) {
   layout.height = 70;
   FillPixels(&layout, [](int x, int y) { return static_cast<uint32_t>(x * 0x010203 + y * 0x030507); });
   EXPECT_EQ(testing::ServedAhead(bmp, Encode(layout), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
+
+  // A wrapped stream's own decoder serves them: PNG and JPEG reduce to
+  // every size in one decode (JPEG at the scale of the largest, so its
+  // fresh decodes are told the run too).
+  testing::PngImage png;
+  png.width = 130;
+  png.height = 70;
+  png.color_type = 2;
+  for (uint32_t i = 0; i < png.width * png.height * 3; ++i) png.samples.push_back(static_cast<uint8_t>(i * 7 / 3));
+  BmpLayout wrapped;
+  wrapped.width = 130;
+  wrapped.height = 70;
+  wrapped.bits = 0;
+  wrapped.compression = 5;
+  wrapped.pixels = testing::EncodePng(png);
+  EXPECT_EQ(testing::ServedAhead(bmp, Encode(wrapped), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
+  testing::RgbImage photo(640, 360, 20, 120, 220);
+  photo.Fill(100, 50, 400, 300, 240, 200, 10);
+  wrapped.width = 640;
+  wrapped.height = 360;
+  wrapped.compression = 4;
+  wrapped.pixels = testing::EncodeJpeg(photo);
+  EXPECT_EQ(testing::ServedAhead(bmp, Encode(wrapped), {40, 100, 300, 1000}, true),
+            (std::vector<uint32_t>{100, 300, 1000}));
 }
 
 TEST(BmpDecoderTest, HostileInputFailsCleanly) {

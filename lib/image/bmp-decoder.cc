@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "lib/image/color-profile.h"
@@ -104,9 +106,11 @@ class StreamReader {
  public:
   StreamReader(ByteSource* source, uint64_t offset) : source_(source), position_(offset) {}
 
-  // False at the end of the data or on a read error.
+  // False at the end of the data, on a read error or once the source is
+  // cancelled.
   bool Next(uint8_t* byte) {
     if (next_ == end_) {
+      if (source_->cancelled()) return false;
       const int64_t got = source_->ReadAt(position_, buffer_, sizeof(buffer_));
       if (got <= 0) return false;
       position_ += static_cast<uint64_t>(got);
@@ -128,19 +132,32 @@ class StreamReader {
 // A window onto part of another source, for JPEG and PNG streams in a BMP.
 class WindowSource : public ByteSource {
  public:
+  // Shares the base's cancellation, so the inner decoder stops with it.
   WindowSource(ByteSource* base, uint64_t offset, uint64_t size)
-      : base_(base), offset_(offset), size_(size) {}
+      : base_(base), offset_(offset), size_(size) {
+    set_cancellation(base->cancellation());
+  }
   uint64_t size() const override { return size_; }
   int64_t ReadAt(uint64_t offset, void* buf, size_t n) override {
     if (offset >= size_) return 0;
     const uint64_t left = size_ - offset;
     return base_->ReadAt(offset_ + offset, buf, static_cast<size_t>(std::min<uint64_t>(n, left)));
   }
+  // The same window on a duplicate of the base, which it owns.
+  std::unique_ptr<ByteSource> Duplicate() const override {
+    std::unique_ptr<ByteSource> base = base_->Duplicate();
+    if (!base) return nullptr;
+    std::unique_ptr<WindowSource> copy(new (std::nothrow) WindowSource(base.get(), offset_, size_));
+    if (!copy) return nullptr;
+    copy->owned_base_ = std::move(base);
+    return copy;
+  }
 
  private:
   ByteSource* base_;
   uint64_t offset_;
   uint64_t size_;
+  std::unique_ptr<ByteSource> owned_base_;  // set in duplicates only
 };
 
 bool ReadExact(ByteSource* source, uint64_t offset, void* buf, size_t n) {
@@ -310,9 +327,13 @@ class BmpDecoder : public ReducingDecoder {
     const bool rle = h.compression == kRle8 || h.compression == kRle4;
     const int64_t rows_read = rle ? DecodeRle(source, h, row.data(), push)
                                   : DecodeRows(source, h, stride, row.data(), push);
+    // The row loops stop early once the source is cancelled, which would
+    // look like a truncated file.
+    if (source->cancelled()) return DecodeCancelledError();
     if (rows_read == 0) return Status::InvalidArgument("BMP pixel data unreadable");
     // Rows the file does not have (truncated, or ended early) stay white.
     for (int64_t y = rows_read; y < h.height; ++y) {
+      if (source->cancelled()) return DecodeCancelledError();
       std::fill(row.begin(), row.end(), uint8_t{255});
       sink.PushStraightRow(row.data());
     }
@@ -334,7 +355,7 @@ class BmpDecoder : public ReducingDecoder {
                          h.masks[2] == 0xFF && (h.masks[3] == 0 || h.masks[3] == 0xFF000000);
     uint64_t offset = h.data_offset;
     for (int64_t y = 0; y < h.height; ++y, offset += stride) {
-      if (!ReadExact(source, offset, line.data(), line.size())) return y;
+      if (source->cancelled() || !ReadExact(source, offset, line.data(), line.size())) return y;
       const uint8_t* in = line.data();
       uint8_t* p = row;
       switch (h.bits) {
@@ -391,7 +412,9 @@ class BmpDecoder : public ReducingDecoder {
   }
 
   // RLE8/RLE4 with end-of-line, end-of-bitmap and delta escapes. Pixels the
-  // data skips are transparent (white). Returns the number of rows pushed.
+  // data skips are transparent (white). Returns the number of rows pushed;
+  // stops early once the source is cancelled (a delta escape moves down
+  // rows without reading).
   template <typename Push>
   static int64_t DecodeRle(ByteSource* source, const Header& h, uint8_t* row, Push push) {
     const int64_t width = h.width;
@@ -401,6 +424,7 @@ class BmpDecoder : public ReducingDecoder {
     int64_t y = 0;
     int64_t x = 0;
     bool any = false;
+    bool cancelled = false;
     std::memset(row, 0, row_bytes);
     auto put = [&](int index) {
       if (x < width) std::memcpy(row + x * 4, &h.palette[static_cast<size_t>(index) * 4], 4);
@@ -411,10 +435,11 @@ class BmpDecoder : public ReducingDecoder {
       std::memset(row, 0, row_bytes);
       ++y;
       x = 0;
+      cancelled = source->cancelled();
     };
     uint8_t a = 0;
     uint8_t b = 0;
-    while (y < h.height && in.Next(&a) && in.Next(&b)) {
+    while (y < h.height && !cancelled && in.Next(&a) && in.Next(&b)) {
       any = true;
       if (a > 0) {  // a run of `a` pixels
         for (int i = 0; i < a && x < width; ++i) put(four ? ((i & 1) ? (b & 0xF) : (b >> 4)) : b);
@@ -428,7 +453,7 @@ class BmpDecoder : public ReducingDecoder {
         uint8_t dx = 0;
         uint8_t dy = 0;
         if (!in.Next(&dx) || !in.Next(&dy)) break;
-        for (int i = 0; i < dy && y < h.height; ++i) next_row();
+        for (int i = 0; i < dy && y < h.height && !cancelled; ++i) next_row();
         // The column is kept across rows; clamp it so rows stay finite.
         x = std::min<int64_t>(x + dx, width);
       } else {  // `b` literal pixels, padded to 16 bits
@@ -461,7 +486,11 @@ class BmpDecoder : public ReducingDecoder {
     return y + 1;
   }
 
-  static Status DecodeEmbedded(ByteSource* source, const Header& h, uint32_t cx, Bitmap* out) {
+  // The stream's own decoder, told the run's requests and this file's
+  // content key: what it makes of the stream is what this decoder hands
+  // out, so the results it keeps for the other sizes are found by TakeKept
+  // above, and under that key it only ever sees the same stream.
+  Status DecodeEmbedded(ByteSource* source, const Header& h, uint32_t cx, Bitmap* out) const {
     if (h.data_offset >= source->size()) return Status::InvalidArgument("BMP without image data");
     uint64_t size = source->size() - h.data_offset;
     if (h.data_size != 0) size = std::min<uint64_t>(size, h.data_size);
@@ -473,6 +502,9 @@ class BmpDecoder : public ReducingDecoder {
     if (format != expected) return Status::InvalidArgument("BMP with a broken embedded stream");
     std::unique_ptr<ImageDecoder> decoder = CreateImageDecoder(format);
     if (!decoder) return Status::NotSupported("BMP embedded stream");
+    const FanOutRequest requests = AnticipatedRequests();
+    decoder->SetContentKey(requests.key);
+    decoder->SetAnticipatedRequests(requests.cx_values);
     return decoder->Decode(&window, cx, out);
   }
 };

@@ -132,6 +132,22 @@ TEST(GifDecoderTest, HostileInputFailsCleanly) {
   ASSERT_TRUE(Decode(EncodeGif(10, 10, {SolidFrame(5, 5, 30, 30, 3)}), 10, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 6, 6, 10, 10), 0, 0, 255);
 
+  // A few extensions before the image are normal; a flood of them is refused.
+  const size_t after_map = 13 + 3 * 4;  // header, screen and its four colours
+  auto with_comments = [&](size_t count) {
+    std::string flooded = gif;
+    std::string comments;
+    for (size_t i = 0; i < count; ++i) comments += std::string("\x21\xfe\x00", 3);
+    return flooded.insert(after_map, comments);
+  };
+  ASSERT_TRUE(Decode(with_comments(1000), 30, &bitmap).ok());
+  ExpectColor(MeanColor(bitmap), 255, 0, 0);
+  EXPECT_FALSE(Decode(with_comments(70000), 30, &bitmap).ok());
+  std::string sub_blocks = gif;
+  std::string comment("\x21\xfe", 2);
+  for (int i = 0; i < 300000; ++i) comment += std::string("\x01x", 2);
+  EXPECT_FALSE(Decode(sub_blocks.insert(after_map, comment + '\0'), 30, &bitmap).ok());
+
   // A screen far over the limits is refused before anything is allocated.
   Status status = Decode(EncodeGif(65535, 65535, {SolidFrame(0, 0, 2, 2, 1)}), 30, &bitmap);
   EXPECT_TRUE(IsImageTooLarge(status)) << status.ToString();

@@ -17,18 +17,56 @@ namespace tessera {
 namespace image {
 namespace {
 
-struct Reader {
-  ByteSource* source;
-  uint64_t position;
+// Before its first image a GIF holds a few extensions (graphic control,
+// loop count, comments, XMP, a profile). Tens of thousands of them are a
+// file made to keep readers busy: it is refused once past these bounds,
+// which take milliseconds to reach.
+constexpr int kMaxExtensionsBeforeImage = 1 << 16;
+// Data sub-blocks of those extensions in all (up to 255 bytes each).
+constexpr int kMaxExtensionBlocks = 1 << 18;
+
+// giflib reads every record type, extension code and sub-block length with
+// a call of its own, so a file of tiny blocks costs a call per byte or two.
+// The input is read ahead in large chunks instead; a cancelled source reads
+// nothing more (memory sources included), so giflib fails at its next read.
+class BufferedInput {
+ public:
+  explicit BufferedInput(ByteSource* source) : source_(source), buffer_(kChunkBytes) {}
+
+  // Copies up to n bytes to out; fewer only at the end of the data, on a
+  // read error or once the source is cancelled.
+  int Read(uint8_t* out, int n) {
+    int done = 0;
+    while (done < n) {
+      if (next_ == end_) {
+        if (source_->cancelled()) break;
+        const int64_t got = source_->ReadAt(offset_, buffer_.data(), buffer_.size());
+        if (got <= 0) break;
+        offset_ += static_cast<uint64_t>(got);
+        next_ = 0;
+        end_ = static_cast<size_t>(got);
+      }
+      const size_t take = std::min(static_cast<size_t>(n - done), end_ - next_);
+      std::memcpy(out + done, buffer_.data() + next_, take);
+      next_ += take;
+      done += static_cast<int>(take);
+    }
+    return done;
+  }
+
+ private:
+  static constexpr size_t kChunkBytes = size_t{64} << 10;
+
+  ByteSource* source_;
+  std::vector<uint8_t> buffer_;
+  uint64_t offset_ = 0;  // of the first byte after the buffered ones
+  size_t next_ = 0;
+  size_t end_ = 0;
 };
 
 int ReadFunc(GifFileType* gif, GifByteType* buf, int size) {
-  Reader* reader = static_cast<Reader*>(gif->UserData);
   if (size <= 0) return 0;
-  const int64_t got = reader->source->ReadAt(reader->position, buf, static_cast<size_t>(size));
-  if (got <= 0) return 0;
-  reader->position += static_cast<uint64_t>(got);
-  return static_cast<int>(got);
+  return static_cast<BufferedInput*>(gif->UserData)->Read(buf, size);
 }
 
 struct GifCloser {
@@ -39,41 +77,48 @@ struct GifCloser {
 };
 using GifPtr = std::unique_ptr<GifFileType, GifCloser>;
 
-// Skips the sub-blocks of an extension; reads the transparent index from a
-// graphic control extension.
-bool ReadExtension(GifFileType* gif, int* transparent) {
+// Skips the sub-blocks of an extension, counting them against *blocks_left;
+// reads the transparent index from a graphic control extension.
+Status ReadExtension(GifFileType* gif, int* blocks_left, int* transparent) {
   int code = 0;
   GifByteType* block = nullptr;
-  if (DGifGetExtension(gif, &code, &block) == GIF_ERROR) return false;
+  if (DGifGetExtension(gif, &code, &block) == GIF_ERROR) return Status::InvalidArgument("broken GIF extension");
   if (code == GRAPHICS_EXT_FUNC_CODE && block != nullptr && block[0] >= 4) {
     *transparent = (block[1] & 0x01) ? block[4] : -1;
   }
   while (block != nullptr) {
-    if (DGifGetExtensionNext(gif, &block) == GIF_ERROR) return false;
+    if (--*blocks_left < 0) return Status::InvalidArgument("GIF with too many extension blocks");
+    if (DGifGetExtensionNext(gif, &block) == GIF_ERROR) return Status::InvalidArgument("broken GIF extension");
   }
-  return true;
+  return Status::OK();
 }
 
 class GifDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
-    Reader reader{source, 0};
+    BufferedInput input(source);
     int error = 0;
-    GifPtr gif(DGifOpen(&reader, ReadFunc, &error));
-    if (!gif) return Status::InvalidArgument("not a readable GIF");
+    GifPtr gif(DGifOpen(&input, ReadFunc, &error));
+    if (!gif) return source->cancelled() ? DecodeCancelledError() : Status::InvalidArgument("not a readable GIF");
 
     int transparent = -1;
-    for (;;) {
+    int blocks_left = kMaxExtensionBlocks;
+    for (int extensions = 0;; ++extensions) {
+      if (source->cancelled()) return DecodeCancelledError();
       GifRecordType type;
       if (DGifGetRecordType(gif.get(), &type) == GIF_ERROR) {
         return Status::InvalidArgument("GIF without an image");
       }
       if (type == EXTENSION_RECORD_TYPE) {
-        if (!ReadExtension(gif.get(), &transparent)) return Status::InvalidArgument("broken GIF extension");
+        if (extensions >= kMaxExtensionsBeforeImage) {
+          return Status::InvalidArgument("GIF with too many extensions before its image");
+        }
+        Status status = ReadExtension(gif.get(), &blocks_left, &transparent);
+        if (!status.ok()) return status;
       } else if (type == IMAGE_DESC_RECORD_TYPE) {
         if (DGifGetImageDesc(gif.get()) == GIF_ERROR) return Status::InvalidArgument("broken GIF image");
-        return DecodeFirstImage(gif.get(), transparent, cx, AnticipatedRequests(), out);
+        return DecodeFirstImage(gif.get(), source, transparent, cx, AnticipatedRequests(), out);
       } else {
         return Status::InvalidArgument("GIF without an image");
       }
@@ -82,8 +127,8 @@ class GifDecoder : public ReducingDecoder {
 
  private:
   // Every size reads the same rows: the sink fans them out to all.
-  static Status DecodeFirstImage(GifFileType* gif, int transparent, uint32_t cx, const FanOutRequest& fan_out,
-                                 Bitmap* out) {
+  static Status DecodeFirstImage(GifFileType* gif, ByteSource* source, int transparent, uint32_t cx,
+                                 const FanOutRequest& fan_out, Bitmap* out) {
     const GifImageDesc& desc = gif->Image;
     if (desc.Width <= 0 || desc.Height <= 0) return Status::InvalidArgument("empty GIF image");
     // A screen of zero size (some encoders) takes the image's own size.
@@ -141,7 +186,12 @@ class GifDecoder : public ReducingDecoder {
       sink.PushStraightRow(canvas_row.data());
     };
 
-    for (int y = 0; y < y0; ++y) push_white();
+    // Every loop below polls the cancellation: rows can come from buffered
+    // data, or from none at all (white margins of a large screen).
+    for (int y = 0; y < y0; ++y) {
+      if (source->cancelled()) return DecodeCancelledError();
+      push_white();
+    }
     int pushed = y0;
     if (desc.Interlace) {
       // Unread rows stay white.
@@ -152,6 +202,7 @@ class GifDecoder : public ReducingDecoder {
       const int first_held = y0 - desc.Top;  // image row of indices' first row
       for (int pass = 0; pass < 4 && ok; ++pass) {
         for (int r = kStart[pass]; r < desc.Height && ok; r += kStep[pass]) {
+          if (source->cancelled()) return DecodeCancelledError();
           const bool held = r >= first_held && r < first_held + held_rows;
           GifPixelType* target =
               held ? &indices[static_cast<size_t>(r - first_held) * desc.Width] : line.data();
@@ -159,12 +210,14 @@ class GifDecoder : public ReducingDecoder {
         }
       }
       for (int y = y0; y < y1; ++y) {
+        if (source->cancelled()) return DecodeCancelledError();
         push_image_row(&indices[static_cast<size_t>(y - y0) * desc.Width]);
       }
       pushed = y1;
     } else {
       // Rows above the screen are read and dropped.
       for (int r = 0; r < desc.Height; ++r) {
+        if (source->cancelled()) return DecodeCancelledError();
         if (DGifGetLine(gif, line.data(), desc.Width) == GIF_ERROR) {
           if (pushed == 0 && r == 0) return Status::InvalidArgument("GIF data unreadable");
           break;  // a truncated file keeps what was read
@@ -176,7 +229,10 @@ class GifDecoder : public ReducingDecoder {
         ++pushed;
       }
     }
-    for (int y = pushed; y < screen_height; ++y) push_white();
+    for (int y = pushed; y < screen_height; ++y) {
+      if (source->cancelled()) return DecodeCancelledError();
+      push_white();
+    }
     return sink.Finish(1, out);
   }
 };

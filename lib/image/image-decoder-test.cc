@@ -3,11 +3,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <webp/encode.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "lib/image/byte-source.h"
 #include "lib/image/image-decoder.h"
+#include "lib/image/testing/image-fixtures.h"
+#include "lib/utility/cancellation.h"
 
 namespace tessera {
 namespace image {
@@ -59,6 +67,132 @@ TEST(SniffImageFormatTest, RecognisesSignaturesAndRefusesLookAlikes) {
   EXPECT_EQ(Sniff("\xFF\xD8"), ImageFormat::kUnknown);  // too short
   EXPECT_EQ(CreateImageDecoder(ImageFormat::kUnknown), nullptr);
   EXPECT_NE(CreateImageDecoder(ImageFormat::kJpeg), nullptr);
+}
+
+void Put16(std::string* s, uint32_t v) {
+  s->push_back(static_cast<char>(v & 0xFF));
+  s->push_back(static_cast<char>((v >> 8) & 0xFF));
+}
+void Put32(std::string* s, uint32_t v) {
+  Put16(s, v & 0xFFFF);
+  Put16(s, v >> 16);
+}
+
+// One field of a TIFF directory whose value fits in the field (four bytes
+// at most, little-endian): type 1 (byte), 2 (text), 3 (short) or 4 (long).
+struct TiffField {
+  uint16_t tag;
+  uint16_t type;
+  uint32_t count;
+  uint32_t value;
+};
+
+// A little-endian TIFF of one directory whose only strip is `strip`.
+std::string LittleEndianTiff(std::vector<TiffField> fields, const std::string& strip) {
+  const uint32_t strip_offset = 8 + 2 + 12 * static_cast<uint32_t>(fields.size() + 2) + 4;
+  fields.push_back({273, 4, 1, strip_offset});
+  fields.push_back({279, 4, 1, static_cast<uint32_t>(strip.size())});
+  std::sort(fields.begin(), fields.end(), [](const TiffField& a, const TiffField& b) { return a.tag < b.tag; });
+  std::string tiff("II*\0", 4);
+  Put32(&tiff, 8);
+  Put16(&tiff, static_cast<uint32_t>(fields.size()));
+  for (const TiffField& f : fields) {
+    Put16(&tiff, f.tag);
+    Put16(&tiff, f.type);
+    Put32(&tiff, f.count);
+    Put32(&tiff, f.value);
+  }
+  Put32(&tiff, 0);
+  return tiff + strip;
+}
+
+struct Sample {
+  const char* name;
+  std::string bytes;
+  ImageFormat format = ImageFormat::kUnknown;  // the sniffed one
+};
+
+// A small picture in every format whose decoder is built in, except JPEG
+// and HEIF. The DNG goes straight to the camera RAW decoder, which develops
+// it (through the TIFF decoder, reading it would fail first).
+std::vector<Sample> Samples() {
+  std::vector<Sample> samples;
+  testing::PngImage png;
+  png.width = png.height = 16;
+  png.samples.assign(16 * 16 * 4, 200);
+  samples.push_back({"png", testing::EncodePng(png)});
+
+  const std::string gray(16 * 16, '\x80');
+  samples.push_back({"tiff", LittleEndianTiff({{256, 3, 1, 16}, {257, 3, 1, 16}, {258, 3, 1, 8}, {259, 3, 1, 1},
+                                               {262, 3, 1, 1}, {277, 3, 1, 1}, {278, 3, 1, 16}},
+                                              gray)});
+
+  // 96x64 linear (demosaiced) 16-bit RGB; names of three letters fit in
+  // their fields.
+  std::string linear;
+  for (int i = 0; i < 96 * 64 * 3; ++i) Put16(&linear, 30000);
+  const uint32_t kName = 'T' | 's' << 8 | 's' << 16;
+  samples.push_back({"dng",
+                     LittleEndianTiff({{254, 4, 1, 0}, {256, 3, 1, 96}, {257, 3, 1, 64}, {258, 3, 1, 16},
+                                       {259, 3, 1, 1}, {262, 3, 1, 34892}, {271, 2, 4, kName}, {272, 2, 4, kName},
+                                       {277, 3, 1, 3}, {278, 3, 1, 64}, {284, 3, 1, 1},
+                                       {50706, 1, 4, 0x0401},  // DNG version 1.4
+                                       {50708, 2, 4, kName}},
+                                      linear),
+                     ImageFormat::kRaw});
+
+  std::string gif = "GIF89a";
+  Put16(&gif, 16);
+  Put16(&gif, 16);
+  gif += std::string("\x80\x00\x00\x00\x00\x00\xff\xff\xff", 9);      // two colours
+  gif += std::string("\x2c\x00\x00\x00\x00\x01\x00\x01\x00\x00", 10);  // a 1x1 image
+  gif += std::string("\x02\x02\x44\x01\x00;", 6);
+  samples.push_back({"gif", gif});
+
+  std::string bmp = "BM";
+  Put32(&bmp, 14 + 40 + 16 * 16 * 3);
+  Put32(&bmp, 0);
+  Put32(&bmp, 14 + 40);
+  for (uint32_t v : {40u, 16u, 16u}) Put32(&bmp, v);
+  Put16(&bmp, 1);
+  Put16(&bmp, 24);
+  for (int i = 0; i < 6; ++i) Put32(&bmp, 0);
+  bmp += std::string(16 * 16 * 3, '\x40');
+  samples.push_back({"bmp", bmp});
+
+  std::vector<uint8_t> rgba(16 * 16 * 4, 90);
+  uint8_t* webp = nullptr;
+  const size_t webp_size = WebPEncodeLosslessRGBA(rgba.data(), 16, 16, 16 * 4, &webp);
+  samples.push_back({"webp", std::string(reinterpret_cast<const char*>(webp), webp_size)});
+  WebPFree(webp);
+  return samples;
+}
+
+// A decode whose job has run out of time must stop, even on bytes it has
+// in memory: every decoder polls its source's cancellation, and a memory
+// source, which never fails a read, shows whether it does.
+TEST(ImageDecoderTest, CancelledSourcesFailInEveryFormat) {
+  for (const Sample& sample : Samples()) {
+    SCOPED_TRACE(sample.name);
+    ASSERT_FALSE(sample.bytes.empty());
+    const uint8_t* data = reinterpret_cast<const uint8_t*>(sample.bytes.data());
+    const std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, sample.bytes.size());
+    const ImageFormat format =
+        sample.format != ImageFormat::kUnknown ? sample.format : SniffImageFormat(data, sample.bytes.size());
+    Bitmap bitmap;
+    const Status status = CreateImageDecoder(format)->Decode(source.get(), 64, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+
+    // Cancelled by the job, or past the run's deadline.
+    auto cancelled = std::make_shared<utility::Cancellation>();
+    cancelled->Cancel();
+    for (auto cancellation : {cancelled, std::make_shared<utility::Cancellation>(utility::Cancellation::Clock::now())}) {
+      source->set_cancellation(cancellation);
+      Bitmap none;
+      EXPECT_FALSE(CreateImageDecoder(format)->Decode(source.get(), 64, &none).ok());
+      EXPECT_TRUE(none.empty());
+    }
+  }
 }
 
 class FileSourceTest : public ::testing::Test {

@@ -72,6 +72,10 @@ std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format);
 Status ImageTooLargeError(uint64_t width, uint64_t height);
 bool IsImageTooLarge(const Status& status);
 
+// The status with which a decoder gives up once its source is cancelled
+// (ByteSource::cancelled()): a Timeout status, as the job has run out of time.
+Status DecodeCancelledError();
+
 }  // namespace image
 }  // namespace tessera
 

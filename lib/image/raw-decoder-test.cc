@@ -11,6 +11,7 @@
 #include "lib/image/decoders.h"
 #include "lib/image/testing/bitmap-probe.h"
 #include "lib/image/testing/image-fixtures.h"
+#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
 namespace image {
@@ -64,6 +65,26 @@ void WriteLinearRaw(TIFF* tif, uint16_t top, uint16_t bottom) {
   }
 }
 
+// Writes IFD0 of a DNG that keeps its raw image in a SubIFD: the DNG
+// identity and a JPEG preview of width x height.
+void WritePreview(TIFF* tif, const std::string& jpeg, int width, int height) {
+  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
+  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
+  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
+  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
+  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
+  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
+  SetDngIdentity(tif);
+  uint64_t sub_ifd = 0;
+  TIFFSetField(tif, TIFFTAG_SUBIFD, 1, &sub_ifd);
+  // The whole JPEG stream, tables included, as the only strip.
+  TIFFWriteRawStrip(tif, 0, const_cast<char*>(jpeg.data()), static_cast<tmsize_t>(jpeg.size()));
+  TIFFWriteDirectory(tif);
+}
+
 // A DNG as cameras write it: IFD0 holds a JPEG preview (top half red,
 // bottom half blue as stored) and the orientation, a SubIFD the 96x64 raw
 // image, a uniform grey that shows whether the preview was used.
@@ -79,22 +100,8 @@ std::string MakeDngWithPreview(int preview_width, int preview_height, int previe
   if (path.empty()) return "";
   TIFF* tif = TIFFOpen(path.c_str(), "w");
   if (tif == nullptr) return "";
-  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, preview_width);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, preview_height);
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
-  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, preview_height);
   TIFFSetField(tif, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);  // EXIF 6: turn clockwise
-  SetDngIdentity(tif);
-  uint64_t sub_ifd = 0;
-  TIFFSetField(tif, TIFFTAG_SUBIFD, 1, &sub_ifd);
-  // The whole JPEG stream, tables included, as the only strip.
-  TIFFWriteRawStrip(tif, 0, const_cast<char*>(jpeg.data()), static_cast<tmsize_t>(jpeg.size()));
-  TIFFWriteDirectory(tif);
+  WritePreview(tif, jpeg, preview_width, preview_height);
   WriteLinearRaw(tif, 30000, 30000);
   TIFFWriteDirectory(tif);
   TIFFClose(tif);
@@ -116,6 +123,46 @@ std::string MakeDng() {
   SetDngIdentity(tif);
   TIFFSetField(tif, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);
   WriteLinearRaw(tif, 60000, 0);
+  TIFFClose(tif);
+  return ReadAndRemove(path);
+}
+
+// A Bayer (RGGB) DNG of width x height with a ramp pattern that shows
+// interpolation, optionally with a JPEG preview of preview_width x
+// preview_height in IFD0 (the raw image then goes to a SubIFD).
+std::string MakeBayerDng(int width, int height, int preview_width = 0, int preview_height = 0) {
+  std::string jpeg;
+  if (preview_width > 0) {
+    jpeg = testing::EncodeJpeg(testing::RgbImage(preview_width, preview_height, 200, 100, 50));
+    if (jpeg.empty()) return "";
+  }
+  const std::string path = ScratchPath();
+  TIFF* tif = path.empty() ? nullptr : TIFFOpen(path.c_str(), "w");
+  if (tif == nullptr) return "";
+  if (jpeg.empty()) {
+    SetDngIdentity(tif);
+  } else {
+    WritePreview(tif, jpeg, preview_width, preview_height);
+  }
+  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, 0);
+  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
+  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
+  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
+  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
+  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, 32803);  // colour filter array
+  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
+  static const uint16_t kPatternSize[2] = {2, 2};
+  static const uint8_t kPattern[4] = {0, 1, 1, 2};
+  TIFFSetField(tif, TIFFTAG_CFAREPEATPATTERNDIM, kPatternSize);
+  TIFFSetField(tif, TIFFTAG_CFAPATTERN, 4, kPattern);
+  std::vector<uint16_t> row(width);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) row[x] = static_cast<uint16_t>((x * 37 + y * 11) % 251 * 200 + (y < height / 2) * 9000);
+    TIFFWriteScanline(tif, row.data(), y, 0);
+  }
+  TIFFWriteDirectory(tif);
   TIFFClose(tif);
   return ReadAndRemove(path);
 }
@@ -175,6 +222,27 @@ TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
   ASSERT_TRUE(Decode(MakeDngWithPreview(96, 64), 48, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 48);
+}
+
+// One develop serves the other sizes that would develop the file the same
+// way, through either decoder (a DNG sniffs as TIFF; other RAW formats go
+// to the RAW decoder): not those the preview serves, nor those that develop
+// at another size.
+TEST(RawDecoderTest, OneDevelopServesTheSizesThatDevelopAlike) {
+  using Sizes = std::vector<uint32_t>;
+  // 300x200: half size (150 wide) serves cx up to 225; a 96x64 preview
+  // serves cx up to 144.
+  const std::string bare = MakeBayerDng(300, 200);
+  const std::string previewed = MakeBayerDng(300, 200, 96, 64);
+  ASSERT_FALSE(bare.empty());
+  ASSERT_FALSE(previewed.empty());
+  const testing::DecoderFactory factories[] = {[] { return CreateTiffDecoder(); }, [] { return CreateRawDecoder(); }};
+  for (const testing::DecoderFactory& factory : factories) {
+    EXPECT_EQ(testing::ServedAhead(factory, bare, {60, 120, 300, 900}), (Sizes{120}));
+    EXPECT_EQ(testing::ServedAhead(factory, bare, {300, 60, 120, 900}), (Sizes{900}));
+    EXPECT_EQ(testing::ServedAhead(factory, previewed, {300, 60, 900}), (Sizes{900}));
+    EXPECT_EQ(testing::ServedAhead(factory, previewed, {60, 120, 300}), Sizes{});
+  }
 }
 
 TEST(RawDecoderTest, RawWithoutImageDataFailsCleanly) {

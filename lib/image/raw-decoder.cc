@@ -1,5 +1,6 @@
 // Camera RAW through LibRaw (thread-safe build): the embedded preview when it
-// is large enough, else a half-size develop.
+// is large enough, else a half-size develop, which also serves the run's
+// other sizes that would develop the same way.
 //
 // Size rule: a thumbnail asked for at cx is made from an image whose longer
 // side is at least two thirds of cx (enough for any aspect up to 2:1 at the
@@ -43,6 +44,13 @@ using MemImagePtr = std::unique_ptr<libraw_processed_image_t, MemImageFreer>;
 // LibRaw prints data errors to stderr by default; a damaged RAW is an
 // expected input and stdout/stderr belong to the tool.
 void SilentDataError(void*, const char*, const int) {}
+
+// LibRaw reports each stage of unpacking and developing (some of them
+// several times along the way); a non-zero return makes the call in
+// progress give up with LIBRAW_CANCELLED_BY_CALLBACK.
+int CancelWithSource(void* source, LibRaw_progress /*stage*/, int /*iteration*/, int /*expected*/) {
+  return static_cast<ByteSource*>(source)->cancelled() ? 1 : 0;
+}
 
 int FlipToOrientation(int flip) {
   switch (flip) {
@@ -95,8 +103,11 @@ bool AspectMatches(double a_w, double a_h, double b_w, double b_h) {
   return std::fabs(a - b) <= 0.05 * b;
 }
 
-// An 8-bit RGB (or gray) image from LibRaw, reduced to fit cx.
-Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int orientation, Bitmap* out) {
+// An 8-bit RGB (or gray) image from LibRaw, reduced to fit cx and, on the
+// way, to the sizes of `fan_out` (see ReducingSink::FanOut). Polls the
+// source's cancellation every row.
+Status ReduceMemImage(const libraw_processed_image_t& image, ByteSource* source, uint32_t cx, int orientation,
+                      const FanOutRequest& fan_out, uint64_t planned_bytes, Bitmap* out) {
   if (image.bits != 8 || (image.colors != 3 && image.colors != 1)) {
     return Status::NotSupported("RAW image layout");
   }
@@ -105,9 +116,11 @@ Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int or
   ReducingSink sink;
   Status status = sink.Init(image.width, image.height, cx);
   if (!status.ok()) return status;
+  sink.FanOut(fan_out, planned_bytes);
   std::unique_ptr<uint8_t[]> row(new (std::nothrow) uint8_t[size_t{image.width} * 4]);
   if (!row) return Status::Internal("out of memory");
   for (int y = 0; y < image.height; ++y) {
+    if (source->cancelled()) return DecodeCancelledError();
     const uint8_t* src = image.data + row_bytes * y;
     for (int x = 0; x < image.width; ++x) {
       uint8_t* p = row.get() + x * 4;
@@ -125,17 +138,52 @@ Status ReduceMemImage(const libraw_processed_image_t& image, uint32_t cx, int or
   return sink.Finish(orientation, out);
 }
 
-Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
-  const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
-  const libraw_thumbnail_t& thumb = raw->imgdata.thumbnail;
+// Whether the preview may serve cx by its size and aspect, which is known
+// before it is read.
+Status CheckPreview(const libraw_image_sizes_t& sizes, const libraw_thumbnail_t& thumb, uint32_t cx) {
   if (thumb.twidth == 0 || thumb.theight == 0 || sizes.width == 0 || sizes.height == 0) {
     return Status::NotFound("no preview");
   }
   const uint32_t preview_longer = std::max(thumb.twidth, thumb.theight);
   if (preview_longer < NeededLonger(sizes, cx)) return Status::NotFound("preview too small");
+  if (!AspectMatches(thumb.twidth, thumb.theight, sizes.width, sizes.height) &&
+      !AspectMatches(thumb.twidth, thumb.theight, sizes.height, sizes.width)) {
+    return Status::NotFound("preview of another aspect");
+  }
+  return Status::OK();
+}
+
+// Whether a develop for cx runs at half size.
+bool DevelopsAtHalfSize(const libraw_image_sizes_t& sizes, uint32_t cx) {
+  return std::max(sizes.width, sizes.height) / 2 >= NeededLonger(sizes, cx);
+}
+
+// The sizes of `fan_out` that a develop for cx serves too: those whose own
+// decode would develop the file just as this one does, because the preview
+// cannot serve them (known before it is read) and they need the same
+// develop size. A size that would try the preview is left out even when
+// this request's preview failed after it was read: it might not fail at
+// that size.
+FanOutRequest DevelopedAlike(const LibRaw& raw, uint32_t cx, const FanOutRequest& fan_out) {
+  const libraw_image_sizes_t& sizes = raw.imgdata.sizes;
+  FanOutRequest alike = fan_out;
+  alike.cx_values.clear();
+  for (uint32_t other : fan_out.cx_values) {
+    if (!CheckPreview(sizes, raw.imgdata.thumbnail, other).ok() &&
+        DevelopsAtHalfSize(sizes, other) == DevelopsAtHalfSize(sizes, cx)) {
+      alike.cx_values.push_back(other);
+    }
+  }
+  return alike;
+}
+
+Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, Bitmap* out) {
+  const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
+  const libraw_thumbnail_t& thumb = raw->imgdata.thumbnail;
+  Status checked = CheckPreview(sizes, thumb, cx);
+  if (!checked.ok()) return checked;
   const bool same_way = AspectMatches(thumb.twidth, thumb.theight, sizes.width, sizes.height);
   const bool turned = AspectMatches(thumb.twidth, thumb.theight, sizes.height, sizes.width);
-  if (!same_way && !turned) return Status::NotFound("preview of another aspect");
 
   if (raw->unpack_thumb() != LIBRAW_SUCCESS) return Status::NotFound("preview unreadable");
 
@@ -155,6 +203,7 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
     std::unique_ptr<ImageDecoder> jpeg = CreateJpegDecoder();
     if (!jpeg) return Status::NotSupported("no JPEG decoder");
     std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, thumb.tlength);
+    source->set_cancellation(file->cancellation());
     Bitmap bitmap;
     Status status = jpeg->Decode(source.get(), cx, &bitmap);
     if (!status.ok()) return status;
@@ -169,10 +218,11 @@ Status DecodePreview(LibRaw* raw, uint32_t cx, Bitmap* out) {
   MemImagePtr image(raw->dcraw_make_mem_thumb(&error));
   if (!image) return Status::NotFound("preview unreadable");
   if (image->type != LIBRAW_IMAGE_BITMAP) return Status::NotFound("preview of an unknown kind");
-  return ReduceMemImage(*image, cx, orientation, out);
+  return ReduceMemImage(*image, file, cx, orientation, FanOutRequest(), 0, out);
 }
 
-Status Develop(LibRaw* raw, uint64_t file_size, uint32_t cx, Bitmap* out) {
+Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx, const FanOutRequest& fan_out,
+               Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   // Even lossy RAW codecs spend more than a bit per photosite: a file
   // smaller than that has had its image data stripped, and LibRaw would
@@ -180,7 +230,9 @@ Status Develop(LibRaw* raw, uint64_t file_size, uint32_t cx, Bitmap* out) {
   if (file_size < uint64_t{sizes.raw_width} * sizes.raw_height / 8) {
     return Status::InvalidArgument("RAW file without its image data");
   }
-  const bool half_size = std::max(sizes.width, sizes.height) / 2 >= NeededLonger(sizes, cx);
+  const bool half_size = DevelopsAtHalfSize(sizes, cx);
+  // Decided before developing, which changes the sizes LibRaw reports.
+  const FanOutRequest alike = DevelopedAlike(*raw, cx, fan_out);
   // Unpacked raw data (16-bit), the working image and the 8-bit output.
   const uint64_t raw_samples = raw->imgdata.idata.filters != 0 ? 1 : 4;
   const uint64_t raw_bytes = uint64_t{sizes.raw_width} * sizes.raw_height * 2 * raw_samples;
@@ -197,19 +249,21 @@ Status Develop(LibRaw* raw, uint64_t file_size, uint32_t cx, Bitmap* out) {
   MemImagePtr image(raw->dcraw_make_mem_image(&error));
   if (!image) return Status::Internal("RAW develop output");
   // LibRaw has applied the flip already.
-  return ReduceMemImage(*image, cx, 1, out);
+  return ReduceMemImage(*image, source, cx, 1, alike, raw_bytes + work_bytes, out);
 }
 
-class RawDecoder : public ImageDecoder {
+class RawDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
-    return DecodeCameraRaw(source, cx, false, out);
+    if (TakeKept(cx, out)) return Status::OK();
+    return DecodeCameraRaw(source, cx, false, AnticipatedRequests(), out);
   }
 };
 
 }  // namespace
 
-Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out) {
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+                       Bitmap* out) {
   std::string bytes;
   const uint8_t* data = source->contiguous_data();
   size_t size = static_cast<size_t>(source->size());
@@ -222,9 +276,10 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bit
   std::unique_ptr<LibRaw> raw(new (std::nothrow) LibRaw(LIBRAW_OPTIONS_NONE));
   if (!raw) return Status::Internal("out of memory");
   raw->set_dataerror_handler(SilentDataError, nullptr);
+  raw->set_progress_handler(CancelWithSource, source);
   // LibRaw takes a non-const pointer but only reads through it.
   if (raw->open_buffer(const_cast<uint8_t*>(data), size) != LIBRAW_SUCCESS) {
-    return Status::InvalidArgument("not a camera RAW file");
+    return source->cancelled() ? DecodeCancelledError() : Status::InvalidArgument("not a camera RAW file");
   }
   const libraw_iparams_t& idata = raw->imgdata.idata;
   // A TIFF that merely names its maker (scanners, camera-made TIFFs) is no
@@ -236,10 +291,13 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bit
   if (!WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {
     return ImageTooLargeError(sizes.raw_width, sizes.raw_height);
   }
-  Status status = DecodePreview(raw.get(), cx, out);
+  Status status = DecodePreview(raw.get(), source, cx, out);
   if (status.ok()) return status;
+  if (source->cancelled()) return DecodeCancelledError();
   LOG_DEBUG(kLogComponent, "RAW preview not used (%s); developing", status.ToString().c_str());
-  return Develop(raw.get(), size, cx, out);
+  status = Develop(raw.get(), source, size, cx, fan_out, out);
+  if (!status.ok() && source->cancelled()) return DecodeCancelledError();
+  return status;
 }
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return std::make_unique<RawDecoder>(); }

@@ -9,6 +9,7 @@
 
 #include "lib/image/bitmap.h"
 #include "lib/image/byte-source.h"
+#include "lib/image/reducing-sink.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -21,7 +22,13 @@ namespace image {
 // carries no RAW data (no colour filter array, not a DNG) is refused with
 // NotSupported so that the caller can read it as a plain TIFF. *out is
 // untouched on failure. Thread-safe (each call has its own LibRaw object).
-Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out);
+//
+// A develop also reduces its rows to those sizes of `fan_out` whose own
+// decode would develop the file the same way (they have no preview to use
+// and the same develop size), and keeps them in fan_out.cache
+// (ReducingSink::FanOut): one develop serves every such request of a run.
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+                       Bitmap* out);
 
 }  // namespace image
 }  // namespace tessera

@@ -7,6 +7,7 @@
 #include "lib/image/decoders.h"
 #include "lib/image/raw-decoder.h"
 #include "lib/image/raw-module.h"
+#include "lib/image/reduction-cache.h"
 
 namespace tessera {
 namespace image {
@@ -17,10 +18,14 @@ void SetRawModulePath(const std::string& path) { RawModule::Loader().SetPath(pat
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return RawModule::CreateDecoder(); }
 
-Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out) {
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+                       Bitmap* out) {
   const RawModuleTable* module = RawModule::Get();
   if (module == nullptr) return Status::NotSupported("the RAW module is not available");
-  return module->decode_camera_raw(source, cx, tiff_container, out);
+  // A request without a cache of its own names this copy's.
+  FanOutRequest request = fan_out;
+  if (request.cache == nullptr) request.cache = &TheReductionCache();
+  return module->decode_camera_raw(source, cx, tiff_container, request, out);
 }
 
 }  // namespace image

@@ -20,6 +20,7 @@
 #include "lib/image/bitmap.h"
 #include "lib/image/byte-source.h"
 #include "lib/image/image-decoder.h"
+#include "lib/image/reducing-sink.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -27,15 +28,17 @@ namespace image {
 
 // A decoder module's table (decoder-module.h).
 struct RawModuleTable {
-  static constexpr uint32_t kAbiVersion = 1;
+  static constexpr uint32_t kAbiVersion = 2;
   static constexpr char kKind[] = "RAW";
   static constexpr char kFileName[] = "libtessera-raw.so";
   static constexpr char kEntryName[] = "TesseraRawModuleTable";
 
   uint32_t abi_version;
   ImageDecoder* (*create_decoder)();
-  // DecodeCameraRaw() of raw-decoder.h.
-  Status (*decode_camera_raw)(ByteSource* source, uint32_t cx, bool tiff_container, Bitmap* out);
+  // DecodeCameraRaw() of raw-decoder.h. The request's cache belongs to
+  // the caller's copy of lib/image.
+  Status (*decode_camera_raw)(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+                              Bitmap* out);
 };
 
 // Loads the module from `path` instead of from the executable's directory.

@@ -56,12 +56,13 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     output_bytes_ = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
   }
   if (request.key.empty()) return;
+  ReductionCache* cache = request.cache != nullptr ? request.cache : &TheReductionCache();
   std::vector<uint32_t> sizes = request.cx_values;
   std::sort(sizes.begin(), sizes.end());
   sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
   uint64_t outputs = output_bytes_;
   for (uint32_t cx : sizes) {
-    if (cx == 0 || cx == cx_ || TheReductionCache().Contains(request.key, cx)) continue;
+    if (cx == 0 || cx == cx_ || cache->Contains(request.key, cx)) continue;
     int dst_width = 0;
     int dst_height = 0;
     RequestedSize(width_, height_, cx, request.edge_divisor, &dst_width, &dst_height);
@@ -75,6 +76,7 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     extra_cx_.push_back(cx);
   }
   key_ = request.key;
+  cache_ = cache;
 }
 
 bool ReducingSink::Started() {
@@ -126,7 +128,7 @@ Status ReducingSink::Finish(int orientation, Bitmap* out) {
   // request then decodes the file.
   for (size_t i = 1; i < results.size(); ++i) {
     if (Upright(transform_.get(), orientation, &results[i]).ok()) {
-      TheReductionCache().Keep(key_, extra_cx_[i - 1], std::move(results[i]));
+      cache_->Keep(key_, extra_cx_[i - 1], std::move(results[i]));
     }
   }
   extra_cx_.clear();
@@ -136,6 +138,10 @@ Status ReducingSink::Finish(int orientation, Bitmap* out) {
 
 bool ReducingDecoder::TakeKept(uint32_t cx, Bitmap* out) const {
   return TheReductionCache().Take(key_, cx, out);
+}
+
+FanOutRequest ReducingDecoder::AnticipatedRequests() const {
+  return FanOutRequest{key_, anticipated_, edge_divisor_, &TheReductionCache()};
 }
 
 bool WithinDecodeBudget(uint64_t bytes) { return bytes <= kMaxDecodeBytes; }

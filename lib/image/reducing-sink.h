@@ -24,15 +24,23 @@
 namespace tessera {
 namespace image {
 
+class ReductionCache;
+
 // The sizes besides the one being decoded whose results a decode may make
-// on the side, and the content key they are kept under. Only sizes whose
-// own decode would read exactly the same rows (the same page, colour
-// handling and orientation) belong here.
+// on the side, the content key they are kept under and the cache that
+// keeps them. Only sizes whose own decode would read exactly the same rows
+// (the same page, colour handling and orientation) belong here.
+//
+// The cache is the one the later requests look in: each codec module has a
+// process-wide cache of its own (its own copy of this library), so a decode
+// that another module makes for a decoder (camera RAW for TIFF) keeps its
+// results in the cache of the decoder that passes the request.
 struct FanOutRequest {
   std::string key;
   std::vector<uint32_t> cx_values;
   // See ImageDecoder::SetCallerEdgeDivisor; 0 for none.
   uint32_t edge_divisor = 0;
+  ReductionCache* cache = nullptr;  // nullptr: TheReductionCache() of this copy
 };
 
 // The size of the result for a request of cx from a width x height picture:
@@ -54,7 +62,7 @@ class ReducingSink {
   // Init's cx and those already kept under the key), smallest first, as
   // long as all outputs together stay within kMaxFanOutBytes and, with
   // `planned_bytes` (what the decoder allocates itself), within
-  // kMaxDecodeBytes. Finish keeps their results in the reduction cache.
+  // kMaxDecodeBytes. Finish keeps their results in the request's cache.
   // Fans out nothing for an empty key. Call after Init, before the first
   // row.
   void FanOut(const FanOutRequest& request, uint64_t planned_bytes);
@@ -105,6 +113,7 @@ class ReducingSink {
   Status start_status_;
   bool started_ = false;
   std::string key_;
+  ReductionCache* cache_ = nullptr;
   std::shared_ptr<const ColorTransform> transform_;
 };
 
@@ -122,8 +131,9 @@ class ReducingDecoder : public ImageDecoder {
   // request served so reads nothing.
   bool TakeKept(uint32_t cx, Bitmap* out) const;
 
-  // Every anticipated size, under this decoder's content key.
-  FanOutRequest AnticipatedRequests() const { return FanOutRequest{key_, anticipated_, edge_divisor_}; }
+  // Every anticipated size, under this decoder's content key, to be kept
+  // where TakeKept looks.
+  FanOutRequest AnticipatedRequests() const;
 
  private:
   std::string key_;

@@ -34,6 +34,7 @@ struct Page {
   int bits = 8;
   int photometric = PHOTOMETRIC_RGB;
   bool tiled = false;
+  bool planar = false;   // separate planes (strips only)
   bool reduced = false;  // a reduced-resolution copy of the page before
   int orientation = 0;   // 0: no tag
   int rows_per_strip = 7;  // 0: the whole image in one strip
@@ -63,20 +64,21 @@ std::vector<uint8_t> PackRow(const std::vector<int>& values, int bits) {
   return out;
 }
 
-// Writes the pages with libtiff into a scratch file and returns its bytes.
-std::string WriteTiff(const std::vector<Page>& pages) {
+// Writes the pages with libtiff into a scratch file and returns its bytes;
+// `mode` is libtiff's ("wb": big-endian).
+std::string WriteTiff(const std::vector<Page>& pages, const char* mode = "w") {
   char path[] = "/tmp/tiff-decoder-test-XXXXXX";
   const int fd = mkstemp(path);
   if (fd < 0) return "";
   close(fd);
-  TIFF* tif = TIFFOpen(path, "w");
+  TIFF* tif = TIFFOpen(path, mode);
   for (const Page& page : pages) {
     TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, page.width);
     TIFFSetField(tif, TIFFTAG_IMAGELENGTH, page.height);
     TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, page.samples);
     TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, page.bits);
     TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, page.photometric);
-    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, page.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
     TIFFSetField(tif, TIFFTAG_COMPRESSION, page.compression);
     if (page.compression == COMPRESSION_JPEG) TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
     if (page.reduced) TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
@@ -115,6 +117,16 @@ std::string WriteTiff(const std::vector<Page>& pages) {
             buf.insert(buf.end(), row.begin(), row.end());
           }
           TIFFWriteTile(tif, buf.data(), tx, ty, 0, 0);
+        }
+      }
+    } else if (page.planar) {
+      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, page.rows_per_strip > 0 ? page.rows_per_strip : page.height);
+      for (int s = 0; s < page.samples; ++s) {
+        for (int y = 0; y < page.height; ++y) {
+          std::vector<int> values;
+          for (int x = 0; x < page.width; ++x) values.push_back(page.pixel(x, y, s));
+          std::vector<uint8_t> row = PackRow(values, page.bits);
+          TIFFWriteScanline(tif, row.data(), y, static_cast<uint16_t>(s));
         }
       }
     } else {
@@ -338,6 +350,47 @@ TEST(TiffDecoderTest, DepthsAndInksBeyondTheRgbaInterface) {
   const Rgb cyan = MeanColor(bitmap);
   EXPECT_LT(cyan.r, 80) << testing::ToString(cyan);
   EXPECT_GT(cyan.b, 180) << testing::ToString(cyan);
+}
+
+// Separate planes in strips are read a row of each plane at a time, and
+// give what the same samples interleaved give: uncompressed (read straight
+// from the file, in either byte order) or compressed, in one strip per
+// plane or many.
+TEST(TiffDecoderTest, SeparatePlanesReadAsInterleaved) {
+  struct Case {
+    const char* what;
+    int bits, samples, rows_per_strip, compression;
+    const char* mode;
+  };
+  const Case cases[] = {
+      {"16-bit RGB, one strip", 16, 3, 0, COMPRESSION_NONE, "w"},
+      {"16-bit RGB, one strip, big-endian", 16, 3, 0, COMPRESSION_NONE, "wb"},
+      {"16-bit RGBA, LZW strips", 16, 4, 7, COMPRESSION_LZW, "w"},
+      {"16-bit RGB, one deflated strip, big-endian", 16, 3, 0, COMPRESSION_ADOBE_DEFLATE, "wb"},
+      {"12-bit RGB, strips", 12, 3, 5, COMPRESSION_NONE, "w"},
+      {"8-bit RGB, one LZW strip", 8, 3, 0, COMPRESSION_LZW, "w"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Page page;
+    page.width = 45;
+    page.height = 31;
+    page.bits = c.bits;
+    page.samples = c.samples;
+    page.rows_per_strip = c.rows_per_strip;
+    page.compression = c.compression;
+    const int max = (1 << c.bits) - 1;
+    page.pixel = [max](int x, int y, int s) { return (x * 97 + y * 61 + s * 1013) * 37 % (max + 1); };
+    Bitmap interleaved;
+    Status status = Decode(WriteTiff({page}, c.mode), 30, &interleaved);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    page.planar = true;
+    const std::string planar = WriteTiff({page}, c.mode);
+    Bitmap bitmap;
+    status = Decode(planar, 30, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    testing::ExpectSameBitmap(interleaved, bitmap);
+  }
 }
 
 TEST(TiffDecoderTest, FirstPageAndLargeEnoughReducedCopy) {

@@ -1,11 +1,11 @@
-// TIFF in two ways. Interleaved gray, RGB, CMYK and palette images of 1 to
-// 16 bits are unpacked here, scanline by scanline for strips and one row of
-// tiles at a time for tiles: CMYK goes through the colour-managed conversion
+// TIFF in two ways. Gray, RGB, CMYK and palette images of 1 to 16 bits,
+// interleaved or (in strips) planar-separate, are unpacked here, scanline by
+// scanline for strips and one row of tiles at a time for tiles: CMYK goes through the colour-managed conversion
 // (the embedded profile, else the built-in press model), other depths are
 // scaled to 8 bits. Reading scanlines in order decodes each strip once, so a
 // file written as one huge strip costs no more than one cut into many.
 // What needs libtiff's own colour handling (YCbCr, JPEG and old-style JPEG
-// compression, planar-separate, LogLuv, Lab) goes through the RGBA
+// compression, planar-separate tiles, LogLuv, Lab) goes through the RGBA
 // interface a slice of whole strips or one row of tiles at a time. Either
 // way rows are reduced on the fly, so memory is bounded by the raw data of
 // one strip or tile row plus the output. The rows of one decode also serve
@@ -42,6 +42,7 @@ struct Client {
 tmsize_t ReadProc(thandle_t handle, void* buf, tmsize_t size) {
   Client* client = static_cast<Client*>(handle);
   if (size <= 0) return 0;
+  if (client->source->cancelled()) return -1;  // memory sources go on reading otherwise
   const int64_t got = client->source->ReadAt(client->position, buf, static_cast<size_t>(size));
   if (got < 0) return -1;
   client->position += static_cast<uint64_t>(got);
@@ -60,6 +61,9 @@ toff_t SeekProc(thandle_t handle, toff_t offset, int whence) {
 }
 
 int CloseProc(thandle_t) { return 0; }
+// Whether the decode reading through `tif` is to give up. Strips and tiles
+// decode from data read beforehand, so the row loops poll this.
+bool Cancelled(TIFF* tif) { return static_cast<Client*>(TIFFClientdata(tif))->source->cancelled(); }
 toff_t SizeProc(thandle_t handle) { return static_cast<Client*>(handle)->source->size(); }
 int MapProc(thandle_t, void**, toff_t*) { return 0; }
 void UnmapProc(thandle_t, void*, toff_t) {}
@@ -135,12 +139,14 @@ bool RgbaReadable(TIFF* tif) {
 }
 
 // What the sample path reads: unsigned integer samples of 1 to 16 bits,
-// interleaved, as gray, RGB, CMYK or palette indices (up to 8 bits) with an
-// optional alpha sample after the colour ones.
+// interleaved (or planar-separate in strips), as gray, RGB, CMYK or palette
+// indices (up to 8 bits) with an optional alpha sample after the colour
+// ones.
 struct SampleLayout {
   uint16_t photometric = 0;
   int bits = 0;
   int samples = 0;        // per pixel, extra samples included
+  bool planar = false;    // one plane of strips per sample
   int color_samples = 0;  // 1, 3 or 4
   int alpha_index = -1;   // sample index of alpha, -1 when none
   bool associated_alpha = false;
@@ -180,8 +186,12 @@ bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
   TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
   TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &format);
   if (bits < 1 || bits > 16 || format != SAMPLEFORMAT_UINT) return false;
-  if (planar != PLANARCONFIG_CONTIG && samples > 1) return false;
+  // Tiles of separate planes stay with libtiff, which holds one tile of
+  // each plane at a time.
+  const bool separate = planar == PLANARCONFIG_SEPARATE && samples > 1;
+  if (planar != PLANARCONFIG_CONTIG && samples > 1 && (!separate || TIFFIsTiled(tif))) return false;
   SampleLayout layout;
+  layout.planar = separate;
   layout.photometric = photometric;
   layout.bits = bits;
   layout.samples = samples;
@@ -353,10 +363,12 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* 
   raster.resize(static_cast<size_t>(width) * chunk);
   const bool has_alpha = image.alpha != 0;
   for (uint32_t row = 0; row < height; row += chunk) {
+    if (Cancelled(tif)) return DecodeCancelledError();
     const uint32_t rows = std::min(chunk, height - row);
     image.row_offset = static_cast<int>(row);
     image.col_offset = 0;
     if (!TIFFRGBAImageGet(&image, raster.data(), width, rows)) {
+      if (Cancelled(tif)) return DecodeCancelledError();
       if (row == 0) return Status::InvalidArgument("TIFF data unreadable");
       break;  // keep what was read; the rest shows as grey
     }
@@ -456,6 +468,94 @@ void SamplesToBgra(const SampleLayout& layout, const ColorTransform* cmyk_transf
 // CMYK rows without alpha go to the sink as CMYK; all others are BGRA.
 bool ReducesCmyk(const SampleLayout& layout) { return layout.color_samples == 4 && layout.alpha_index < 0; }
 
+// The rows of a planar-separate strip image, each plane read on its own and
+// front to back. A TIFF handle decodes one strip at a time, and taking turns
+// between the planes' strips on one handle would decode each strip again
+// from its start for every row; reading a strip whole instead holds a plane
+// (libtiff reads an uncompressed strip whole too). So uncompressed rows are
+// read straight from the source, and compressed planes each get a handle of
+// their own: memory is a row, plus a compressed strip, per plane.
+class PlaneRows {
+ public:
+  // Prepares reading the planes of the directory that `tif` is on; its
+  // scanline reads serve the first plane. `width` is the image's.
+  Status Open(TIFF* tif, const SampleLayout& layout, uint32_t width) {
+    tif_ = tif;
+    uint16_t compression = COMPRESSION_NONE;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
+    uncompressed_ = compression == COMPRESSION_NONE;
+    uint32_t height = 0;
+    uint32_t rows_per_strip = 0;
+    TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &height);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_ROWSPERSTRIP, &rows_per_strip);
+    rows_per_strip_ = std::max<uint32_t>(1, std::min(rows_per_strip, height));
+    strips_per_plane_ = (height + rows_per_strip_ - 1) / rows_per_strip_;
+    if (uint64_t{TIFFNumberOfStrips(tif)} < uint64_t{strips_per_plane_} * layout.samples) {
+      return Status::InvalidArgument("TIFF without a strip for every plane");
+    }
+    line_bytes_ = static_cast<uint64_t>(TIFFScanlineSize64(tif));
+    uint16_t fill_order = FILLORDER_MSB2LSB;
+    TIFFGetFieldDefaulted(tif, TIFFTAG_FILLORDER, &fill_order);
+    reverse_bits_ = fill_order == FILLORDER_LSB2MSB;
+    swab_ = TIFFIsByteSwapped(tif) && layout.bits == 16;
+    plane_.resize(width);
+    if (uncompressed_) return Status::OK();
+    Client* client = static_cast<Client*>(TIFFClientdata(tif));
+    clients_.reset(new Client[layout.samples]);
+    handles_.resize(static_cast<size_t>(layout.samples));
+    for (int p = 1; p < layout.samples; ++p) {
+      clients_[p] = Client{client->source, 0};
+      Status status = OpenTiff(&clients_[p], &handles_[p]);
+      if (!status.ok()) return status;
+      if (!TIFFSetSubDirectory(handles_[p].get(), TIFFCurrentDirOffset(tif))) {
+        return Status::InvalidArgument("TIFF directory lost");
+      }
+    }
+    return Status::OK();
+  }
+
+  // Reads row y of every plane (rows in order) and interleaves them as 8-bit
+  // samples (unpacked as UnpackSamples does). `line` holds a scanline.
+  bool ReadRow(uint32_t y, const SampleLayout& layout, uint8_t* line, uint8_t* samples) {
+    const size_t width = plane_.size();
+    for (int p = 0; p < layout.samples; ++p) {
+      if (!ReadPlaneRow(p, y, line)) return false;
+      UnpackSamples(line, layout.bits, width, plane_.data(), layout.palette.empty());
+      for (size_t x = 0; x < width; ++x) samples[x * layout.samples + p] = plane_[x];
+    }
+    return true;
+  }
+
+ private:
+  bool ReadPlaneRow(int p, uint32_t y, uint8_t* line) {
+    if (!uncompressed_) return TIFFReadScanline(p == 0 ? tif_ : handles_[p].get(), line, y, static_cast<uint16_t>(p)) >= 0;
+    const uint32_t strip = static_cast<uint32_t>(p) * strips_per_plane_ + y / rows_per_strip_;
+    const uint64_t start = uint64_t{y % rows_per_strip_} * line_bytes_;
+    const uint64_t offset = TIFFGetStrileOffset(tif_, strip);
+    if (offset == 0 || start + line_bytes_ > TIFFGetStrileByteCount(tif_, strip)) return false;
+    ByteSource* source = static_cast<Client*>(TIFFClientdata(tif_))->source;
+    if (source->cancelled() ||
+        source->ReadAt(offset + start, line, static_cast<size_t>(line_bytes_)) != static_cast<int64_t>(line_bytes_)) {
+      return false;
+    }
+    // What libtiff does to the rows it reads.
+    if (reverse_bits_) TIFFReverseBits(line, static_cast<tmsize_t>(line_bytes_));
+    if (swab_) TIFFSwabArrayOfShort(reinterpret_cast<uint16_t*>(line), static_cast<tmsize_t>(line_bytes_ / 2));
+    return true;
+  }
+
+  TIFF* tif_ = nullptr;
+  bool uncompressed_ = false;
+  bool reverse_bits_ = false;
+  bool swab_ = false;
+  uint32_t rows_per_strip_ = 1;
+  uint32_t strips_per_plane_ = 0;
+  uint64_t line_bytes_ = 0;
+  std::vector<uint8_t> plane_;
+  std::unique_ptr<Client[]> clients_;  // handles_ read through them
+  std::vector<TiffPtr> handles_;       // [0] unused: plane 0 reads through tif_
+};
+
 void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
   if (ReducesCmyk(layout)) {
     sink->PushOpaqueRow(bgra);
@@ -510,21 +610,35 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
   std::vector<uint8_t> bgra;
 
   if (!TIFFIsTiled(tif)) {
+    // A planar image's scanline is one plane's row.
     const uint64_t line_bytes = static_cast<uint64_t>(TIFFScanlineSize64(tif));
-    if (line_bytes < (uint64_t{width} * pixel_bits + 7) / 8) return Status::InvalidArgument("TIFF scanline size");
-    const uint64_t planned = line_bytes + row_samples + cmyk_bytes + uint64_t{width} * 4;
+    const uint64_t line_bits = uint64_t{width} * (layout.planar ? static_cast<uint64_t>(layout.bits) : pixel_bits);
+    if (line_bytes < (line_bits + 7) / 8) return Status::InvalidArgument("TIFF scanline size");
+    const uint64_t plane_bytes = layout.planar ? width : 0;
+    const uint64_t planned = line_bytes + plane_bytes + row_samples + cmyk_bytes + uint64_t{width} * 4;
     if (!WithinDecodeBudget(planned)) return Status::InvalidArgument("TIFF scanlines too large to decode");
+    PlaneRows planes;
+    if (layout.planar) {
+      status = planes.Open(tif, layout, width);
+      if (!status.ok()) return status;
+    }
     sink.FanOut(fan_out, planned);
     std::vector<uint8_t> line(static_cast<size_t>(line_bytes));
     samples.resize(static_cast<size_t>(row_samples));
     cmyk.resize(static_cast<size_t>(cmyk_bytes));
     bgra.resize(static_cast<size_t>(width) * 4);
     for (uint32_t y = 0; y < height; ++y) {
-      if (TIFFReadScanline(tif, line.data(), y, 0) < 0) {
+      if (Cancelled(tif)) return DecodeCancelledError();
+      const bool read = layout.planar ? planes.ReadRow(y, layout, line.data(), samples.data())
+                                      : TIFFReadScanline(tif, line.data(), y, 0) >= 0;
+      if (!read) {
+        if (Cancelled(tif)) return DecodeCancelledError();
         if (y == 0) return Status::InvalidArgument("TIFF data unreadable");
         break;
       }
-      UnpackSamples(line.data(), layout.bits, samples.size(), samples.data(), layout.palette.empty());
+      if (!layout.planar) {
+        UnpackSamples(line.data(), layout.bits, samples.size(), samples.data(), layout.palette.empty());
+      }
       SamplesToBgra(layout, cmyk_transform, samples.data(), width, cmyk.data(), bgra.data());
       PushRow(layout, &sink, bgra.data());
     }
@@ -556,8 +670,10 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
   for (uint32_t ty = 0; ty < height && !truncated; ty += tile_height) {
     const uint32_t rows = std::min(tile_height, height - ty);
     for (uint32_t tx = 0; tx < width; tx += tile_width) {
+      if (Cancelled(tif)) return DecodeCancelledError();
       const uint32_t cols = std::min(tile_width, width - tx);
       if (TIFFReadTile(tif, tile.data(), tx, ty, 0, 0) < 0) {
+        if (Cancelled(tif)) return DecodeCancelledError();
         if (ty == 0 && tx == 0) return Status::InvalidArgument("TIFF data unreadable");
         // Keep this row of tiles with the unreadable one blank, then stop.
         std::fill(tile.begin(), tile.end(), 0);
@@ -585,8 +701,11 @@ class TiffDecoder : public ReducingDecoder {
     if (!status.ok()) return status;
     const bool camera_raw = LooksLikeCameraRaw(tif.get());
     if (camera_raw) {
-      status = DecodeCameraRaw(source, cx, true, out);
+      // A develop keeps what it makes for the other sizes where TakeKept
+      // above finds it.
+      status = DecodeCameraRaw(source, cx, true, AnticipatedRequests(), out);
       if (status.ok() || IsImageTooLarge(status)) return status;
+      if (source->cancelled()) return DecodeCancelledError();
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
       if (!TIFFSetDirectory(tif.get(), 0)) return Status::InvalidArgument("TIFF directory lost");
     }

@@ -4,6 +4,7 @@
 #include <webp/decode.h>
 #include <webp/demux.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -22,6 +23,9 @@ namespace {
 
 // WebP has to be in memory whole; the format itself stops at 4 GiB.
 constexpr size_t kMaxWebpFileBytes = size_t{256} << 20;
+// A still image is fed to the decoder this much at a time, and a cancelled
+// decode stops between slices.
+constexpr size_t kSliceBytes = size_t{64} << 10;
 
 struct DemuxDeleter {
   void operator()(WebPDemuxer* demux) const { WebPDemuxDelete(demux); }
@@ -31,6 +35,9 @@ struct AnimDecoderDeleter {
 };
 struct DecBufferFreer {
   void operator()(WebPDecBuffer* buffer) const { WebPFreeDecBuffer(buffer); }
+};
+struct IDecoderDeleter {
+  void operator()(WebPIDecoder* decoder) const { WebPIDelete(decoder); }
 };
 
 // First frame of an animation on its canvas, at full size.
@@ -55,7 +62,7 @@ Status DecodeFirstFrame(const WebPData& data, int canvas_width, int canvas_heigh
 }
 
 // A still image, scaled while decoding to fit cx.
-Status DecodeStill(const WebPData& data, int width, int height, uint32_t cx, Bitmap* out) {
+Status DecodeStill(ByteSource* source, const WebPData& data, int width, int height, uint32_t cx, Bitmap* out) {
   int dst_width = 0;
   int dst_height = 0;
   FitWithin(width, height, cx, &dst_width, &dst_height);
@@ -75,9 +82,17 @@ Status DecodeStill(const WebPData& data, int width, int height, uint32_t cx, Bit
   config.output.u.RGBA.rgba = bitmap.data();
   config.output.u.RGBA.stride = static_cast<int>(bitmap.stride());
   config.output.u.RGBA.size = bitmap.byte_size();
-  if (WebPDecode(data.bytes, data.size, &config) != VP8_STATUS_OK) {
-    return Status::InvalidArgument("broken WebP");
+  // Decoded incrementally from the bytes in memory, which libwebp does not
+  // copy; the result is that of a decode in one call.
+  std::unique_ptr<WebPIDecoder, IDecoderDeleter> decoder(WebPIDecode(nullptr, 0, &config));
+  if (!decoder) return Status::Internal("libwebp incremental decoder");
+  VP8StatusCode result = VP8_STATUS_SUSPENDED;
+  for (size_t fed = 0; result == VP8_STATUS_SUSPENDED && fed < data.size;) {
+    if (source->cancelled()) return DecodeCancelledError();
+    fed = std::min(data.size, fed + kSliceBytes);
+    result = WebPIUpdate(decoder.get(), data.bytes, fed);
   }
+  if (result != VP8_STATUS_OK) return Status::InvalidArgument("broken WebP");
   *out = std::move(bitmap);
   return Status::OK();
 }
@@ -88,6 +103,9 @@ class WebpDecoder : public ImageDecoder {
     std::string bytes;
     Status status = source->ReadAll(kMaxWebpFileBytes, &bytes);
     if (!status.ok()) return status;
+    // An animation's first frame is decoded in one call; only a still
+    // image's decode polls the cancellation as it goes.
+    if (source->cancelled()) return DecodeCancelledError();
     const WebPData data = {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()};
     std::unique_ptr<WebPDemuxer, DemuxDeleter> demux(WebPDemux(&data));
     if (!demux) return Status::InvalidArgument("not a readable WebP");
@@ -122,7 +140,7 @@ class WebpDecoder : public ImageDecoder {
       FitWithin(canvas.width(), canvas.height(), cx, &dst_width, &dst_height);
       status = AreaResample(canvas, dst_width, dst_height, &bitmap);
     } else {
-      status = DecodeStill(data, canvas_width, canvas_height, cx, &bitmap);
+      status = DecodeStill(source, data, canvas_width, canvas_height, cx, &bitmap);
       if (status.ok()) FlattenOverWhite(bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
     }
     if (!status.ok()) return status;
