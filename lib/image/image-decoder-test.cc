@@ -117,6 +117,10 @@ struct Sample {
 // it (through the TIFF decoder, reading it would fail first).
 std::vector<Sample> Samples() {
   std::vector<Sample> samples;
+  samples.push_back({"jpeg", testing::EncodeJpeg(testing::RgbImage(16, 16, 10, 20, 30))});
+  testing::JpegOptions progressive;
+  progressive.progressive = true;
+  samples.push_back({"progressive jpeg", testing::EncodeJpeg(testing::RgbImage(16, 16, 10, 20, 30), progressive)});
   testing::PngImage png;
   png.width = png.height = 16;
   png.samples.assign(16 * 16 * 4, 200);
