@@ -15,6 +15,7 @@
 #include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/decoders.h"
+#include "lib/image/heif-structure.h"
 #include "lib/image/limits.h"
 #include "lib/image/reducing-sink.h"
 
@@ -144,6 +145,10 @@ class HeifDecoder : public ImageDecoder {
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
     std::string bytes;
     Status status = source->ReadAll(kMaxHeifFileBytes, &bytes);
+    if (!status.ok()) return status;
+    // libheif's own parsing and grid decoding grow faster than the counts a
+    // file declares; files beyond real ones' counts are refused first.
+    status = CheckHeifStructure(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), *source, nullptr);
     if (!status.ok()) return status;
     std::unique_ptr<heif_context, ContextFreer> context(heif_context_alloc());
     if (!context) return Status::Internal("libheif context");
