@@ -56,7 +56,8 @@ void CheckContract(const Bitmap& bitmap, uint32_t cx) {
 
 constexpr ImageFormat kFormat = ImageFormat::TESSERA_FUZZ_FORMAT;
 constexpr bool kKeepsOtherEdges = kFormat == ImageFormat::kPng || kFormat == ImageFormat::kTiff ||
-                                  kFormat == ImageFormat::kGif || kFormat == ImageFormat::kBmp;
+                                  kFormat == ImageFormat::kGif || kFormat == ImageFormat::kBmp ||
+                                  kFormat == ImageFormat::kHeif;
 
 void CheckKeptResults(const uint8_t* data, size_t size, uint32_t cx) {
   static int runs = 0;
