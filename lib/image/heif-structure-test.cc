@@ -66,6 +66,10 @@ TEST(HeifStructureTest, RefusesWhatRealFilesNeverHold) {
   HeifItemGraph deep;
   deep.types = {"iden", "iden", "iden", "iden", "iden", "hvc1"};
   deep.derivations = {{1, 2}, {2, 3}, {3, 4}, {4, 5}, {5, 6}};
+  // A small grid whose ipma says it has a million entries.
+  std::string associations = Grid(1, 1);
+  const size_t ipma = associations.find("ipma");
+  associations.replace(ipma + 8, 4, std::string("\0\x0f\x42\x40", 4));
   std::string many_boxes = Grid(1, 1);
   for (uint32_t i = 0; i < kMaxHeifBoxes; ++i) many_boxes += std::string("\0\0\0\x08" "free", 8);
 
@@ -82,6 +86,7 @@ TEST(HeifStructureTest, RefusesWhatRealFilesNeverHold) {
       {"a cycle", BuildHeifItemGraph(cycle), "derived from itself"},
       {"a deep chain", BuildHeifItemGraph(deep), "nested deeper"},
       {"boxes", many_boxes, "boxes"},
+      {"property associations", associations, "property association entries"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

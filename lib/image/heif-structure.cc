@@ -161,7 +161,9 @@ class Walker {
           return Status::OK();
         case FourCc("iprp"):
           return Children(box.payload, box.end, [&](const Box& child) {
-            return child.type == FourCc("ipco") ? CountChildren(child.payload, child.end) : Status::OK();
+            if (child.type == FourCc("ipco")) return CountChildren(child.payload, child.end);
+            if (child.type == FourCc("ipma")) return Ipma(child);
+            return Status::OK();
           });
         case FourCc("dinf"):
         case FourCc("grpl"):
@@ -210,6 +212,15 @@ class Walker {
       }
       return Status::OK();
     });
+  }
+
+  // Property associations: one entry per item.
+  Status Ipma(const Box& box) {
+    Reader r(data_, box.payload, box.end);
+    r.Read(4);  // version and flags
+    const uint32_t entries = r.U32();
+    if (!r.ok()) return Status::OK();
+    return entries > kMaxHeifItems ? Refuse("property association entries", entries, kMaxHeifItems) : Status::OK();
   }
 
   Status Iref(const Box& box) {

@@ -23,7 +23,7 @@ namespace image {
 
 // Boxes at the top level and inside the meta box, together.
 constexpr uint32_t kMaxHeifBoxes = 1 << 16;
-// Items (infe entries, iloc entries).
+// Items (infe entries, iloc entries, ipma entries).
 constexpr uint32_t kMaxHeifItems = 4096;
 // Item references, counting every referenced item of every iref entry.
 constexpr uint32_t kMaxHeifReferences = 8192;
