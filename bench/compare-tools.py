@@ -390,6 +390,12 @@ def main():
         by = rows_by["h264-1080p-10s.mp4"]
         r = ratio(by["tool"], by["ffmpegthumbnailer"])
         target(f"1080p H.264: tool/ffmpegthumbnailer = {fmt_ratio(r)} (≤ 0.40)", r is not None and r <= 0.4)
+    heifs = [(e, by) for e, by in rows if e["name"].endswith((".heic", ".heif"))]
+    if heifs:
+        ratios = [(e["name"], ratio(by["tool"], by["vipsthumbnail"])) for e, by in heifs]
+        worst = max(ratios, key=lambda nr: float("inf") if nr[1] is None else nr[1])
+        target(f"HEIF: tool/vipsthumbnail ≤ 0.50 on every one (worst {worst[0]}: {fmt_ratio(worst[1])})",
+               all(r is not None and r <= 0.5 for _, r in ratios))
     over = [e["name"] for e, by in rows
             if "vipsthumbnail" in by and by["vipsthumbnail"].ok
             and (by["tool"].rss_kib or 0) > (by["vipsthumbnail"].rss_kib or 0)]

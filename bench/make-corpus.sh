@@ -4,9 +4,14 @@
 # (seeded noise, bit-exact encoders), so results of different days compare.
 # Files already there are kept. Writes <dir>/MANIFEST.tsv: name, kind (jpeg,
 # image, video), displayed width, height.
+#
+# The phone HEICs of the shared real-world corpus (../shared/corpus/heif
+# beside the checkout, or TESSERA_SHARED_CORPUS) are linked in when it is
+# there; the benchmark runs without them.
 set -euo pipefail
-dir=$1
 bench=$(cd "$(dirname "$0")" && pwd)
+shared=${TESSERA_SHARED_CORPUS:-$bench/../../shared/corpus}
+dir=$1
 cd "$dir"
 
 ff() { ffmpeg -nostdin -v error -y "$@"; }
@@ -51,6 +56,24 @@ heic() {
   rm -f "$tmp.jpg"
   mv "$tmp.heic" "$tmp"
 }
+# A 20 MP HDR still as phones and cameras write them: 10-bit PQ, BT.2020,
+# AV1-coded HEIF (AVIF brands). Deterministic content (ffmpeg's gradients
+# source is not, whatever its seed) goes from sRGB to PQ with diffuse white
+# at 203 cd/m² and its brightest fifth stretched up to 1000; libaom on one
+# thread codes the same bytes every time.
+hdr_heif() {
+  local w=5472 h=3648
+  local lin='if(lte(val/65535,0.04045),val/65535/12.92,pow((val/65535+0.055)/1.055,2.4))'
+  local nits="(203*($lin)*(1+20*max($lin-0.8,0)))"
+  local y="pow($nits/10000,0.1593017578125)"
+  local pq="65535*pow((0.8359375+18.8515625*$y)/(1+18.6875*$y),78.84375)"
+  ff -f lavfi -i "mandelbrot=s=$((w / 4))x$((h / 4)):maxiter=300:start_scale=2.5" \
+     -f lavfi -i "nullsrc=s=$((w / 4))x$((h / 4)),geq=r='128+96*sin(X/24+Y/63)':g='128+96*sin(Y/33+2)':b='128+96*cos((X+Y)/43)'" \
+     -filter_complex "[1]format=rgb24[g];[0]format=rgb24[m];[g][m]blend=all_mode=softlight,scale=$w:$h:flags=bicubic,noise=alls=22:allf=u:all_seed=11,format=rgb48le,lutrgb=r='$pq':g='$pq':b='$pq',scale=out_color_matrix=bt2020:out_range=full,format=yuv420p10le" \
+     -frames:v 1 -c:v libaom-av1 -still-picture 1 -cpu-used 8 -threads 1 -row-mt 0 -crf 12 \
+     -color_primaries bt2020 -color_trc smpte2084 -colorspace bt2020nc -color_range pc \
+     -fflags +bitexact -flags +bitexact -f avif "$tmp"
+}
 video() {  # width height seconds codec [extra output options]
   local w=$1 h=$2 s=$3 codec=$4; shift 4
   ff -f lavfi -i "testsrc2=s=${w}x${h}:r=30:d=$s" -f lavfi -i "sine=f=440:d=$s" \
@@ -87,6 +110,7 @@ huge-100mp.jpg	jpeg	12240	8160
 rgba-4000x3000.png	image	4000	3000
 lzw-48mp.tif	image	8000	6000
 phone-12mp.heic	image	4032	3024
+hdr-pq-20mp.heif	image	5472	3648
 h264-1080p-10s.mp4	video	1920	1080
 hevc-4k-3s.mp4	video	3840	2160
 portrait-phone.mp4	video	1080	1920
@@ -102,7 +126,22 @@ make huge-100mp.jpg        jpeg 12240 8160
 make rgba-4000x3000.png    png_rgba
 make lzw-48mp.tif          tiff_lzw
 make phone-12mp.heic       heic
+make hdr-pq-20mp.heif      hdr_heif
 make h264-1080p-10s.mp4    video 1920 1080 10 libx264 -preset fast
 make hevc-4k-3s.mp4        video 3840 2160 3 libx265 -preset ultrafast -tag:v hvc1 \
                            -x265-params log-level=error
 make portrait-phone.mp4    portrait
+
+# Real phone HEICs (grids of tiles, Display P3), by the shared corpus's own
+# manifest: path, ..., what the file exercises (6th column), ..., displayed
+# size (9th). Linked, not copied.
+if [[ -f $shared/MANIFEST.tsv ]]; then
+  awk -F '\t' '$1 ~ /^heif\// && $6 ~ /iPhone/ && $9 ~ /^[0-9]+x[0-9]+$/ { print $1 "\t" $9 }' \
+      "$shared/MANIFEST.tsv" |
+  while IFS=$'\t' read -r path size; do
+    [[ -f $shared/$path ]] || continue
+    name=shared-$(basename "$path")
+    ln -sfn "$shared/$path" "$name"
+    printf '%s\timage\t%s\t%s\n' "$name" "${size%x*}" "${size#*x}" >> MANIFEST.tsv
+  done
+fi

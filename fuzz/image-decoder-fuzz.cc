@@ -57,7 +57,7 @@ void CheckContract(const Bitmap& bitmap, uint32_t cx) {
 constexpr ImageFormat kFormat = ImageFormat::TESSERA_FUZZ_FORMAT;
 constexpr bool kKeepsOtherEdges = kFormat == ImageFormat::kJpeg || kFormat == ImageFormat::kPng ||
                                   kFormat == ImageFormat::kTiff || kFormat == ImageFormat::kGif ||
-                                  kFormat == ImageFormat::kBmp;
+                                  kFormat == ImageFormat::kBmp || kFormat == ImageFormat::kHeif;
 // What the provider tells decoders: results are reduced to a third of cx.
 constexpr uint32_t kEdgeDivisor = 3;
 

@@ -19,6 +19,7 @@
 #include <libheif/heif.h>
 #include <zlib.h>
 
+#include "lib/image/testing/heif-fixtures.h"
 #include "lib/image/testing/image-fixtures.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
 #include "tests/clean-run.h"
@@ -303,6 +304,50 @@ TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
     EXPECT_LE(seconds, c.max_seconds > 0 ? c.max_seconds : 30);
     std::fprintf(stderr, "%s: %lld s, peak so far %ld MiB\n", c.name, static_cast<long long>(seconds),
                  usage.ru_maxrss / 1024);
+  }
+}
+
+// HEIF grids of a few hundred kilobytes that libheif would grind through for
+// minutes: tens of thousands of tile items, or tens of thousands of
+// references to them. Each run ends quickly with a clean refusal.
+TEST(BombTest, HeifTileBombsEndQuickly) {
+  ScratchDir scratch;
+  ASSERT_FALSE(scratch.path().empty());
+  const std::string out = scratch.Join("out");
+  image::testing::HeifFixture fixture;
+  fixture.width = fixture.height = 64;
+  fixture.paint = image::testing::SolidHeif(90, 120, 200);
+  image::testing::HeifGrid grid;
+  ASSERT_TRUE(image::testing::ExtractCodedTile(image::testing::EncodeHeif(fixture), 64, 64, &grid.tile));
+
+  struct Case {
+    const char* name;
+    int rows;
+    int columns;
+    uint32_t tile_items;
+  };
+  const Case cases[] = {
+      {"19881-tiles.heic", 141, 141, 0},
+      {"65280-references.heic", 255, 256, 19000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    grid.rows = c.rows;
+    grid.columns = c.columns;
+    grid.tile_items = c.tile_items;
+    const std::string src = scratch.Join(c.name);
+    std::ofstream(src, std::ios::binary) << image::testing::BuildHeifGrid(grid);
+    std::filesystem::remove_all(out);
+    mkdir(out.c_str(), 0755);
+
+    const auto start = std::chrono::steady_clock::now();
+    ExpectCleanRun(RunTool({"--output_dir", out, "--src", src}), out);
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_LT(seconds, 5.0);
+    struct rusage usage;
+    ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+    EXPECT_LT(usage.ru_maxrss * 1024L, kMaxRssBytes) << usage.ru_maxrss << " KiB";
   }
 }
 

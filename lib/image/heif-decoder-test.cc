@@ -1,12 +1,16 @@
-#include <libheif/heif.h>
-
 #include <cmath>
-#include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "gtest/gtest.h"
 #include "lib/image/decoders.h"
+#include "lib/image/hdr-tone-map.h"
+#include "lib/image/heif-structure.h"
 #include "lib/image/testing/bitmap-probe.h"
+#include "lib/image/testing/heif-fixtures.h"
+#include "lib/image/testing/served-ahead.h"
+#include "lib/utility/cancellation.h"
 
 namespace tessera {
 namespace image {
@@ -15,74 +19,9 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 
-using Painter = std::function<void(int x, int y, uint8_t* rgb)>;
-
-struct HeifFixture {
-  int width = 64;
-  int height = 32;
-  Painter paint;
-  heif_orientation orientation = heif_orientation_normal;
-  int nclx_primaries = 0;  // 0: no colour description
-  Painter thumbnail_paint;  // encoded as a thumbnail of bbox 32 when set
-};
-
-heif_image* MakeImage(int width, int height, const Painter& paint) {
-  heif_image* image = nullptr;
-  heif_image_create(width, height, heif_colorspace_RGB, heif_chroma_interleaved_RGB, &image);
-  heif_image_add_plane(image, heif_channel_interleaved, width, height, 8);
-  int stride = 0;
-  uint8_t* plane = heif_image_get_plane(image, heif_channel_interleaved, &stride);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) paint(x, y, plane + y * stride + x * 3);
-  }
-  return image;
-}
-
-heif_error WriteToString(heif_context*, const void* data, size_t size, void* user) {
-  static_cast<std::string*>(user)->append(static_cast<const char*>(data), size);
-  return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
-}
-
-// An HEVC-coded HEIF made with the library's own encoder; empty when the
-// library has none.
-std::string EncodeHeif(const HeifFixture& fixture) {
-  heif_context* context = heif_context_alloc();
-  heif_encoder* encoder = nullptr;
-  std::string out;
-  if (heif_context_get_encoder_for_format(context, heif_compression_HEVC, &encoder).code == heif_error_Ok) {
-    heif_encoder_set_lossy_quality(encoder, 95);
-    heif_encoder_set_parameter_string(encoder, "chroma", "444");
-    heif_image* image = MakeImage(fixture.width, fixture.height, fixture.paint);
-    heif_color_profile_nclx* nclx = heif_nclx_color_profile_alloc();
-    if (fixture.nclx_primaries != 0) {
-      heif_nclx_color_profile_set_color_primaries(nclx, static_cast<uint16_t>(fixture.nclx_primaries));
-      heif_nclx_color_profile_set_transfer_characteristics(nclx, heif_transfer_characteristic_IEC_61966_2_1);
-      heif_nclx_color_profile_set_matrix_coefficients(nclx, heif_matrix_coefficients_ITU_R_BT_601_6);
-      nclx->full_range_flag = 1;
-      heif_image_set_nclx_color_profile(image, nclx);
-    }
-    heif_encoding_options* options = heif_encoding_options_alloc();
-    options->image_orientation = fixture.orientation;
-    options->output_nclx_profile = fixture.nclx_primaries != 0 ? nclx : nullptr;
-    options->macOS_compatibility_workaround_no_nclx_profile = 0;
-    heif_image_handle* handle = nullptr;
-    heif_context_encode_image(context, image, encoder, options, &handle);
-    if (fixture.thumbnail_paint) {
-      heif_image* thumb = MakeImage(fixture.width, fixture.height, fixture.thumbnail_paint);
-      heif_context_encode_thumbnail(context, thumb, handle, encoder, options, 32, nullptr);
-      heif_image_release(thumb);
-    }
-    heif_writer writer{1, WriteToString};
-    heif_context_write(context, &writer, &out);
-    heif_image_handle_release(handle);
-    heif_encoding_options_free(options);
-    heif_nclx_color_profile_free(nclx);
-    heif_image_release(image);
-    heif_encoder_release(encoder);
-  }
-  heif_context_free(context);
-  return out;
-}
+using testing::EncodeHeif;
+using testing::HeifFixture;
+using testing::SolidHeif;
 
 Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
@@ -95,12 +34,8 @@ void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& 
   EXPECT_NEAR(c.b, b, 6) << what << " " << testing::ToString(c);
 }
 
-Painter Solid(uint8_t r, uint8_t g, uint8_t b) {
-  return [=](int, int, uint8_t* p) { p[0] = r; p[1] = g; p[2] = b; };
-}
-
 // Left half red, right half blue.
-void RedBlue(int x, int, uint8_t* p) {
+void RedBlue(int x, int, uint16_t* p) {
   p[0] = x < 32 ? 255 : 0;
   p[1] = 0;
   p[2] = x < 32 ? 0 : 255;
@@ -110,7 +45,7 @@ class HeifDecoderTest : public ::testing::Test {
  protected:
   void SetUp() override {
     HeifFixture probe;
-    probe.paint = Solid(1, 2, 3);
+    probe.paint = SolidHeif(1, 2, 3);
     if (EncodeHeif(probe).empty()) GTEST_SKIP() << "libheif without an HEVC encoder";
   }
 };
@@ -125,7 +60,7 @@ TEST_F(HeifDecoderTest, RotationBoxIsAppliedOnce) {
   ExpectColor(MeanColor(bitmap, 4, 4, 28, 28), 255, 0, 0, "upright left");
 
   // Turned a quarter clockwise by the container: the left half is on top.
-  fixture.orientation = heif_orientation_rotate_90_cw;
+  fixture.orientation = 6;  // a quarter turn clockwise
   ASSERT_TRUE(Decode(EncodeHeif(fixture), 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 64);
@@ -140,8 +75,8 @@ TEST_F(HeifDecoderTest, RotationBoxIsAppliedOnce) {
 TEST_F(HeifDecoderTest, ThumbnailOnlyWhenLargeEnough) {
   // The primary is red, its 32x16 thumbnail green.
   HeifFixture fixture;
-  fixture.paint = Solid(255, 0, 0);
-  fixture.thumbnail_paint = Solid(0, 255, 0);
+  fixture.paint = SolidHeif(255, 0, 0);
+  fixture.thumbnail_paint = SolidHeif(0, 255, 0);
   const std::string heif = EncodeHeif(fixture);
   Bitmap bitmap;
   ASSERT_TRUE(Decode(heif, 24, &bitmap).ok());
@@ -170,7 +105,7 @@ TEST_F(HeifDecoderTest, WideGamutPrimariesConvertToSrgb) {
                               to_srgb(-0.0197 * r - 0.0786 * g + 1.0979 * b)};
 
   HeifFixture fixture;
-  fixture.paint = Solid(stored[0], stored[1], stored[2]);
+  fixture.paint = SolidHeif(stored[0], stored[1], stored[2]);
   fixture.nclx_primaries = 12;
   Bitmap bitmap;
   ASSERT_TRUE(Decode(EncodeHeif(fixture), 64, &bitmap).ok());
@@ -188,6 +123,100 @@ TEST_F(HeifDecoderTest, HostileInputFailsCleanly) {
   Bitmap bitmap;
   for (size_t n = 0; n < heif.size(); n += 7) Decode(heif.substr(0, n), 64, &bitmap);
   EXPECT_FALSE(Decode(heif.substr(0, 40), 64, &bitmap).ok());
+}
+
+TEST_F(HeifDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
+  // The primary (64x32) is red, its thumbnail (32x16) green: requests up
+  // to 32 take the thumbnail, larger ones the primary, and neither is ever
+  // served from the other.
+  HeifFixture fixture;
+  fixture.paint = RedBlue;
+  fixture.thumbnail_paint = SolidHeif(0, 255, 0);
+  const std::string heif = EncodeHeif(fixture);
+  const testing::DecoderFactory create = [] { return CreateHeifDecoder(); };
+  EXPECT_EQ(testing::ServedAhead(create, heif, {24, 48, 16, 60, 32}), (std::vector<uint32_t>{16, 32}));
+  EXPECT_EQ(testing::ServedAhead(create, heif, {48, 24, 60, 16}), (std::vector<uint32_t>{60}));
+}
+
+// The sRGB byte the tone mapper makes of one PQ or HLG grey.
+int ToneMapped(HdrTransfer transfer, uint16_t code) {
+  HdrSource source;
+  source.transfer = transfer;
+  source.primaries = {{0.64, 0.33}, {0.30, 0.60}, {0.15, 0.06}, {0.3127, 0.3290}};
+  uint8_t bgra[4];
+  HdrToneMapper(source).ConvertRow(&code, &code, &code, 1, bgra);
+  return bgra[0];
+}
+
+TEST_F(HeifDecoderTest, TenBitStillsAreScaledOrToneMapped) {
+  HeifFixture fixture;
+  fixture.bit_depth = 10;
+  struct Case {
+    const char* name;
+    int primaries;
+    int transfer;
+    uint16_t code;
+    double expected;
+  };
+  const Case cases[] = {
+      {"SDR, no colour description", 0, 13, 700, 700 * 255.0 / 1023},
+      {"SDR BT.709", 1, 1, 300, 300 * 255.0 / 1023},
+      // 18% grey and reference white of PQ, reference white of HLG.
+      {"PQ grey", 1, 16, 420, static_cast<double>(ToneMapped(HdrTransfer::kPq, 420))},
+      {"PQ white", 1, 16, 594, static_cast<double>(ToneMapped(HdrTransfer::kPq, 594))},
+      {"HLG white", 1, 18, 767, static_cast<double>(ToneMapped(HdrTransfer::kHlg, 767))},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fixture.nclx_primaries = c.primaries;
+    fixture.nclx_transfer = c.transfer;
+    fixture.paint = SolidHeif(c.code, c.code, c.code);
+    Bitmap bitmap;
+    ASSERT_TRUE(Decode(EncodeHeif(fixture), 64, &bitmap).ok());
+    ExpectColor(MeanColor(bitmap), c.expected, c.expected, c.expected, c.name);
+  }
+  // PQ grey is not read as sRGB (which would wash it out to 105).
+  EXPECT_LT(ToneMapped(HdrTransfer::kPq, 420), 125);
+}
+
+testing::CodedTile SolidTile(uint8_t r, uint8_t g, uint8_t b) {
+  HeifFixture fixture;
+  fixture.width = 64;
+  fixture.height = 64;
+  fixture.paint = SolidHeif(r, g, b);
+  testing::CodedTile tile;
+  EXPECT_TRUE(testing::ExtractCodedTile(EncodeHeif(fixture), 64, 64, &tile));
+  return tile;
+}
+
+TEST_F(HeifDecoderTest, GridsDecodeAndTileBombsAreRefusedUndecoded) {
+  testing::HeifGrid grid;
+  grid.tile = SolidTile(40, 160, 220);
+  grid.rows = 2;
+  grid.columns = 3;
+  Bitmap bitmap;
+  ASSERT_TRUE(Decode(testing::BuildHeifGrid(grid), 1000, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 192);
+  EXPECT_EQ(bitmap.height(), 128);
+  ExpectColor(MeanColor(bitmap), 40, 160, 220, "grid");
+
+  grid.rows = grid.columns = 141;
+  const Status status = Decode(testing::BuildHeifGrid(grid), 360, &bitmap);
+  EXPECT_EQ(status.code(), Status::Code::kInvalidArgument);
+  EXPECT_NE(status.message().find("items"), std::string::npos) << status.message();
+}
+
+TEST_F(HeifDecoderTest, CancelledSourceDecodesNothing) {
+  HeifFixture fixture;
+  fixture.paint = RedBlue;
+  const std::string heif = EncodeHeif(fixture);
+  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(heif.data()), heif.size());
+  auto cancellation = std::make_shared<utility::Cancellation>();
+  cancellation->Cancel();
+  source->set_cancellation(cancellation);
+  Bitmap bitmap;
+  EXPECT_EQ(CreateHeifDecoder()->Decode(source.get(), 64, &bitmap).code(), Status::Code::kTimeout);
+  EXPECT_TRUE(bitmap.empty());
 }
 
 }  // namespace

@@ -1,20 +1,32 @@
-// HEIF/HEIC: the primary image, or its embedded thumbnail when that is large
-// enough and of the same shape. libheif applies the file's own transforms
-// (rotation, mirror, crop); EXIF orientation is never applied on top.
+// HEIF/HEIC, HEVC- or AV1-coded: the primary image, or its embedded
+// thumbnail when that is large enough and of the same shape. libheif applies
+// the file's own transforms (rotation, mirror, crop); EXIF orientation is
+// never applied on top.
+//
+// The file's structure is checked first (heif-structure.h), so that libheif
+// never parses or decodes a file that declares more items, references or
+// tiles than real ones have. libheif then decodes to planar RGB at the
+// stream's bit depth (the form it builds grids in, so a grid is not copied
+// again), and each row goes to 8-bit BGRA straight into the row the
+// reducing sink reduces: HDR content (PQ, HLG) through the tone mapper of
+// hdr-tone-map.h, other content scaled to 8 bits and, when its profile or
+// primaries are not sRGB's, converted after the reduction. HEVC and AV1
+// have no reduced decode, so one decode reduces its rows to every size the
+// run anticipates that the same image serves.
 #include <libheif/heif.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <memory>
-#include <mutex>
+#include <new>
 #include <string>
 #include <vector>
 
-#include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/decoders.h"
+#include "lib/image/hdr-tone-map.h"
+#include "lib/image/heif-structure.h"
 #include "lib/image/limits.h"
 #include "lib/image/reducing-sink.h"
 
@@ -25,6 +37,10 @@ namespace {
 constexpr size_t kMaxHeifFileBytes = size_t{256} << 20;
 // The longest side libheif may decode (a 16384 x 12288 image is 201 MP).
 constexpr int kMaxHeifSide = 16384;
+// Rows converted between two looks at the cancellation.
+constexpr int kRowsPerPoll = 64;
+// Thumbnails looked at, at most.
+constexpr int kMaxThumbnails = 16;
 
 struct ContextFreer {
   void operator()(heif_context* context) const { heif_context_free(context); }
@@ -35,18 +51,31 @@ struct HandleReleaser {
 struct ImageReleaser {
   void operator()(heif_image* image) const { heif_image_release(image); }
 };
+struct NclxFreer {
+  void operator()(heif_color_profile_nclx* nclx) const { heif_nclx_color_profile_free(nclx); }
+};
 using HandlePtr = std::unique_ptr<heif_image_handle, HandleReleaser>;
+using ImagePtr = std::unique_ptr<heif_image, ImageReleaser>;
+using NclxPtr = std::unique_ptr<heif_color_profile_nclx, NclxFreer>;
+
+// The image that serves a request: a thumbnail (by item id) or the primary
+// image (id 0, no handle).
+struct Choice {
+  heif_item_id id = 0;
+  HandlePtr thumbnail;
+};
 
 // The smallest thumbnail whose longer side is at least cx and whose aspect
-// (after transforms) is within 1% of the primary's, or nullptr.
-HandlePtr ChooseThumbnail(heif_image_handle* primary, uint32_t cx) {
+// (after transforms) is within 1% of the primary's, or the primary image.
+Choice ChooseImage(heif_image_handle* primary, uint32_t cx) {
+  Choice best;
   const int count = heif_image_handle_get_number_of_thumbnails(primary);
-  if (count <= 0) return nullptr;
-  std::vector<heif_item_id> ids(static_cast<size_t>(std::min(count, 16)));
-  heif_image_handle_get_list_of_thumbnail_IDs(primary, ids.data(), static_cast<int>(ids.size()));
+  if (count <= 0) return best;
+  std::vector<heif_item_id> ids(static_cast<size_t>(std::min(count, kMaxThumbnails)));
+  const int listed = heif_image_handle_get_list_of_thumbnail_IDs(primary, ids.data(), static_cast<int>(ids.size()));
+  ids.resize(static_cast<size_t>(std::max(0, std::min(listed, static_cast<int>(ids.size())))));
   const double aspect = static_cast<double>(heif_image_handle_get_width(primary)) /
                         std::max(1, heif_image_handle_get_height(primary));
-  HandlePtr best;
   int best_longer = 0;
   for (heif_item_id id : ids) {
     heif_image_handle* raw = nullptr;
@@ -57,94 +86,165 @@ HandlePtr ChooseThumbnail(heif_image_handle* primary, uint32_t cx) {
     const int longer = std::max(w, h);
     if (w <= 0 || h <= 0 || static_cast<uint32_t>(longer) < cx) continue;
     if (std::fabs(static_cast<double>(w) / h - aspect) > 0.01 * aspect) continue;
-    if (!best || longer < best_longer) {
-      best = std::move(thumb);
+    if (!best.thumbnail || longer < best_longer) {
+      best.id = id;
+      best.thumbnail = std::move(thumb);
       best_longer = longer;
     }
   }
   return best;
 }
 
-struct NclxFreer {
-  void operator()(heif_color_profile_nclx* nclx) const { heif_nclx_color_profile_free(nclx); }
-};
-
-// An nclx description with primaries other than BT.709's (which are sRGB's)
-// or "unspecified" gives a conversion from those primaries.
-ColorTransform NclxTransformFor(heif_image_handle* handle) {
+NclxPtr NclxOf(const heif_image_handle* handle) {
   heif_color_profile_nclx* raw = nullptr;
-  if (heif_image_handle_get_nclx_color_profile(handle, &raw).code != heif_error_Ok || raw == nullptr) {
-    return ColorTransform();
-  }
-  std::unique_ptr<heif_color_profile_nclx, NclxFreer> nclx(raw);
-  if (nclx->color_primaries == heif_color_primaries_ITU_R_BT_709_5 ||
-      nclx->color_primaries == heif_color_primaries_unspecified) {
-    return ColorTransform();
-  }
-  const Chromaticities space = {{nclx->color_primary_red_x, nclx->color_primary_red_y},
-                                {nclx->color_primary_green_x, nclx->color_primary_green_y},
-                                {nclx->color_primary_blue_x, nclx->color_primary_blue_y},
-                                {nclx->color_primary_white_x, nclx->color_primary_white_y}};
-  return ColorTransform::FromChromaticities(space, PixelLayout::kBgra8);
+  if (heif_image_handle_get_nclx_color_profile(handle, &raw).code != heif_error_Ok) return nullptr;
+  return NclxPtr(raw);
 }
 
-// An ICC profile wins over an nclx description.
-ColorTransform TransformFor(heif_image_handle* handle) {
+Chromaticities PrimariesOf(const heif_color_profile_nclx& nclx) {
+  return {{nclx.color_primary_red_x, nclx.color_primary_red_y},
+          {nclx.color_primary_green_x, nclx.color_primary_green_y},
+          {nclx.color_primary_blue_x, nclx.color_primary_blue_y},
+          {nclx.color_primary_white_x, nclx.color_primary_white_y}};
+}
+
+// The conversion of SDR content to sRGB: from the ICC profile when there is
+// one, else from nclx primaries other than BT.709's (which are sRGB's) or
+// "unspecified"; nullptr when the content is sRGB already.
+std::shared_ptr<const ColorTransform> SdrTransformFor(heif_image_handle* handle, const heif_color_profile_nclx* nclx) {
+  ColorTransform transform;
   const heif_color_profile_type type = heif_image_handle_get_color_profile_type(handle);
-  if (type != heif_color_profile_type_prof && type != heif_color_profile_type_rICC) {
-    return NclxTransformFor(handle);
+  if (type == heif_color_profile_type_prof || type == heif_color_profile_type_rICC) {
+    const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
+    if (size == 0 || size > (size_t{16} << 20)) return nullptr;
+    std::vector<uint8_t> icc(size);
+    if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok) return nullptr;
+    transform = ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
+  } else if (nclx != nullptr && nclx->color_primaries != heif_color_primaries_ITU_R_BT_709_5 &&
+             nclx->color_primaries != heif_color_primaries_unspecified) {
+    transform = ColorTransform::FromChromaticities(PrimariesOf(*nclx), PixelLayout::kBgra8);
   }
-  const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
-  if (size == 0 || size > (size_t{16} << 20)) return ColorTransform();
-  std::vector<uint8_t> icc(size);
-  if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok) return ColorTransform();
-  return ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
+  if (transform.is_identity()) return nullptr;
+  return std::make_shared<const ColorTransform>(std::move(transform));
 }
 
-// The tool asks for one file at several sizes in a row, and HEVC has no
-// reduced decode, so the last primary image decoded is kept (up to
-// kMaxCachedBytes), keyed by the file's size and a hash of its bytes: the
-// second and later sizes then cost a reduction only.
-constexpr size_t kMaxCachedBytes = size_t{128} << 20;
+// The brightest light the content holds, from its light-level or mastering
+// metadata; 0 when it has none.
+double PeakNits(const heif_image* image) {
+  if (heif_image_has_content_light_level(image)) {
+    heif_content_light_level level;
+    heif_image_get_content_light_level(image, &level);
+    if (level.max_content_light_level > 0) return level.max_content_light_level;
+  }
+  if (heif_image_has_mastering_display_colour_volume(image)) {
+    heif_mastering_display_colour_volume raw;
+    heif_decoded_mastering_display_colour_volume volume;
+    heif_image_get_mastering_display_colour_volume(image, &raw);
+    if (heif_mastering_display_colour_volume_decode(&raw, &volume).code == heif_error_Ok &&
+        volume.max_display_mastering_luminance > 0) {
+      return volume.max_display_mastering_luminance;
+    }
+  }
+  return 0;
+}
 
-struct DecodedImage {
-  uint64_t file_size = 0;
-  size_t file_hash = 0;
-  int width = 0;
-  int height = 0;
-  std::vector<uint8_t> bgra;  // sRGB, straight alpha
+// One plane of the decoded picture: 8-bit samples, or 16-bit ones holding
+// `depth` bits.
+struct Plane {
+  const uint8_t* data = nullptr;
+  size_t stride = 0;
+  int depth = 8;
+
+  bool wide() const { return depth > 8; }
+  const uint8_t* Row(int y) const { return data + stride * static_cast<size_t>(y); }
 };
 
-class RecentImageCache {
+bool GetPlane(const heif_image* image, heif_channel channel, int width, int height, Plane* plane) {
+  if (!heif_image_has_channel(image, channel)) return false;
+  if (heif_image_get_width(image, channel) != width || heif_image_get_height(image, channel) != height) return false;
+  const int storage = heif_image_get_bits_per_pixel(image, channel);
+  const int depth = heif_image_get_bits_per_pixel_range(image, channel);
+  if (depth < 1 || depth > 16 || (depth <= 8 ? storage != 8 : storage != 16)) return false;
+  int stride = 0;
+  plane->data = heif_image_get_plane_readonly(image, channel, &stride);
+  plane->stride = static_cast<size_t>(stride);
+  plane->depth = depth;
+  return plane->data != nullptr && stride >= width * (depth > 8 ? 2 : 1);
+}
+
+// Sample value to byte, rounded, for depths other than 8.
+std::vector<uint8_t> ByteTable(int depth) {
+  const uint32_t max = (1u << depth) - 1;
+  std::vector<uint8_t> table(max + 1);
+  for (uint32_t v = 0; v <= max; ++v) table[v] = static_cast<uint8_t>((v * 255 + max / 2) / max);
+  return table;
+}
+
+// Turns the rows of the decoded planes into BGRA.
+class RowConverter {
  public:
-  std::shared_ptr<const DecodedImage> Find(uint64_t file_size, size_t file_hash) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (image_ && image_->file_size == file_size && image_->file_hash == file_hash) return image_;
-    return nullptr;
+  RowConverter(const Plane rgb[3], const Plane* alpha, int width, const HdrToneMapper* tone_mapper)
+      : alpha_(alpha), width_(width), tone_mapper_(tone_mapper) {
+    for (int c = 0; c < 3; ++c) rgb_[c] = rgb[c];
+    if (rgb_[0].depth != 8 && tone_mapper_ == nullptr) colour_table_ = ByteTable(rgb_[0].depth);
+    if (alpha_ != nullptr && alpha_->depth != 8) alpha_table_ = ByteTable(alpha_->depth);
   }
-  void Store(std::shared_ptr<const DecodedImage> image) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    image_ = std::move(image);
+
+  void Convert(int y, uint8_t* bgra) const {
+    const size_t n = static_cast<size_t>(width_);
+    if (tone_mapper_ != nullptr) {
+      if (rgb_[0].wide()) {
+        tone_mapper_->ConvertRow(Wide(rgb_[0], y), Wide(rgb_[1], y), Wide(rgb_[2], y), n, bgra);
+      } else {
+        tone_mapper_->ConvertRow(rgb_[0].Row(y), rgb_[1].Row(y), rgb_[2].Row(y), n, bgra);
+      }
+    } else {
+      for (int c = 0; c < 3; ++c) ToBytes(rgb_[c], colour_table_, y, bgra + 2 - c);
+    }
+    if (alpha_ == nullptr) {
+      for (size_t x = 0; x < n; ++x) bgra[4 * x + 3] = 255;
+    } else {
+      ToBytes(*alpha_, alpha_table_, y, bgra + 3);
+    }
   }
 
  private:
-  std::mutex mutex_;
-  std::shared_ptr<const DecodedImage> image_;
+  static const uint16_t* Wide(const Plane& plane, int y) { return reinterpret_cast<const uint16_t*>(plane.Row(y)); }
+
+  // One channel of row y into every fourth byte of `out`.
+  void ToBytes(const Plane& plane, const std::vector<uint8_t>& table, int y, uint8_t* out) const {
+    const size_t n = static_cast<size_t>(width_);
+    if (!plane.wide()) {
+      const uint8_t* in = plane.Row(y);
+      if (plane.depth == 8) {
+        for (size_t x = 0; x < n; ++x) out[4 * x] = in[x];
+      } else {
+        for (size_t x = 0; x < n; ++x) out[4 * x] = table[std::min<size_t>(in[x], table.size() - 1)];
+      }
+      return;
+    }
+    const uint16_t* in = Wide(plane, y);
+    for (size_t x = 0; x < n; ++x) out[4 * x] = table[std::min<size_t>(in[x], table.size() - 1)];
+  }
+
+  Plane rgb_[3];
+  const Plane* alpha_;
+  int width_;
+  const HdrToneMapper* tone_mapper_;
+  std::vector<uint8_t> colour_table_;
+  std::vector<uint8_t> alpha_table_;
 };
 
-// Never destroyed: a timed-out job's thread may still decode while the
-// process exits.
-RecentImageCache& RecentImage() {
-  static RecentImageCache* cache = new RecentImageCache;
-  return *cache;
-}
-
-class HeifDecoder : public ImageDecoder {
+class HeifDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+    if (TakeKept(cx, out)) return Status::OK();
     std::string bytes;
     Status status = source->ReadAll(kMaxHeifFileBytes, &bytes);
     if (!status.ok()) return status;
+    status = CheckHeifStructure(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size(), *source, nullptr);
+    if (!status.ok()) return status;
+
     std::unique_ptr<heif_context, ContextFreer> context(heif_context_alloc());
     if (!context) return Status::Internal("libheif context");
     // libheif checks this bound against the size the coded stream really
@@ -165,73 +265,91 @@ class HeifDecoder : public ImageDecoder {
     const int height = heif_image_handle_get_height(primary.get());
     if (width <= 0 || height <= 0 || !WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
 
-    HandlePtr thumbnail = ChooseThumbnail(primary.get(), cx);
-    heif_image_handle* handle = thumbnail ? thumbnail.get() : primary.get();
-    if (!WithinDecodeBudget(uint64_t(heif_image_handle_get_width(handle)) * heif_image_handle_get_height(handle) * 8)) {
+    const Choice choice = ChooseImage(primary.get(), cx);
+    heif_image_handle* handle = choice.thumbnail ? choice.thumbnail.get() : primary.get();
+    const uint64_t samples = uint64_t(heif_image_handle_get_width(handle)) * heif_image_handle_get_height(handle) *
+                             (heif_image_handle_has_alpha_channel(handle) ? 4 : 3);
+    const uint64_t sample_bytes = heif_image_handle_get_luma_bits_per_pixel(handle) > 8 ? 2 : 1;
+    // The planes libheif hands over and, for a coded image, the ones it
+    // converts them from.
+    if (!WithinDecodeBudget(samples * sample_bytes * 2)) {
       return Status::InvalidArgument("HEIF image too large to decode");
     }
-    const uint64_t key_hash = std::hash<std::string>()(bytes);
-    std::shared_ptr<const DecodedImage> decoded;
-    if (!thumbnail) decoded = RecentImage().Find(bytes.size(), key_hash);
-    if (!decoded) {
-      // The colour profile belongs to the primary image; thumbnails share it.
-      status = DecodeToBgra(handle, TransformFor(primary.get()), &decoded);
-      if (!status.ok()) return status;
-      if (!thumbnail && decoded->bgra.size() <= kMaxCachedBytes) {
-        std::shared_ptr<DecodedImage> entry = std::const_pointer_cast<DecodedImage>(decoded);
-        entry->file_size = bytes.size();
-        entry->file_hash = key_hash;
-        RecentImage().Store(decoded);
-      }
+    if (source->cancelled()) return Status::Timeout("HEIF decode cancelled");
+
+    heif_image* raw_image = nullptr;
+    if (heif_decode_image(handle, &raw_image, heif_colorspace_RGB, heif_chroma_444, nullptr).code != heif_error_Ok) {
+      return Status::InvalidArgument("HEIF image undecodable");
     }
+    ImagePtr image(raw_image);
+    const int w = heif_image_get_width(image.get(), heif_channel_R);
+    const int h = heif_image_get_height(image.get(), heif_channel_R);
+    // The declared size was checked before decoding; the decoded one may
+    // differ.
+    if (w <= 0 || h <= 0 || !WithinPixelLimits(w, h)) return ImageTooLargeError(w, h);
+    Plane rgb[3];
+    Plane alpha;
+    if (!GetPlane(image.get(), heif_channel_R, w, h, &rgb[0]) ||
+        !GetPlane(image.get(), heif_channel_G, w, h, &rgb[1]) ||
+        !GetPlane(image.get(), heif_channel_B, w, h, &rgb[2]) || rgb[1].depth != rgb[0].depth ||
+        rgb[2].depth != rgb[0].depth) {
+      return Status::InvalidArgument("HEIF image layout");
+    }
+    const bool has_alpha = GetPlane(image.get(), heif_channel_Alpha, w, h, &alpha);
 
     ReducingSink sink;
-    status = sink.Init(decoded->width, decoded->height, cx);
+    status = sink.Init(w, h, cx);
     if (!status.ok()) return status;
-    const size_t row_bytes = static_cast<size_t>(decoded->width) * 4;
-    std::vector<uint8_t> row(row_bytes);
-    for (int y = 0; y < decoded->height; ++y) {
-      std::memcpy(row.data(), decoded->bgra.data() + row_bytes * y, row_bytes);
-      sink.PushStraightRow(row.data());
+    const size_t row_bytes = static_cast<size_t>(w) * 4;
+    const uint64_t decoded_bytes = uint64_t(w) * h * (has_alpha ? 4 : 3) * (rgb[0].wide() ? 2 : 1);
+    sink.FanOut(SameImageRequests(primary.get(), choice.id), decoded_bytes + row_bytes);
+
+    // The colour description of the image decoded, else the primary's,
+    // which thumbnails share.
+    NclxPtr nclx = NclxOf(handle);
+    if (!nclx && choice.thumbnail) nclx = NclxOf(primary.get());
+    std::unique_ptr<HdrToneMapper> tone_mapper;
+    HdrSource hdr;
+    if (nclx && IsHdrTransfer(nclx->transfer_characteristics, &hdr.transfer)) {
+      if (nclx->color_primaries != heif_color_primaries_unspecified) hdr.primaries = PrimariesOf(*nclx);
+      hdr.bit_depth = rgb[0].depth;
+      hdr.peak_nits = PeakNits(image.get());
+      tone_mapper.reset(new (std::nothrow) HdrToneMapper(hdr));
+      if (!tone_mapper) return Status::Internal("out of memory for HEIF tone mapping");
+    } else {
+      sink.SetColorTransform(SdrTransformFor(primary.get(), nclx.get()));
+    }
+
+    const RowConverter converter(rgb, has_alpha ? &alpha : nullptr, w, tone_mapper.get());
+    const bool premultiplied = has_alpha && heif_image_is_premultiplied_alpha(image.get());
+    std::vector<uint8_t> row;
+    try {
+      row.resize(row_bytes);
+    } catch (const std::bad_alloc&) {
+      return Status::Internal("out of memory for a HEIF row");
+    }
+    for (int y = 0; y < h; ++y) {
+      if (y % kRowsPerPoll == 0 && source->cancelled()) return Status::Timeout("HEIF conversion cancelled");
+      converter.Convert(y, row.data());
+      if (premultiplied) {
+        sink.PushPremultipliedRow(row.data());
+      } else {
+        sink.PushStraightRow(row.data());
+      }
     }
     return sink.Finish(1, out);
   }
 
  private:
-  static Status DecodeToBgra(heif_image_handle* handle, const ColorTransform& transform,
-                             std::shared_ptr<const DecodedImage>* out) {
-    heif_image* raw_image = nullptr;
-    if (heif_decode_image(handle, &raw_image, heif_colorspace_RGB, heif_chroma_interleaved_RGBA, nullptr).code !=
-        heif_error_Ok) {
-      return Status::InvalidArgument("HEIF image undecodable");
-    }
-    std::unique_ptr<heif_image, ImageReleaser> image(raw_image);
-    const int w = heif_image_get_width(image.get(), heif_channel_interleaved);
-    const int h = heif_image_get_height(image.get(), heif_channel_interleaved);
-    int stride = 0;
-    const uint8_t* pixels = heif_image_get_plane_readonly(image.get(), heif_channel_interleaved, &stride);
-    if (pixels == nullptr || w <= 0 || h <= 0 || stride < w * 4) return Status::InvalidArgument("HEIF image layout");
-    // The declared size was checked before decoding; the decoded one may be
-    // larger, so the budget is checked again before the copy is made.
-    if (!WithinPixelLimits(w, h) || !WithinDecodeBudget(uint64_t(w) * h * 8)) return ImageTooLargeError(w, h);
-
-    auto decoded = std::make_shared<DecodedImage>();
-    decoded->width = w;
-    decoded->height = h;
-    decoded->bgra.resize(static_cast<size_t>(w) * h * 4);
-    for (int y = 0; y < h; ++y) {
-      const uint8_t* src = pixels + static_cast<size_t>(stride) * y;
-      uint8_t* dst = decoded->bgra.data() + static_cast<size_t>(w) * 4 * y;
-      for (int x = 0; x < w; ++x) {
-        dst[x * 4 + 0] = src[x * 4 + 2];
-        dst[x * 4 + 1] = src[x * 4 + 1];
-        dst[x * 4 + 2] = src[x * 4 + 0];
-        dst[x * 4 + 3] = src[x * 4 + 3];
-      }
-      if (!transform.is_identity()) transform.Apply(dst, dst, static_cast<size_t>(w));
-    }
-    *out = std::move(decoded);
-    return Status::OK();
+  // The anticipated requests that choose the image `id` chooses (a
+  // thumbnail must not be served from the primary image, nor the other way
+  // round).
+  FanOutRequest SameImageRequests(heif_image_handle* primary, heif_item_id id) const {
+    FanOutRequest request = AnticipatedRequests();
+    request.cx_values.erase(std::remove_if(request.cx_values.begin(), request.cx_values.end(),
+                                           [&](uint32_t other) { return ChooseImage(primary, other).id != id; }),
+                            request.cx_values.end());
+    return request;
   }
 };
 

@@ -43,6 +43,9 @@ TEST(SniffImageFormatTest, RecognisesSignaturesAndRefusesLookAlikes) {
       {S("BM\x36\0\0\0\0\0\0\0\x36\0\0\0\x28\0\0\0", 18), ImageFormat::kBmp},
       {S("\0\0\0\x18" "ftypheic\0\0\0\0mif1heic", 24), ImageFormat::kHeif},
       {S("\0\0\0\x18" "ftypmif1\0\0\0\0mif1heic", 24), ImageFormat::kHeif},
+      // AV1-coded HEIF (AVIF), which libheif decodes as well.
+      {S("\0\0\0\x1c" "ftypavif\0\0\0\0avifmif1miaf", 28), ImageFormat::kHeif},
+      {S("\0\0\0\x1c" "ftypmif1\0\0\0\0mif1avifmiaf", 28), ImageFormat::kHeif},
       // Raw containers with their own signatures.
       {S("II\x1a\0\0\0HEAPCCDR", 14), ImageFormat::kRaw},
       {"FUJIFILMCCD-RAW 0201", ImageFormat::kRaw},
@@ -51,11 +54,9 @@ TEST(SniffImageFormatTest, RecognisesSignaturesAndRefusesLookAlikes) {
       {"MMOR", ImageFormat::kRaw},
       {S("IIU\0", 4), ImageFormat::kRaw},
       {"FOVb", ImageFormat::kRaw},
-      // Look-alikes; AVIF and MP4 share the container with HEIF.
+      // Look-alikes; MP4 shares the container with HEIF.
       {"BMW is a car brand, not a bitmap", ImageFormat::kUnknown},
       {S("RIFF\x10\0\0\0WAVEfmt ", 16), ImageFormat::kUnknown},
-      {S("\0\0\0\x1c" "ftypavif\0\0\0\0avifmif1miaf", 28), ImageFormat::kUnknown},
-      {S("\0\0\0\x1c" "ftypmif1\0\0\0\0mif1avifmiaf", 28), ImageFormat::kUnknown},
       {S("\0\0\0\x18" "ftypisom\0\0\0\0isomiso2", 24), ImageFormat::kUnknown},
   };
   for (Case c : cases) {
