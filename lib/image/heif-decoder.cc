@@ -330,6 +330,14 @@ class HeifDecoder : public ReducingDecoder {
     }
     for (int y = 0; y < h; ++y) {
       if (y % kRowsPerPoll == 0 && source->cancelled()) return Status::Timeout("HEIF conversion cancelled");
+      if (!has_alpha) {
+        // Opaque rows are converted straight into the sink's buffer.
+        uint8_t* opaque = sink.NextRow();
+        if (opaque == nullptr) break;  // Finish reports why
+        converter.Convert(y, opaque);
+        sink.CommitRow();
+        continue;
+      }
       converter.Convert(y, row.data());
       if (premultiplied) {
         sink.PushPremultipliedRow(row.data());
