@@ -114,7 +114,8 @@ MediaFile::~MediaFile() = default;
 
 int MediaFile::OnInterrupt(void* opaque) {
   const Interrupt* interrupt = static_cast<const Interrupt*>(opaque);
-  return NowUs() > interrupt->deadline_us.load() ? 1 : 0;
+  if (NowUs() > interrupt->deadline_us.load()) return 1;
+  return interrupt->cancellation && interrupt->cancellation->IsCancelled() ? 1 : 0;
 }
 
 void MediaFile::SetDeadline(std::chrono::milliseconds from_now) {
@@ -122,6 +123,7 @@ void MediaFile::SetDeadline(std::chrono::milliseconds from_now) {
 }
 
 Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds timeout,
+                       std::shared_ptr<const utility::Cancellation> cancellation,
                        std::unique_ptr<MediaFile>* out, int* av_error) {
   InstallLogger();
   int dummy = 0;
@@ -140,6 +142,11 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
 
   std::unique_ptr<MediaFile> file(new MediaFile);
   file->SetDeadline(timeout);
+  file->SetCancellation(std::move(cancellation));
+  if (file->Interrupted()) {
+    error = AVERROR_EXIT;
+    return Status::Timeout("cancelled before opening");
+  }
 
   AVFormatContext* raw = avformat_alloc_context();
   if (raw == nullptr) {
@@ -157,6 +164,8 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
   const std::string url = "file:" + utf8_path;
   error = avformat_open_input(&raw, url.c_str(), nullptr, &options);  // frees raw on failure
   av_dict_free(&options);
+  // An interrupted read may surface as any error: it is a time-out all the same.
+  if (error < 0 && file->Interrupted()) error = AVERROR_EXIT;
   if (error < 0) return AvStatus("avformat_open_input", error);
   file->format_.reset(raw);
 
@@ -174,10 +183,12 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
   // Frame rates are never used: no frames are read only to estimate one.
   raw->fps_probe_size = 0;
   error = file->ProbeStreams();
+  if (error < 0 && file->Interrupted()) error = AVERROR_EXIT;
   if (error < 0) return AvStatus("avformat_find_stream_info", error);
   if (file->stream_index_ < 0) {
-    error = AVERROR_STREAM_NOT_FOUND;
-    return Status::NotSupported("no video stream");
+    error = file->Interrupted() ? AVERROR_EXIT : AVERROR_STREAM_NOT_FOUND;
+    return error == AVERROR_EXIT ? AvStatus("avformat_find_stream_info", error)
+                                 : Status::NotSupported("no video stream");
   }
   *out = std::move(file);
   return Status::OK();
@@ -254,6 +265,8 @@ int MediaFile::DecodeNextFrame(AVFrame* frame) {
   if (!codec_) return AVERROR(EINVAL);
   av_frame_unref(frame);
   for (int packets = 0; packets <= kMaxPacketsPerFrame; ++packets) {
+    // Reads from the demuxer's buffer do not reach the interrupt callback.
+    if (Interrupted()) return AVERROR_EXIT;
     int error = avcodec_receive_frame(codec_.get(), frame);
     if (error == 0) {
       if (!image::WithinPixelLimits(frame->width > 0 ? frame->width : 0,

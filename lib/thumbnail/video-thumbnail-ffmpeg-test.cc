@@ -2,11 +2,14 @@
 // with the ffmpeg command.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 
+#include "lib/thumbnail/media-module.h"
 #include "lib/thumbnail/source-reader.h"
 #include "lib/thumbnail/testing/video-test-files.h"
 #include "lib/thumbnail/video-thumbnail.h"
@@ -281,6 +284,37 @@ TEST_F(VideoFfmpegTest, HlgVideoIsToneMappedNotWashedOutAndRefusedByTheFrameRead
   EXPECT_NEAR(hdr_light, sdr_light, 0.2);
 
   EXPECT_EQ("HDR video is not supported", ExportMessage(hdr, dir_.File("hdr.jpg")));
+}
+
+std::shared_ptr<const utility::Cancellation> Cancelled() {
+  auto cancellation = std::make_shared<utility::Cancellation>();
+  cancellation->Cancel();
+  return cancellation;
+}
+
+// An abandoned job's video work stops at its next read: before opening, in
+// the middle of decoding a file already probed, and in the frame reader once
+// the run's deadline has passed. A stop is no failure of the file: it is
+// tried again, and then works.
+TEST_F(VideoFfmpegTest, CancelledWorkStopsAtOnceAndIsTriedAgainLater) {
+  const std::string clip = dir_.File("clip.mp4");
+  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
+  image::Bitmap thumb;
+  EXPECT_FALSE(IsVideoContent(clip, Cancelled()));
+  EXPECT_EQ(Status::Code::kTimeout, ExtractVideoThumbnail(clip, 32, &thumb, Cancelled()).code());
+  ASSERT_TRUE(IsVideoContent(clip));  // keeps the probed file for the decode
+  EXPECT_EQ(Status::Code::kTimeout, ExtractVideoThumbnail(clip, 32, &thumb, Cancelled()).code());
+  EXPECT_TRUE(thumb.empty());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 32, &thumb).ok());
+  EXPECT_EQ(32, thumb.width());
+
+  try {
+    SourceReader reader(CreateFfmpegMediaSource(std::chrono::steady_clock::now()), utility::UTF8ToUTF16(clip),
+                        SourceReader::kDefaultReadWait);
+    ADD_FAILURE() << "opened after the deadline";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ("Failed to create source reader", error.what());
+  }
 }
 
 }  // namespace

@@ -311,16 +311,25 @@ struct UprightFrame {
 };
 
 // `id` is null when the file cannot be identified.
-Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, UprightFrame* upright) {
+Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id,
+                          const std::shared_ptr<const utility::Cancellation>& cancellation,
+                          UprightFrame* upright) {
   std::unique_ptr<ffmpeg::MediaFile> file;
   if (id != nullptr) file = TheProbedFile().Take(*id);
   Status status;
-  if (!file) status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file);
+  if (file) {
+    file->SetCancellation(cancellation);
+  } else {
+    status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file);
+  }
   if (!status.ok()) return status;
   ffmpeg::FramePtr frame(av_frame_alloc());
   if (!frame) return Status::Internal("out of memory");
   status = DecodeRepresentativeFrame(file.get(), frame.get());
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    // Whatever a stopped decode failed with, it may go further another time.
+    return file->Interrupted() ? Status::Timeout("video decoding was stopped: " + status.ToString()) : status;
+  }
 
   // Frames may carry no colour tags where the stream has them.
   const AVCodecParameters* params = file->stream()->codecpar;
@@ -397,19 +406,21 @@ FrameCache& TheFrameCache() {
 
 }  // namespace
 
-bool IsVideoContent(const std::string& utf8_path) {
+bool IsVideoContent(const std::string& utf8_path,
+                    const std::shared_ptr<const utility::Cancellation>& cancellation) {
   // A file whose frame is already decoded needs no second probe (probing
   // decodes frames too, and every size of a run asks again).
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
   if (identified && TheFrameCache().Find(id)) return true;
   std::unique_ptr<ffmpeg::MediaFile> file;
-  if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok()) return false;
+  if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file).ok()) return false;
   if (identified) TheProbedFile().Keep(id, std::move(file));
   return true;
 }
 
-Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
+Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
+                             const std::shared_ptr<const utility::Cancellation>& cancellation) {
   if (cx == 0) return Status::InvalidArgument("cx is 0");
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
@@ -417,7 +428,7 @@ Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::B
   if (identified) frame = TheFrameCache().Find(id);
   if (!frame) {
     auto decoded = std::make_shared<UprightFrame>();
-    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, decoded.get());
+    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, cancellation, decoded.get());
     if (!status.ok()) return status;
     frame = decoded;
     if (identified) TheFrameCache().Keep(id, frame);
