@@ -273,6 +273,10 @@ TEST(BombTest, HostileVideosCostWhatOneSmallFrameCosts) {
   remux.insert(remux.end(), {"-c", "copy", scratch.Join("tracks.mkv")});
   ASSERT_TRUE(Ffmpeg(remux));
   std::ofstream(scratch.Join("empty-tracks.mkv"), std::ios::binary) << EmptyTracksMkv(1000);
+  // An 8192 x 8192 frame tagged PQ (200 KB).
+  ASSERT_TRUE(Ffmpeg({"-f", "lavfi", "-i", "color=c=gray:s=8192x8192:r=1:d=1", "-frames:v", "1", "-c:v", "libx264",
+                      "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-color_trc", "smpte2084", "-color_primaries",
+                      "bt2020", "-colorspace", "bt2020nc", scratch.Join("pq.mp4")}));
 
   // Runs the tool on `name`; its peak resident size goes to *peak_kib.
   auto run = [&](const char* name, int thumbnails, long* peak_kib) {
@@ -296,7 +300,7 @@ TEST(BombTest, HostileVideosCostWhatOneSmallFrameCosts) {
     int thumbnails;
     bool costs_one_track;  // no more memory than the one-track file, give or take
   };
-  for (const Case& c : {Case{"tracks.mkv", 4, true}, Case{"empty-tracks.mkv", 0, true}}) {
+  for (const Case& c : {Case{"tracks.mkv", 4, true}, Case{"empty-tracks.mkv", 0, true}, Case{"pq.mp4", 4, false}}) {
     SCOPED_TRACE(c.name);
     long peak_kib = 0;
     run(c.name, c.thumbnails, &peak_kib);

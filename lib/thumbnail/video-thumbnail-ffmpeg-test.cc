@@ -73,6 +73,7 @@ void MeanLightAndSaturation(const image::Bitmap& bitmap, double* light, double* 
 
 const uint8_t* Pixel(const image::Bitmap& bitmap, int x, int y) { return bitmap.row(y) + x * 4; }
 bool RedBgra(const uint8_t* p) { return p[2] > 150 && p[1] < 90 && p[0] < 90; }
+bool GreenBgra(const uint8_t* p) { return p[1] > 100 && p[0] < 90 && p[2] < 90; }
 bool BlueBgra(const uint8_t* p) { return p[0] > 150 && p[1] < 90 && p[2] < 90; }
 
 class VideoFfmpegTest : public ::testing::Test {
@@ -314,6 +315,39 @@ TEST_F(VideoFfmpegTest, CancelledWorkStopsAtOnceAndIsTriedAgainLater) {
     ADD_FAILURE() << "opened after the deadline";
   } catch (const std::runtime_error& error) {
     EXPECT_STREQ("Failed to create source reader", error.what());
+  }
+}
+
+// Frames larger than any request of a run are converted (and tone-mapped)
+// at the size the largest request needs: every request up to it gets what
+// a full-size conversion would give in size, and a larger one than the run
+// makes still gets the whole frame.
+TEST_F(VideoFfmpegTest, HugeFramesAreConvertedAtTheSizeTheRunNeeds) {
+  const std::string hdr_args =
+      "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=smpte2084:m=bt2020nc:p=bt2020,format=yuv420p10le "
+      "-c:v libx265 -preset ultrafast -x265-params log-level=none "
+      "-colorspace bt2020nc -color_primaries bt2020 -color_trc smpte2084 ";
+  struct Case {
+    const char* name;
+    std::string codec;
+  };
+  for (const Case& c : {Case{"wide-sdr.mp4", kH264}, Case{"wide-pq.mp4", hdr_args}}) {
+    SCOPED_TRACE(c.name);
+    const std::string clip = dir_.File(c.name);
+    ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=4000x96:r=10:d=1.5 " + c.codec + "'" + clip + "'"));
+    struct Request {
+      uint32_t cx;
+      int width, height;
+    };
+    for (const Request& r : {Request{3840, 3840, 92}, Request{360, 360, 9}, Request{3840, 3840, 92},
+                             Request{8000, 4000, 96}, Request{100, 100, 2}}) {
+      SCOPED_TRACE(r.cx);
+      image::Bitmap thumb;
+      ASSERT_TRUE(ExtractVideoThumbnail(clip, r.cx, &thumb).ok());
+      EXPECT_EQ(r.width, thumb.width());
+      EXPECT_EQ(r.height, thumb.height());
+      EXPECT_TRUE(GreenBgra(Pixel(thumb, thumb.width() / 2, thumb.height() / 2)));
+    }
   }
 }
 
