@@ -2,6 +2,7 @@
 // with the ffmpeg command.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -316,6 +317,54 @@ TEST_F(VideoFfmpegTest, CancelledWorkStopsAtOnceAndIsTriedAgainLater) {
   } catch (const std::runtime_error& error) {
     EXPECT_STREQ("Failed to create source reader", error.what());
   }
+}
+
+// A file that cannot be done is tried once: later requests get the same
+// failure without opening it (so even a cancelled one does), until the file
+// changes.
+TEST_F(VideoFfmpegTest, FailuresThatWouldRepeatAreRememberedForTheFile) {
+  const std::string tiny = dir_.File("tiny.mkv");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=blue:s=16x16:r=1:d=1 " + std::string(kH264) + "'" + tiny + "'"));
+  // More tracks than any real file has: refused when opened.
+  std::string maps;
+  for (int i = 0; i < 300; ++i) maps += "-map 0:v ";
+  ASSERT_TRUE(RunFfmpeg("-i '" + tiny + "' " + maps + "-c copy '" + dir_.File("tracks.mkv") + "'"));
+  // A clip whose frames are all zero bytes: it opens, but nothing decodes.
+  const std::string good = dir_.File("good.mp4");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=64x48:r=10:d=1 " + std::string(kH264) + "'" + good + "'"));
+  std::ifstream in(good, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t mdat = bytes.find("mdat");
+  ASSERT_TRUE(mdat != std::string::npos && mdat >= 4);
+  size_t box_size = 0;
+  for (size_t i = mdat - 4; i < mdat; ++i) box_size = box_size << 8 | static_cast<uint8_t>(bytes[i]);
+  ASSERT_LE(mdat - 4 + box_size, bytes.size());
+  std::string zeroed = bytes;
+  std::fill(zeroed.begin() + mdat + 4, zeroed.begin() + (mdat - 4 + box_size), '\0');
+  std::ofstream(dir_.File("zeroed.mp4"), std::ios::binary) << zeroed;
+
+  struct Case {
+    const char* name;
+    bool opens;
+  };
+  for (const Case& c : {Case{"tracks.mkv", false}, Case{"zeroed.mp4", true}}) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir_.File(c.name);
+    EXPECT_EQ(c.opens, IsVideoContent(path));
+    image::Bitmap thumb;
+    const Status first = ExtractVideoThumbnail(path, 32, &thumb);
+    ASSERT_FALSE(first.ok());
+    EXPECT_NE(Status::Code::kTimeout, first.code());
+    EXPECT_EQ(first.code(), ExtractVideoThumbnail(path, 64, &thumb, Cancelled()).code()) << first.ToString();
+    EXPECT_EQ(c.opens, IsVideoContent(path, Cancelled()));
+    EXPECT_TRUE(thumb.empty());
+  }
+
+  // The same name with other content is another file.
+  std::ofstream(dir_.File("zeroed.mp4"), std::ios::binary) << bytes;
+  image::Bitmap thumb;
+  ASSERT_TRUE(ExtractVideoThumbnail(dir_.File("zeroed.mp4"), 32, &thumb).ok());
+  EXPECT_TRUE(GreenBgra(Pixel(thumb, 16, 12)));
 }
 
 // Frames larger than any request of a run are converted (and tone-mapped)

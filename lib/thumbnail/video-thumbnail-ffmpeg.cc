@@ -349,10 +349,12 @@ void SizeFor(int width, int height, int display_width, int display_height, uint3
   *out_height = storage(fit_height, display_height, height);
 }
 
-// `id` is null when the file cannot be identified.
+// `id` is null when the file cannot be identified. *opened tells whether the
+// file opened as a video (so that a failure is one of decoding).
 Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, uint32_t cx,
                           const std::shared_ptr<const utility::Cancellation>& cancellation,
-                          UprightFrame* upright) {
+                          UprightFrame* upright, bool* opened) {
+  *opened = false;
   std::unique_ptr<ffmpeg::MediaFile> file;
   if (id != nullptr) file = TheProbedFile().Take(*id);
   Status status;
@@ -362,6 +364,7 @@ Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, 
     status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file);
   }
   if (!status.ok()) return status;
+  *opened = true;
   ffmpeg::FramePtr frame(av_frame_alloc());
   if (!frame) return Status::Internal("out of memory");
   status = DecodeRepresentativeFrame(file.get(), frame.get());
@@ -434,25 +437,37 @@ Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, 
   return Status::OK();
 }
 
-// The last decoded frame of the process. The tool asks for one file's
-// thumbnail at several sizes in a row; decoding the frame once serves them
-// all, and every size is reduced from exactly the frame a fresh decode gives.
+// What the last file of the process gave: its decoded frame, or a failure
+// that would come again. The tool asks for one file's thumbnail at several
+// sizes in a row; decoding the frame once serves them all, every size being
+// reduced from exactly the frame a fresh decode gives, and a file that
+// cannot be done is tried once.
 class FrameCache {
  public:
-  std::shared_ptr<const UprightFrame> Find(const FileIdentity& id) {
+  struct Entry {
+    std::shared_ptr<const UprightFrame> frame;  // or null, and then:
+    Status failure;
+    bool opened = false;  // whether the file opened as a video before it failed
+  };
+
+  // The entry for the file, if it is the last one (`found` false otherwise).
+  Entry Find(const FileIdentity& id, bool* found) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return frame_ && id == id_ ? frame_ : nullptr;
+    *found = known_ && id == id_;
+    return *found ? entry_ : Entry();
   }
-  void Keep(const FileIdentity& id, std::shared_ptr<const UprightFrame> frame) {
+  void Keep(const FileIdentity& id, Entry entry) {
     std::lock_guard<std::mutex> lock(mutex_);
+    known_ = true;
     id_ = id;
-    frame_ = std::move(frame);
+    entry_ = std::move(entry);
   }
 
  private:
   std::mutex mutex_;
+  bool known_ = false;
   FileIdentity id_;
-  std::shared_ptr<const UprightFrame> frame_;
+  Entry entry_;
 };
 
 FrameCache& TheFrameCache() {
@@ -460,17 +475,31 @@ FrameCache& TheFrameCache() {
   return *cache;
 }
 
+// Whether a failure would come again on the same file: not a time-out
+// (deadline or cancellation), nor a file that is not there.
+bool Repeats(const Status& status) {
+  return !status.ok() && status.code() != Status::Code::kTimeout && status.code() != Status::Code::kNotFound;
+}
+
 }  // namespace
 
 bool IsVideoContent(const std::string& utf8_path,
                     const std::shared_ptr<const utility::Cancellation>& cancellation) {
-  // A file whose frame is already decoded needs no second probe (probing
-  // decodes frames too, and every size of a run asks again).
+  // A file already decoded, or already failed, needs no second probe
+  // (probing decodes frames too, and every size of a run asks again).
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
-  if (identified && TheFrameCache().Find(id)) return true;
+  if (identified) {
+    bool found = false;
+    const FrameCache::Entry known = TheFrameCache().Find(id, &found);
+    if (found) return known.frame != nullptr || known.opened;
+  }
   std::unique_ptr<ffmpeg::MediaFile> file;
-  if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file).ok()) return false;
+  const Status status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file);
+  if (!status.ok()) {
+    if (identified && Repeats(status)) TheFrameCache().Keep(id, FrameCache::Entry{nullptr, status, false});
+    return false;
+  }
   if (identified) TheProbedFile().Keep(id, std::move(file));
   return true;
 }
@@ -481,14 +510,23 @@ Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::B
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
   std::shared_ptr<const UprightFrame> frame;
-  if (identified) frame = TheFrameCache().Find(id);
-  if (frame && !frame->Serves(cx)) frame.reset();
+  if (identified) {
+    bool found = false;
+    FrameCache::Entry known = TheFrameCache().Find(id, &found);
+    if (found && !known.frame) return known.failure;
+    if (found && known.frame->Serves(cx)) frame = std::move(known.frame);
+  }
   if (!frame) {
     auto decoded = std::make_shared<UprightFrame>();
-    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, cx, cancellation, decoded.get());
-    if (!status.ok()) return status;
+    bool opened = false;
+    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, cx, cancellation, decoded.get(),
+                                       &opened);
+    if (!status.ok()) {
+      if (identified && Repeats(status)) TheFrameCache().Keep(id, FrameCache::Entry{nullptr, status, opened});
+      return status;
+    }
     frame = decoded;
-    if (identified) TheFrameCache().Keep(id, frame);
+    if (identified) TheFrameCache().Keep(id, FrameCache::Entry{frame, Status::OK(), true});
   }
 
   int width = 0;

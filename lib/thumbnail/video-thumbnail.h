@@ -8,9 +8,11 @@
 // input fails cleanly instead of hanging. Only the stream used is probed and
 // read, however many the file has.
 //
-// The process keeps the frame of the last file it decoded, told apart from
-// other content by path, device, inode, size and times: it serves every
-// later size of the run.
+// The process keeps what the last file it decoded gave, told apart from
+// other content by path, device, inode, size and times: its frame, which
+// serves every later size of the run, or its failure when that would only
+// come again (anything but a time-out or a missing file), so that a file
+// that cannot be done costs its attempt once, not once per size.
 //
 // Thread-safety: both functions may run on any thread, at the same time.
 #ifndef TESSERA_LIB_THUMBNAIL_VIDEO_THUMBNAIL_H_
