@@ -1,6 +1,7 @@
 // Decompression bombs: small files that declare, or really hold, images far
-// larger than their size. Each run must stay within the tool's promises and
-// its peak memory under a fixed budget, whatever the decoder makes of it.
+// larger than their size, and videos whose containers multiply the work.
+// Each run must stay within the tool's promises and its peak memory under a
+// fixed budget, whatever the decoder makes of it.
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -29,11 +30,20 @@ namespace tessera {
 namespace {
 
 using testing::ExpectCleanRun;
+using testing::ProcessResult;
+using testing::RunProcess;
 using testing::RunTool;
 using thumbnail::testing::ScratchDir;
 
 // Peak resident memory any run may reach.
 constexpr long kMaxRssBytes = long{1} << 30;
+
+// How long a hostile video may keep a run busy: far less than the run's
+// budget of a minute (a release build takes a few seconds at most).
+constexpr std::chrono::seconds kMaxVideoRun{20};
+
+// What a file of many tracks may take beyond what one of them alone takes.
+constexpr long kTrackSlackKib = 128 * 1024;
 
 void PutBe32(std::string* s, uint32_t v) {
   for (int shift = 24; shift >= 0; shift -= 8) s->push_back(static_cast<char>(v >> shift));
@@ -247,6 +257,99 @@ std::string JpegWithProfile(const std::string& icc) {
   image::testing::JpegOptions options;
   options.icc = icc;
   return image::testing::EncodeJpeg(image::testing::RgbImage(600, 400, 40, 90, 200), options);
+}
+
+// A Matroska element: its ID, an eight-byte size and the payload.
+std::string Ebml(uint32_t id, const std::string& payload) {
+  std::string element;
+  const int id_bytes = id > 0xFFFFFF ? 4 : id > 0xFFFF ? 3 : id > 0xFF ? 2 : 1;
+  for (int i = id_bytes - 1; i >= 0; --i) element.push_back(static_cast<char>(id >> (8 * i)));
+  element.push_back('\x01');
+  for (int i = 6; i >= 0; --i) element.push_back(static_cast<char>(static_cast<uint64_t>(payload.size()) >> (8 * i)));
+  return element + payload;
+}
+std::string EbmlUint(uint32_t id, uint64_t value) {
+  std::string bytes;
+  for (int i = 7; i >= 0; --i) bytes.push_back(static_cast<char>(value >> (8 * i)));
+  return Ebml(id, bytes);
+}
+
+// A Matroska file declaring `tracks` 4K H.264 tracks, none of which holds a
+// frame: about 128 bytes a track.
+std::string EmptyTracksMkv(int tracks) {
+  const std::string header =
+      Ebml(0x1A45DFA3, Ebml(0x4282, "matroska") + EbmlUint(0x4287, 4) + EbmlUint(0x4285, 2));
+  std::string entries;
+  for (int number = 1; number <= tracks; ++number) {
+    const std::string video = EbmlUint(0xB0, 3840) + EbmlUint(0xBA, 2160);
+    entries += Ebml(0xAE, EbmlUint(0xD7, number) + EbmlUint(0x73C5, number) + EbmlUint(0x83, 1) +
+                              Ebml(0x86, "V_MPEG4/ISO/AVC") + Ebml(0xE0, video));
+  }
+  const std::string info = Ebml(0x1549A966, EbmlUint(0x2AD7B1, 1000000));
+  const std::string cluster = Ebml(0x1F43B675, EbmlUint(0xE7, 0));
+  return header + Ebml(0x18538067, info + Ebml(0x1654AE6B, entries) + cluster);
+}
+
+bool Ffmpeg(const std::vector<std::string>& args) {
+  std::vector<std::string> all = {"-nostdin", "-v", "error", "-y"};
+  all.insert(all.end(), args.begin(), args.end());
+  const ProcessResult made = RunProcess("ffmpeg", all);
+  return made.exited && made.status == 0;
+}
+
+// Videos that cost gigabytes and tens of seconds when every track is probed
+// and HDR frames are tone-mapped at full size: a run ends in seconds and
+// stays within the memory budget; the ones with a usable frame make every
+// size.
+TEST(BombTest, HostileVideosCostWhatOneSmallFrameCosts) {
+  ScratchDir scratch;
+  ASSERT_FALSE(scratch.path().empty());
+  const std::string out = scratch.Join("out");
+
+  // One 4K key frame, then a hundred tracks holding it (2.5 MB).
+  const std::string frame = scratch.Join("frame.mkv");
+  ASSERT_TRUE(Ffmpeg({"-f", "lavfi", "-i", "color=c=gray:s=3840x2160:r=1:d=1", "-frames:v", "1", "-c:v", "libx264",
+                      "-preset", "ultrafast", "-pix_fmt", "yuv420p", frame}));
+  std::vector<std::string> remux = {"-i", frame};
+  for (int i = 0; i < 100; ++i) remux.insert(remux.end(), {"-map", "0:v"});
+  remux.insert(remux.end(), {"-c", "copy", scratch.Join("tracks.mkv")});
+  ASSERT_TRUE(Ffmpeg(remux));
+  std::ofstream(scratch.Join("empty-tracks.mkv"), std::ios::binary) << EmptyTracksMkv(1000);
+  // An 8192 x 8192 frame tagged PQ (200 KB).
+  ASSERT_TRUE(Ffmpeg({"-f", "lavfi", "-i", "color=c=gray:s=8192x8192:r=1:d=1", "-frames:v", "1", "-c:v", "libx264",
+                      "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-color_trc", "smpte2084", "-color_primaries",
+                      "bt2020", "-colorspace", "bt2020nc", scratch.Join("pq.mp4")}));
+
+  // Runs the tool on `name`; its peak resident size goes to *peak_kib.
+  auto run = [&](const char* name, int thumbnails, long* peak_kib) {
+    std::filesystem::remove_all(out);
+    mkdir(out.c_str(), 0755);
+    const auto start = std::chrono::steady_clock::now();
+    const ProcessResult result = RunTool({"--output_dir", out, "--src", scratch.Join(name)});
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(thumbnails, ExpectCleanRun(result, out));
+    EXPECT_LT(elapsed, kMaxVideoRun);
+    EXPECT_LT(result.peak_rss_kib * 1024L, kMaxRssBytes) << result.peak_rss_kib << " KiB";
+    std::fprintf(stderr, "%s: %.1f s, peak %ld MiB\n", name, std::chrono::duration<double>(elapsed).count(),
+                 result.peak_rss_kib / 1024);
+    *peak_kib = result.peak_rss_kib;
+  };
+  long one_track_kib = 0;
+  run("frame.mkv", 4, &one_track_kib);
+
+  struct Case {
+    const char* name;
+    int thumbnails;
+    bool costs_one_track;  // no more memory than the one-track file, give or take
+  };
+  for (const Case& c : {Case{"tracks.mkv", 4, true}, Case{"empty-tracks.mkv", 0, true}, Case{"pq.mp4", 4, false}}) {
+    SCOPED_TRACE(c.name);
+    long peak_kib = 0;
+    run(c.name, c.thumbnails, &peak_kib);
+    if (c.costs_one_track) {
+      EXPECT_LT(peak_kib, one_track_kib + kTrackSlackKib);
+    }
+  }
 }
 
 TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,8 +77,10 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
 
   Drain(out_pipe[0], err_pipe[0], &result.out, &result.err);
   int wait_status = 0;
-  while (waitpid(pid, &wait_status, 0) < 0 && errno == EINTR) {
+  struct rusage usage = {};
+  while (wait4(pid, &wait_status, 0, &usage) < 0 && errno == EINTR) {
   }
+  result.peak_rss_kib = usage.ru_maxrss;
   if (WIFEXITED(wait_status)) {
     result.exited = true;
     result.status = WEXITSTATUS(wait_status);

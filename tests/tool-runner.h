@@ -14,6 +14,7 @@ struct ProcessResult {
   std::string err;  // standard error, whole
   bool exited = false;  // ended by exit (not by a signal)
   int status = -1;      // the exit status when exited, else the signal number
+  long peak_rss_kib = 0;  // the largest resident size the process reached
 };
 
 // Runs `program` (looked up in PATH when it has no slash) with `args`

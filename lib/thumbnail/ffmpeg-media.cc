@@ -1,9 +1,11 @@
 #include "lib/thumbnail/ffmpeg-media.h"
 
 extern "C" {
+#include <libavutil/dict.h>
 #include <libavutil/display.h>
 #include <libavutil/imgutils.h>
 #include <libavutil/log.h>
+#include <libavutil/opt.h>
 #include <libavutil/pixdesc.h>
 #include <libavutil/avstring.h>
 #include <libavutil/cpu.h>
@@ -75,6 +77,25 @@ Status AvStatus(const char* context, int error) {
   return Status::InvalidArgument(AvError(context, error));
 }
 
+// The stream a thumbnail is made of: the first video stream that is not an
+// attached picture, or else the first attached picture that holds one. -1
+// when there is neither; *attached says which it is.
+int ChooseStream(const AVFormatContext* format, bool* attached) {
+  int picture_index = -1;
+  for (unsigned i = 0; i < format->nb_streams; ++i) {
+    const AVStream* stream = format->streams[i];
+    if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) continue;
+    if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) {
+      if (picture_index < 0 && stream->attached_pic.size > 0) picture_index = static_cast<int>(i);
+      continue;
+    }
+    *attached = false;
+    return static_cast<int>(i);
+  }
+  *attached = picture_index >= 0;
+  return picture_index;
+}
+
 bool IsYuvjFormat(int format) {
   return format == AV_PIX_FMT_YUVJ420P || format == AV_PIX_FMT_YUVJ422P ||
          format == AV_PIX_FMT_YUVJ444P || format == AV_PIX_FMT_YUVJ440P ||
@@ -93,7 +114,8 @@ MediaFile::~MediaFile() = default;
 
 int MediaFile::OnInterrupt(void* opaque) {
   const Interrupt* interrupt = static_cast<const Interrupt*>(opaque);
-  return NowUs() > interrupt->deadline_us.load() ? 1 : 0;
+  if (NowUs() > interrupt->deadline_us.load()) return 1;
+  return interrupt->cancellation && interrupt->cancellation->IsCancelled() ? 1 : 0;
 }
 
 void MediaFile::SetDeadline(std::chrono::milliseconds from_now) {
@@ -101,6 +123,7 @@ void MediaFile::SetDeadline(std::chrono::milliseconds from_now) {
 }
 
 Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds timeout,
+                       std::shared_ptr<const utility::Cancellation> cancellation,
                        std::unique_ptr<MediaFile>* out, int* av_error) {
   InstallLogger();
   int dummy = 0;
@@ -119,6 +142,11 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
 
   std::unique_ptr<MediaFile> file(new MediaFile);
   file->SetDeadline(timeout);
+  file->SetCancellation(std::move(cancellation));
+  if (file->Interrupted()) {
+    error = AVERROR_EXIT;
+    return Status::Timeout("cancelled before opening");
+  }
 
   AVFormatContext* raw = avformat_alloc_context();
   if (raw == nullptr) {
@@ -131,10 +159,13 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
   AVDictionary* options = nullptr;
   av_dict_set(&options, "protocol_whitelist", "file", 0);
   av_dict_set(&options, "format_whitelist", kAllowedDemuxers, 0);
+  av_dict_set_int(&options, "max_streams", kMaxStreams, 0);
   // The "file:" prefix keeps a name with a colon from naming a protocol.
   const std::string url = "file:" + utf8_path;
   error = avformat_open_input(&raw, url.c_str(), nullptr, &options);  // frees raw on failure
   av_dict_free(&options);
+  // An interrupted read may surface as any error: it is a time-out all the same.
+  if (error < 0 && file->Interrupted()) error = AVERROR_EXIT;
   if (error < 0) return AvStatus("avformat_open_input", error);
   file->format_.reset(raw);
 
@@ -143,39 +174,63 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
     error = AVERROR_DEMUXER_NOT_FOUND;
     return Status::NotSupported(std::string("refused container ") + raw->iformat->name);
   }
+  if (raw->nb_streams > kMaxStreams) {
+    error = AVERROR_INVALIDDATA;
+    return Status::NotSupported("too many streams");
+  }
   raw->probesize = 5 << 20;
   raw->max_analyze_duration = 5 * AV_TIME_BASE;
   // Frame rates are never used: no frames are read only to estimate one.
   raw->fps_probe_size = 0;
-  // Probing decodes a frame of each stream; frame threads would cost more to
-  // start than that one frame.
-  std::vector<AVDictionary*> stream_options(raw->nb_streams, nullptr);
-  for (AVDictionary*& stream_option : stream_options) av_dict_set(&stream_option, "threads", "1", 0);
-  error = avformat_find_stream_info(raw, stream_options.empty() ? nullptr : stream_options.data());
-  for (AVDictionary*& stream_option : stream_options) av_dict_free(&stream_option);
+  error = file->ProbeStreams();
+  if (error < 0 && file->Interrupted()) error = AVERROR_EXIT;
   if (error < 0) return AvStatus("avformat_find_stream_info", error);
-
-  int picture_index = -1;
-  for (unsigned i = 0; i < raw->nb_streams; ++i) {
-    const AVStream* stream = raw->streams[i];
-    if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) continue;
-    if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) {
-      if (picture_index < 0 && stream->attached_pic.size > 0) picture_index = static_cast<int>(i);
-      continue;
-    }
-    file->stream_index_ = static_cast<int>(i);
-    break;
-  }
-  if (file->stream_index_ < 0 && picture_index >= 0) {
-    file->stream_index_ = picture_index;
-    file->attached_picture_ = true;
-  }
   if (file->stream_index_ < 0) {
-    error = AVERROR_STREAM_NOT_FOUND;
-    return Status::NotSupported("no video stream");
+    error = file->Interrupted() ? AVERROR_EXIT : AVERROR_STREAM_NOT_FOUND;
+    return error == AVERROR_EXIT ? AvStatus("avformat_find_stream_info", error)
+                                 : Status::NotSupported("no video stream");
   }
   *out = std::move(file);
   return Status::OK();
+}
+
+int MediaFile::ProbeStreams() {
+  AVFormatContext* format = format_.get();
+  // Probing (FFmpeg 5.1) treats every stream alike, discarded or not: it
+  // opens a parser and a decoder for each, decodes its first frames and
+  // reads on until each has its parameters, so a file of a hundred 4K
+  // tracks decodes a hundred 4K frames. A stream that is discarded and made
+  // a data stream without a codec is complete as it is: nothing of it is
+  // opened, decoded or waited for. The stream is chosen before probing when
+  // no better one can appear later: the container declared all its streams
+  // up front, or a real video stream is known already.
+  bool attached = false;
+  int chosen = ChooseStream(format, &attached);
+  const bool all_declared = (format->ctx_flags & AVFMTCTX_NOHEADER) == 0;
+  if (chosen >= 0 && (all_declared || !attached)) {
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+      if (static_cast<int>(i) == chosen) continue;
+      AVStream* other = format->streams[i];
+      other->discard = AVDISCARD_ALL;
+      other->codecpar->codec_type = AVMEDIA_TYPE_DATA;
+      other->codecpar->codec_id = AV_CODEC_ID_NONE;
+    }
+    // An MPEG-TS demuxer adds a stream for every new program entry or packet
+    // identifier it meets, and probing would decode each: with the video
+    // stream at hand, it is told to add none (other demuxers ignore this).
+    if (!all_declared) av_opt_set_int(format, "skip_changes", 1, AV_OPT_SEARCH_CHILDREN);
+  }
+
+  // Probing decodes a frame of the stream; frame threads would cost more to
+  // start than that one frame.
+  std::vector<AVDictionary*> stream_options(format->nb_streams, nullptr);
+  for (AVDictionary*& stream_option : stream_options) av_dict_set(&stream_option, "threads", "1", 0);
+  const int error = avformat_find_stream_info(format, stream_options.empty() ? nullptr : stream_options.data());
+  for (AVDictionary*& stream_option : stream_options) av_dict_free(&stream_option);
+  if (error < 0) return error;
+
+  stream_index_ = ChooseStream(format, &attached_picture_);
+  return 0;
 }
 
 int MediaFile::OpenDecoder() {
@@ -210,6 +265,8 @@ int MediaFile::DecodeNextFrame(AVFrame* frame) {
   if (!codec_) return AVERROR(EINVAL);
   av_frame_unref(frame);
   for (int packets = 0; packets <= kMaxPacketsPerFrame; ++packets) {
+    // Reads from the demuxer's buffer do not reach the interrupt callback.
+    if (Interrupted()) return AVERROR_EXIT;
     int error = avcodec_receive_frame(codec_.get(), frame);
     if (error == 0) {
       if (!image::WithinPixelLimits(frame->width > 0 ? frame->width : 0,

@@ -5,8 +5,10 @@
 //
 // Opening is hardened for hostile input: the file protocol only, a fixed list
 // of container demuxers (nothing that follows playlists, lists of other files
-// or image sequences), an interrupt deadline on every blocking read, a cap on
-// the packets read for one frame and size limits checked before decoding.
+// or image sequences), at most kMaxStreams streams of which only the chosen
+// one is probed and read, an interrupt deadline (and cancellation) on every
+// blocking read, a cap on the packets read for one frame and size limits
+// checked before decoding.
 #ifndef TESSERA_LIB_THUMBNAIL_FFMPEG_MEDIA_H_
 #define TESSERA_LIB_THUMBNAIL_FFMPEG_MEDIA_H_
 
@@ -24,6 +26,7 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include "lib/utility/cancellation.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -60,6 +63,12 @@ constexpr int64_t kMaxFrameTimeUs = INT64_MAX / 10;
 // Packets read at most while looking for one decoded frame.
 constexpr int kMaxPacketsPerFrame = 4000;
 
+// Streams a file may have. Real files stay far below (a film with every
+// dubbing, subtitle and font attachment has a few dozen). Files that declare
+// more are refused; beyond it, a demuxer that meets new streams while
+// reading makes no more of them.
+constexpr unsigned kMaxStreams = 256;
+
 // An opened file with its chosen video stream. Not thread-safe: one thread
 // at a time uses it.
 class MediaFile {
@@ -67,11 +76,17 @@ class MediaFile {
   ~MediaFile();
 
   // Opens utf8_path within `timeout` and chooses its first real video stream,
-  // or else its first attached picture. Fails with NotFound (no such file),
-  // NotSupported (unknown or refused container, no video), Timeout, or
-  // InvalidArgument (broken or oversized). *out is untouched on failure.
-  // The AVERROR code, when there is one, goes to *av_error (may be null).
+  // or else its first attached picture. Every other stream is discarded, and
+  // where the container allows it before the streams are probed, so that it
+  // costs next to nothing to probe or read. Blocking operations also stop
+  // once `cancellation` (may be null) is cancelled; the file keeps a
+  // reference to it. Fails with NotFound (no such file), NotSupported
+  // (unknown or refused container, too many streams, no video), Timeout
+  // (deadline or cancellation), or InvalidArgument (broken or oversized).
+  // *out is untouched on failure. The AVERROR code, when there is one, goes
+  // to *av_error (may be null).
   static Status Open(const std::string& utf8_path, std::chrono::milliseconds timeout,
+                     std::shared_ptr<const utility::Cancellation> cancellation,
                      std::unique_ptr<MediaFile>* out, int* av_error = nullptr);
 
   AVFormatContext* format() const { return format_.get(); }
@@ -81,12 +96,22 @@ class MediaFile {
   // Restarts the deadline for the next blocking operations.
   void SetDeadline(std::chrono::milliseconds from_now);
 
+  // Replaces the cancellation that stops blocking operations (null: none).
+  // Not while an operation runs.
+  void SetCancellation(std::shared_ptr<const utility::Cancellation> cancellation) {
+    interrupt_->cancellation = std::move(cancellation);
+  }
+
+  // Whether the deadline has passed or the cancellation was cancelled.
+  bool Interrupted() const { return OnInterrupt(interrupt_.get()) != 0; }
+
   // Opens the decoder of the chosen stream (size limits checked first) and
   // makes the demuxer skip every other stream. Returns 0 or an AVERROR.
   int OpenDecoder();
 
   // Decodes the next frame of the stream into *frame (unreferenced first).
-  // Returns 0, AVERROR_EOF at the end, or another AVERROR.
+  // Returns 0, AVERROR_EOF at the end, AVERROR_EXIT when interrupted, or
+  // another AVERROR.
   int DecodeNextFrame(AVFrame* frame);
 
   // From now on, packets whose frames are shown before time_us (microseconds
@@ -120,8 +145,12 @@ class MediaFile {
 
   struct Interrupt {
     std::atomic<int64_t> deadline_us{0};
+    std::shared_ptr<const utility::Cancellation> cancellation;
   };
   static int OnInterrupt(void* opaque);
+  // Probes the streams, reading only the one chosen where the container
+  // allows it, and chooses it. Returns 0 or an AVERROR.
+  int ProbeStreams();
 
   std::unique_ptr<Interrupt> interrupt_ = std::make_unique<Interrupt>();
   FormatPtr format_;

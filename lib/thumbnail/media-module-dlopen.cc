@@ -4,6 +4,7 @@
 #include <string>
 
 #include "lib/thumbnail/media-module.h"
+#include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/video-thumbnail.h"
 #include "lib/utility/module-loader.h"
 
@@ -39,20 +40,22 @@ void SetMediaModulePath(const std::string& path) { Loader().SetPath(path); }
 
 std::unique_ptr<MediaSource> MediaSource::Create() {
   const MediaModuleTable* module = Module();
-  MediaSource* source = module ? module->create_media_source() : nullptr;
+  MediaSource* source = module ? module->create_media_source(RunDeadline()) : nullptr;
   if (source == nullptr) return std::make_unique<UnavailableMediaSource>();
   return std::unique_ptr<MediaSource>(source);
 }
 
-bool IsVideoContent(const std::string& utf8_path) {
+bool IsVideoContent(const std::string& utf8_path,
+                    const std::shared_ptr<const utility::Cancellation>& cancellation) {
   const MediaModuleTable* module = Module();
-  return module != nullptr && module->is_video_content(utf8_path);
+  return module != nullptr && module->is_video_content(utf8_path, cancellation);
 }
 
-Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
+Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
+                             const std::shared_ptr<const utility::Cancellation>& cancellation) {
   const MediaModuleTable* module = Module();
   if (module == nullptr) return Status::NotSupported("the media module is not available");
-  return module->extract_video_thumbnail(utf8_path, cx, out);
+  return module->extract_video_thumbnail(utf8_path, cx, out, cancellation);
 }
 
 }  // namespace thumbnail

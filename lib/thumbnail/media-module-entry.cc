@@ -6,7 +6,9 @@ namespace tessera {
 namespace thumbnail {
 namespace {
 
-MediaSource* CreateMediaSource() { return MediaSource::Create().release(); }
+MediaSource* CreateMediaSource(std::chrono::steady_clock::time_point deadline) {
+  return CreateFfmpegMediaSource(deadline).release();
+}
 
 const MediaModuleTable kTable = {
     kMediaModuleAbiVersion,

@@ -11,14 +11,21 @@
 // the module cannot be loaded they fail cleanly (no video content, a
 // NotSupported status, a media source whose every call fails) after one
 // ERROR line.
+//
+// The module carries its own copies of our libraries, whose process-wide
+// state (the run's deadline, the job running on a thread) is never set
+// there: whatever the module needs of it is passed in by the caller.
 #ifndef TESSERA_LIB_THUMBNAIL_MEDIA_MODULE_H_
 #define TESSERA_LIB_THUMBNAIL_MEDIA_MODULE_H_
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "lib/image/bitmap.h"
 #include "lib/thumbnail/media-source.h"
+#include "lib/utility/cancellation.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
@@ -26,17 +33,25 @@ namespace thumbnail {
 
 // Raised whenever the table's layout or meaning changes, so that a stale
 // module next to a newer executable is refused instead of misused.
-constexpr uint32_t kMediaModuleAbiVersion = 1;
+constexpr uint32_t kMediaModuleAbiVersion = 2;
 constexpr char kMediaModuleEntry[] = "TesseraMediaModuleTable";
 constexpr char kMediaModuleFileName[] = "libtessera-media.so";
 
 struct MediaModuleTable {
   uint32_t abi_version;
-  // A new media source; the caller owns it (delete through MediaSource).
-  MediaSource* (*create_media_source)();
-  bool (*is_video_content)(const std::string& utf8_path);
-  Status (*extract_video_thumbnail)(const std::string& utf8_path, uint32_t cx, image::Bitmap* out);
+  // A new media source (CreateFfmpegMediaSource); the caller owns it (delete
+  // through MediaSource).
+  MediaSource* (*create_media_source)(std::chrono::steady_clock::time_point deadline);
+  bool (*is_video_content)(const std::string& utf8_path,
+                           const std::shared_ptr<const utility::Cancellation>& cancellation);
+  Status (*extract_video_thumbnail)(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
+                                    const std::shared_ptr<const utility::Cancellation>& cancellation);
 };
+
+// The FFmpeg media source, none of whose opens, seeks and reads goes on past
+// `deadline` (steady clock): they fail as timed out instead. What
+// MediaSource::Create gives, with the run's deadline (RunDeadline).
+std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::time_point deadline);
 
 // Loads the module from `path` instead of from the executable's directory.
 // Only effective before the first use of the media functions (tests call it

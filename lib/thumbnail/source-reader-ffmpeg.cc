@@ -2,10 +2,14 @@
 // answered on a reader thread of its own, which decodes the next frame,
 // converts it to BGRX and calls the listener.
 #include <chrono>
+#include <memory>
 #include <thread>
 
 #include "lib/thumbnail/ffmpeg-media.h"
+#include "lib/thumbnail/media-module.h"
 #include "lib/thumbnail/media-source.h"
+#include "lib/thumbnail/thumbnail-job.h"
+#include "lib/utility/cancellation.h"
 #include "lib/utility/text-conversion.h"
 
 namespace tessera {
@@ -14,7 +18,7 @@ namespace {
 
 // Longer than the reader's own 10-second wait, so that a slow read is still
 // reported as a time-out by the reader, but bounded, so that an abandoned
-// read thread ends.
+// read thread ends; and neither ever past the source's own deadline.
 constexpr std::chrono::milliseconds kOpenDeadline{10000};
 constexpr std::chrono::milliseconds kReadDeadline{15000};
 constexpr int64_t kHnsPerUs = 10;
@@ -45,6 +49,12 @@ uint32_t MatrixValue(AVColorSpace space) {
 
 class FfmpegMediaSource : public MediaSource {
  public:
+  // Every blocking operation of the file stops at `deadline` too.
+  explicit FfmpegMediaSource(std::chrono::steady_clock::time_point deadline)
+      : deadline_(deadline == std::chrono::steady_clock::time_point::max()
+                      ? nullptr
+                      : std::make_shared<utility::Cancellation>(deadline)) {}
+
   ~FfmpegMediaSource() override {
     if (thread_.joinable()) thread_.join();
     if (callback_ != nullptr) callback_->Release();
@@ -54,7 +64,7 @@ class FfmpegMediaSource : public MediaSource {
     std::string utf8_path;
     if (utility::UTF16ToUTF8(path, &utf8_path) != 0) return AVERROR(EINVAL);
     int error = 0;
-    if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file_, &error).ok()) {
+    if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, deadline_, &file_, &error).ok()) {
       return error < 0 ? error : AVERROR_UNKNOWN;
     }
     callback_ = callback;
@@ -163,6 +173,7 @@ class FfmpegMediaSource : public MediaSource {
     callback_->OnReadSample(0, 0, 0, hns == MediaSample::kNoTime ? 0 : hns, std::move(sample));
   }
 
+  const std::shared_ptr<const utility::Cancellation> deadline_;  // null: none
   std::unique_ptr<ffmpeg::MediaFile> file_;
   MediaSourceCallback* callback_ = nullptr;  // one reference held
   int width_ = 0;
@@ -174,7 +185,13 @@ class FfmpegMediaSource : public MediaSource {
 
 }  // namespace
 
-std::unique_ptr<MediaSource> MediaSource::Create() { return std::make_unique<FfmpegMediaSource>(); }
+std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::time_point deadline) {
+  return std::make_unique<FfmpegMediaSource>(deadline);
+}
+
+// Linked where this code is linked directly; a program that loads it as a
+// module has the loader's definition instead, which passes the deadline in.
+std::unique_ptr<MediaSource> MediaSource::Create() { return CreateFfmpegMediaSource(RunDeadline()); }
 
 }  // namespace thumbnail
 }  // namespace tessera

@@ -102,6 +102,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     decoder_.reset();
     video_ = false;
     content_key_.clear();
+    cancellation_.reset();
     if (utility::UTF16ToUTF8(path, &path_) != 0) return -EINVAL;
     struct stat before;
     const bool have_before = stat(path_.c_str(), &before) == 0;
@@ -111,7 +112,8 @@ class PosixThumbnailProvider : public ThumbnailProvider {
       return OpenErrorCode(status);
     }
     if (have_before) content_key_ = ContentKey(path_, before);
-    source_->set_cancellation(CurrentJobCancellation());
+    cancellation_ = CurrentJobCancellation();
+    source_->set_cancellation(cancellation_);
     return 0;
   }
 
@@ -130,7 +132,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
       decoder_->SetCallerEdgeDivisor(kProviderRequestFactor);
       return 0;
     }
-    if (format == image::ImageFormat::kUnknown && IsVideoContent(path_)) {
+    if (format == image::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
       video_ = true;
       return 0;
     }
@@ -143,7 +145,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     if (!decoder_ && !video_) return kProviderNotReady;
     if (cx == 0) return -EINVAL;
     image::Bitmap bitmap;
-    Status status = video_ ? ExtractVideoThumbnail(path_, cx, &bitmap)
+    Status status = video_ ? ExtractVideoThumbnail(path_, cx, &bitmap, cancellation_)
                            : decoder_->Decode(source_.get(), cx, &bitmap);
     if (!status.ok()) {
       LOG_DEBUG(kLogComponent, "decoding '%s' failed: %s", path_.c_str(),
@@ -159,6 +161,8 @@ class PosixThumbnailProvider : public ThumbnailProvider {
   std::unique_ptr<image::ByteSource> source_;
   std::unique_ptr<image::ImageDecoder> decoder_;
   std::string content_key_;
+  // The job's, so that an abandoned decode stops (null outside a job).
+  std::shared_ptr<const utility::Cancellation> cancellation_;
   bool video_ = false;
 };
 

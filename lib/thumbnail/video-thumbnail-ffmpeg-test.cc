@@ -2,11 +2,15 @@
 // with the ffmpeg command.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 
+#include "lib/thumbnail/media-module.h"
 #include "lib/thumbnail/source-reader.h"
 #include "lib/thumbnail/testing/video-test-files.h"
 #include "lib/thumbnail/video-thumbnail.h"
@@ -70,6 +74,7 @@ void MeanLightAndSaturation(const image::Bitmap& bitmap, double* light, double* 
 
 const uint8_t* Pixel(const image::Bitmap& bitmap, int x, int y) { return bitmap.row(y) + x * 4; }
 bool RedBgra(const uint8_t* p) { return p[2] > 150 && p[1] < 90 && p[0] < 90; }
+bool GreenBgra(const uint8_t* p) { return p[1] > 100 && p[0] < 90 && p[2] < 90; }
 bool BlueBgra(const uint8_t* p) { return p[0] > 150 && p[1] < 90 && p[2] < 90; }
 
 class VideoFfmpegTest : public ::testing::Test {
@@ -281,6 +286,118 @@ TEST_F(VideoFfmpegTest, HlgVideoIsToneMappedNotWashedOutAndRefusedByTheFrameRead
   EXPECT_NEAR(hdr_light, sdr_light, 0.2);
 
   EXPECT_EQ("HDR video is not supported", ExportMessage(hdr, dir_.File("hdr.jpg")));
+}
+
+std::shared_ptr<const utility::Cancellation> Cancelled() {
+  auto cancellation = std::make_shared<utility::Cancellation>();
+  cancellation->Cancel();
+  return cancellation;
+}
+
+// An abandoned job's video work stops at its next read: before opening, in
+// the middle of decoding a file already probed, and in the frame reader once
+// the run's deadline has passed. A stop is no failure of the file: it is
+// tried again, and then works.
+TEST_F(VideoFfmpegTest, CancelledWorkStopsAtOnceAndIsTriedAgainLater) {
+  const std::string clip = dir_.File("clip.mp4");
+  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
+  image::Bitmap thumb;
+  EXPECT_FALSE(IsVideoContent(clip, Cancelled()));
+  EXPECT_EQ(Status::Code::kTimeout, ExtractVideoThumbnail(clip, 32, &thumb, Cancelled()).code());
+  ASSERT_TRUE(IsVideoContent(clip));  // keeps the probed file for the decode
+  EXPECT_EQ(Status::Code::kTimeout, ExtractVideoThumbnail(clip, 32, &thumb, Cancelled()).code());
+  EXPECT_TRUE(thumb.empty());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 32, &thumb).ok());
+  EXPECT_EQ(32, thumb.width());
+
+  try {
+    SourceReader reader(CreateFfmpegMediaSource(std::chrono::steady_clock::now()), utility::UTF8ToUTF16(clip),
+                        SourceReader::kDefaultReadWait);
+    ADD_FAILURE() << "opened after the deadline";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ("Failed to create source reader", error.what());
+  }
+}
+
+// A file that cannot be done is tried once: later requests get the same
+// failure without opening it (so even a cancelled one does), until the file
+// changes.
+TEST_F(VideoFfmpegTest, FailuresThatWouldRepeatAreRememberedForTheFile) {
+  const std::string tiny = dir_.File("tiny.mkv");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=blue:s=16x16:r=1:d=1 " + std::string(kH264) + "'" + tiny + "'"));
+  // More tracks than any real file has: refused when opened.
+  std::string maps;
+  for (int i = 0; i < 300; ++i) maps += "-map 0:v ";
+  ASSERT_TRUE(RunFfmpeg("-i '" + tiny + "' " + maps + "-c copy '" + dir_.File("tracks.mkv") + "'"));
+  // A clip whose frames are all zero bytes: it opens, but nothing decodes.
+  const std::string good = dir_.File("good.mp4");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=64x48:r=10:d=1 " + std::string(kH264) + "'" + good + "'"));
+  std::ifstream in(good, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t mdat = bytes.find("mdat");
+  ASSERT_TRUE(mdat != std::string::npos && mdat >= 4);
+  size_t box_size = 0;
+  for (size_t i = mdat - 4; i < mdat; ++i) box_size = box_size << 8 | static_cast<uint8_t>(bytes[i]);
+  ASSERT_LE(mdat - 4 + box_size, bytes.size());
+  std::string zeroed = bytes;
+  std::fill(zeroed.begin() + mdat + 4, zeroed.begin() + (mdat - 4 + box_size), '\0');
+  std::ofstream(dir_.File("zeroed.mp4"), std::ios::binary) << zeroed;
+
+  struct Case {
+    const char* name;
+    bool opens;
+  };
+  for (const Case& c : {Case{"tracks.mkv", false}, Case{"zeroed.mp4", true}}) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir_.File(c.name);
+    EXPECT_EQ(c.opens, IsVideoContent(path));
+    image::Bitmap thumb;
+    const Status first = ExtractVideoThumbnail(path, 32, &thumb);
+    ASSERT_FALSE(first.ok());
+    EXPECT_NE(Status::Code::kTimeout, first.code());
+    EXPECT_EQ(first.code(), ExtractVideoThumbnail(path, 64, &thumb, Cancelled()).code()) << first.ToString();
+    EXPECT_EQ(c.opens, IsVideoContent(path, Cancelled()));
+    EXPECT_TRUE(thumb.empty());
+  }
+
+  // The same name with other content is another file.
+  std::ofstream(dir_.File("zeroed.mp4"), std::ios::binary) << bytes;
+  image::Bitmap thumb;
+  ASSERT_TRUE(ExtractVideoThumbnail(dir_.File("zeroed.mp4"), 32, &thumb).ok());
+  EXPECT_TRUE(GreenBgra(Pixel(thumb, 16, 12)));
+}
+
+// Frames larger than any request of a run are converted (and tone-mapped)
+// at the size the largest request needs: every request up to it gets what
+// a full-size conversion would give in size, and a larger one than the run
+// makes still gets the whole frame.
+TEST_F(VideoFfmpegTest, HugeFramesAreConvertedAtTheSizeTheRunNeeds) {
+  const std::string hdr_args =
+      "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=smpte2084:m=bt2020nc:p=bt2020,format=yuv420p10le "
+      "-c:v libx265 -preset ultrafast -x265-params log-level=none "
+      "-colorspace bt2020nc -color_primaries bt2020 -color_trc smpte2084 ";
+  struct Case {
+    const char* name;
+    std::string codec;
+  };
+  for (const Case& c : {Case{"wide-sdr.mp4", kH264}, Case{"wide-pq.mp4", hdr_args}}) {
+    SCOPED_TRACE(c.name);
+    const std::string clip = dir_.File(c.name);
+    ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=4000x96:r=10:d=1.5 " + c.codec + "'" + clip + "'"));
+    struct Request {
+      uint32_t cx;
+      int width, height;
+    };
+    for (const Request& r : {Request{3840, 3840, 92}, Request{360, 360, 9}, Request{3840, 3840, 92},
+                             Request{8000, 4000, 96}, Request{100, 100, 2}}) {
+      SCOPED_TRACE(r.cx);
+      image::Bitmap thumb;
+      ASSERT_TRUE(ExtractVideoThumbnail(clip, r.cx, &thumb).ok());
+      EXPECT_EQ(r.width, thumb.width());
+      EXPECT_EQ(r.height, thumb.height());
+      EXPECT_TRUE(GreenBgra(Pixel(thumb, thumb.width() / 2, thumb.height() / 2)));
+    }
+  }
 }
 
 }  // namespace

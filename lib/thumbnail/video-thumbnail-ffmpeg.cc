@@ -10,6 +10,7 @@ extern "C" {
 #include <dlfcn.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
@@ -21,6 +22,8 @@ extern "C" {
 #include "lib/image/limits.h"
 #include "lib/image/transform.h"
 #include "lib/thumbnail/ffmpeg-media.h"
+#include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/thumbnail/thumbnail-size.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -95,12 +98,14 @@ bool IsHdrTransfer(int transfer) {
   return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }
 
-// Maps a PQ or HLG frame to BT.709 SDR BGRA: linear light, BT.709
-// primaries, a curve that keeps mid-tones and rolls off highlights (no
-// desaturation, so colours keep their hue),
-// then the BT.709 transfer. (A filmic curve such as hable leaves
-// reference white far too dark.)
-Status ToneMapToBgra(const AVFrame* frame, image::Bitmap* bitmap) {
+// Maps a PQ or HLG frame to BT.709 SDR BGRA of width x height: linear
+// light in BT.709 primaries, a curve that keeps mid-tones and rolls off
+// highlights (no desaturation, so colours keep their hue), then the BT.709
+// transfer. (A filmic curve such as hable leaves reference white far too
+// dark.) The first stage also scales, so that the stages on 32-bit floats
+// (12 bytes a pixel, each keeping its own frame) work at the size wanted,
+// not at the size of the frame. Takes the frame's reference.
+Status ToneMapToBgra(AVFrame* frame, int width, int height, image::Bitmap* bitmap) {
   const FilterLibrary* filters = Filters();
   if (filters == nullptr) return Status::NotSupported("the tone-mapping filter library cannot be loaded");
   GraphPtr graph(filters->graph_alloc());
@@ -131,34 +136,40 @@ Status ToneMapToBgra(const AVFrame* frame, image::Bitmap* bitmap) {
   outputs->filter_ctx = source;
   inputs->name = av_strdup("out");
   inputs->filter_ctx = sink;
-  const char* chain =
-      "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=mobius:desat=0,"
-      "zscale=t=bt709:m=bt709:r=pc,format=gbrp,scale,format=bgra";
-  error = filters->graph_parse_ptr(graph.get(), chain, &inputs, &outputs, nullptr);
+  const std::string chain = "zscale=w=" + std::to_string(width) + ":h=" + std::to_string(height) +
+                            ":t=linear:npl=100:p=bt709,format=gbrpf32le,tonemap=tonemap=mobius:desat=0,"
+                            "zscale=t=bt709:m=bt709:r=pc,format=gbrp";
+  error = filters->graph_parse_ptr(graph.get(), chain.c_str(), &inputs, &outputs, nullptr);
   filters->inout_free(&outputs);
   filters->inout_free(&inputs);
   if (error < 0) return Status::NotSupported(ffmpeg::AvError("tone-mapping filters", error));
   error = filters->graph_config(graph.get(), nullptr);
   if (error < 0) return Status::NotSupported(ffmpeg::AvError("avfilter_graph_config", error));
 
-  ffmpeg::FramePtr input(av_frame_clone(frame));
   ffmpeg::FramePtr output(av_frame_alloc());
-  if (!input || !output) return Status::Internal("out of memory");
-  error = filters->buffersrc_add_frame(source, input.get());
+  if (!output) return Status::Internal("out of memory");
+  // The graph takes the frame over, and lets it go once it is scaled.
+  error = filters->buffersrc_add_frame(source, frame);
   if (error >= 0) error = filters->buffersrc_add_frame(source, nullptr);
   if (error >= 0) error = filters->buffersink_get_frame(sink, output.get());
   if (error < 0) return Status::Internal(ffmpeg::AvError("tone mapping", error));
-  if (output->format != AV_PIX_FMT_BGRA || output->width != frame->width ||
-      output->height != frame->height) {
+  if (output->format != AV_PIX_FMT_GBRP || output->width != width || output->height != height) {
     return Status::Internal("unexpected tone-mapped frame");
   }
   image::Bitmap pixels;
-  Status status = image::Bitmap::Create(output->width, output->height, &pixels);
+  Status status = image::Bitmap::Create(width, height, &pixels);
   if (!status.ok()) return status;
-  for (int y = 0; y < output->height; ++y) {
+  for (int y = 0; y < height; ++y) {
+    const uint8_t* g = output->data[0] + static_cast<ptrdiff_t>(output->linesize[0]) * y;
+    const uint8_t* b = output->data[1] + static_cast<ptrdiff_t>(output->linesize[1]) * y;
+    const uint8_t* r = output->data[2] + static_cast<ptrdiff_t>(output->linesize[2]) * y;
     uint8_t* row = pixels.row(y);
-    std::memcpy(row, output->data[0] + static_cast<ptrdiff_t>(output->linesize[0]) * y, pixels.stride());
-    for (int x = 0; x < output->width; ++x) row[4 * x + 3] = 0xFF;
+    for (int x = 0; x < width; ++x) {
+      row[4 * x] = b[x];
+      row[4 * x + 1] = g[x];
+      row[4 * x + 2] = r[x];
+      row[4 * x + 3] = 0xFF;
+    }
   }
   *bitmap = std::move(pixels);
   return Status::OK();
@@ -302,25 +313,65 @@ ProbedFile& TheProbedFile() {
   return *probed;
 }
 
-// The representative frame, upright, at full size, with the size it is shown
-// at (non-square pixels are only applied by the final reduction).
+// The representative frame, upright, with the size it is shown at
+// (non-square pixels are only applied by the final reduction). At full size,
+// or reduced for requests up to max_cx.
 struct UprightFrame {
   image::Bitmap bitmap;
   int display_width = 0;
   int display_height = 0;
+  uint32_t max_cx = 0;  // 0: the full frame, good for any request
+
+  bool Serves(uint32_t cx) const { return max_cx == 0 || cx <= max_cx; }
 };
 
-// `id` is null when the file cannot be identified.
-Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, UprightFrame* upright) {
+// The largest cx one run of the tool asks for.
+uint32_t LargestRunRequest() {
+  uint32_t largest = 0;
+  for (ThumbnailSize size : AllSizes()) largest = std::max(largest, ProviderRequestEdge(PixelSize(size)));
+  return largest;
+}
+
+// The storage size (before non-square pixels and turning) that a frame of
+// width x height, shown at display_width x display_height, needs for every
+// request up to cx: the whole frame when nothing would be reduced.
+void SizeFor(int width, int height, int display_width, int display_height, uint32_t cx, int* out_width,
+             int* out_height) {
+  int fit_width = 0;
+  int fit_height = 0;
+  image::FitWithin(display_width, display_height, cx, &fit_width, &fit_height);
+  // Rounded up, so that no later reduction has to enlarge.
+  auto storage = [](int fit, int display, int stored) {
+    const int64_t needed = (static_cast<int64_t>(fit) * stored + display - 1) / display;
+    return static_cast<int>(std::max<int64_t>(1, std::min<int64_t>(stored, needed)));
+  };
+  *out_width = storage(fit_width, display_width, width);
+  *out_height = storage(fit_height, display_height, height);
+}
+
+// `id` is null when the file cannot be identified. *opened tells whether the
+// file opened as a video (so that a failure is one of decoding).
+Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, uint32_t cx,
+                          const std::shared_ptr<const utility::Cancellation>& cancellation,
+                          UprightFrame* upright, bool* opened) {
+  *opened = false;
   std::unique_ptr<ffmpeg::MediaFile> file;
   if (id != nullptr) file = TheProbedFile().Take(*id);
   Status status;
-  if (!file) status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file);
+  if (file) {
+    file->SetCancellation(cancellation);
+  } else {
+    status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file);
+  }
   if (!status.ok()) return status;
+  *opened = true;
   ffmpeg::FramePtr frame(av_frame_alloc());
   if (!frame) return Status::Internal("out of memory");
   status = DecodeRepresentativeFrame(file.get(), frame.get());
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    // Whatever a stopped decode failed with, it may go further another time.
+    return file->Interrupted() ? Status::Timeout("video decoding was stopped: " + status.ToString()) : status;
+  }
 
   // Frames may carry no colour tags where the stream has them.
   const AVCodecParameters* params = file->stream()->codecpar;
@@ -329,36 +380,52 @@ Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, 
   if (frame->colorspace == AVCOL_SPC_UNSPECIFIED) frame->colorspace = params->color_space;
   if (frame->color_range == AVCOL_RANGE_UNSPECIFIED) frame->color_range = params->color_range;
 
+  // Display size before turning: non-square pixels widen (or narrow) the frame.
+  const int width = frame->width;
+  const int height = frame->height;
+  int display_width = width;
+  int display_height = height;
+  AVRational sar = av_guess_sample_aspect_ratio(file->format(), file->stream(), frame.get());
+  if (sar.num > 0 && sar.den > 0 && sar.num != sar.den) {
+    const int64_t stretched = av_rescale(width, sar.num, sar.den);
+    if (stretched > 0 && stretched <= static_cast<int64_t>(image::kMaxSide)) {
+      display_width = static_cast<int>(stretched);
+    }
+  }
+  int degrees = 0;
+  bool mirrored = false;
+  const bool turned = file->DisplayRotation(&degrees, &mirrored);
+  // The decoder's threads and frames go before the frame is converted.
+  file.reset();
+
+  // Converted only at the size the run's largest request needs: a huge
+  // frame would otherwise take gigabytes, above all for tone mapping, which
+  // works on floats (12 bytes a pixel, in every stage of it).
+  const uint32_t limit = std::max(cx, LargestRunRequest());
+  int converted_width = 0;
+  int converted_height = 0;
+  SizeFor(width, height, display_width, display_height, limit, &converted_width, &converted_height);
+  const uint32_t max_cx = converted_width != width || converted_height != height ? limit : 0;
   image::Bitmap bitmap;
   if (IsHdrTransfer(frame->color_trc)) {
-    status = ToneMapToBgra(frame.get(), &bitmap);
+    status = ToneMapToBgra(frame.get(), converted_width, converted_height, &bitmap);
   } else {
-    status = image::Bitmap::Create(frame->width, frame->height, &bitmap);
+    status = image::Bitmap::Create(converted_width, converted_height, &bitmap);
     if (status.ok()) {
-      status = ffmpeg::ConvertToBgra(frame.get(), frame->width, frame->height, bitmap.data(),
+      status = ffmpeg::ConvertToBgra(frame.get(), converted_width, converted_height, bitmap.data(),
                                      static_cast<int>(bitmap.stride()));
     }
   }
+  frame.reset();
   if (!status.ok()) return status;
 
-  // Display size before turning: non-square pixels widen (or narrow) the frame.
-  int display_width = frame->width;
-  int display_height = frame->height;
-  AVRational sar = av_guess_sample_aspect_ratio(file->format(), file->stream(), frame.get());
-  if (sar.num > 0 && sar.den > 0 && sar.num != sar.den) {
-    const int64_t width = av_rescale(frame->width, sar.num, sar.den);
-    if (width > 0 && width <= static_cast<int64_t>(image::kMaxSide)) display_width = static_cast<int>(width);
-  }
-
-  int degrees = 0;
-  bool mirrored = false;
-  if (file->DisplayRotation(&degrees, &mirrored)) {
+  if (turned) {
     if (mirrored) image::MirrorHorizontally(&bitmap);
     if (degrees != 0) {
-      image::Bitmap turned;
-      status = image::RotateClockwise(bitmap, degrees / 90, &turned);
+      image::Bitmap rotated;
+      status = image::RotateClockwise(bitmap, degrees / 90, &rotated);
       if (!status.ok()) return status;
-      bitmap = std::move(turned);
+      bitmap = std::move(rotated);
       if (degrees == 90 || degrees == 270) std::swap(display_width, display_height);
     }
   }
@@ -366,28 +433,41 @@ Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, 
   upright->bitmap = std::move(bitmap);
   upright->display_width = display_width;
   upright->display_height = display_height;
+  upright->max_cx = max_cx;
   return Status::OK();
 }
 
-// The last decoded frame of the process. The tool asks for one file's
-// thumbnail at several sizes in a row; decoding the frame once serves them
-// all, and every size is reduced from exactly the frame a fresh decode gives.
+// What the last file of the process gave: its decoded frame, or a failure
+// that would come again. The tool asks for one file's thumbnail at several
+// sizes in a row; decoding the frame once serves them all, every size being
+// reduced from exactly the frame a fresh decode gives, and a file that
+// cannot be done is tried once.
 class FrameCache {
  public:
-  std::shared_ptr<const UprightFrame> Find(const FileIdentity& id) {
+  struct Entry {
+    std::shared_ptr<const UprightFrame> frame;  // or null, and then:
+    Status failure;
+    bool opened = false;  // whether the file opened as a video before it failed
+  };
+
+  // The entry for the file, if it is the last one (`found` false otherwise).
+  Entry Find(const FileIdentity& id, bool* found) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return frame_ && id == id_ ? frame_ : nullptr;
+    *found = known_ && id == id_;
+    return *found ? entry_ : Entry();
   }
-  void Keep(const FileIdentity& id, std::shared_ptr<const UprightFrame> frame) {
+  void Keep(const FileIdentity& id, Entry entry) {
     std::lock_guard<std::mutex> lock(mutex_);
+    known_ = true;
     id_ = id;
-    frame_ = std::move(frame);
+    entry_ = std::move(entry);
   }
 
  private:
   std::mutex mutex_;
+  bool known_ = false;
   FileIdentity id_;
-  std::shared_ptr<const UprightFrame> frame_;
+  Entry entry_;
 };
 
 FrameCache& TheFrameCache() {
@@ -395,32 +475,58 @@ FrameCache& TheFrameCache() {
   return *cache;
 }
 
+// Whether a failure would come again on the same file: not a time-out
+// (deadline or cancellation), nor a file that is not there.
+bool Repeats(const Status& status) {
+  return !status.ok() && status.code() != Status::Code::kTimeout && status.code() != Status::Code::kNotFound;
+}
+
 }  // namespace
 
-bool IsVideoContent(const std::string& utf8_path) {
-  // A file whose frame is already decoded needs no second probe (probing
-  // decodes frames too, and every size of a run asks again).
+bool IsVideoContent(const std::string& utf8_path,
+                    const std::shared_ptr<const utility::Cancellation>& cancellation) {
+  // A file already decoded, or already failed, needs no second probe
+  // (probing decodes frames too, and every size of a run asks again).
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
-  if (identified && TheFrameCache().Find(id)) return true;
+  if (identified) {
+    bool found = false;
+    const FrameCache::Entry known = TheFrameCache().Find(id, &found);
+    if (found) return known.frame != nullptr || known.opened;
+  }
   std::unique_ptr<ffmpeg::MediaFile> file;
-  if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, &file).ok()) return false;
+  const Status status = ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, cancellation, &file);
+  if (!status.ok()) {
+    if (identified && Repeats(status)) TheFrameCache().Keep(id, FrameCache::Entry{nullptr, status, false});
+    return false;
+  }
   if (identified) TheProbedFile().Keep(id, std::move(file));
   return true;
 }
 
-Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out) {
+Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
+                             const std::shared_ptr<const utility::Cancellation>& cancellation) {
   if (cx == 0) return Status::InvalidArgument("cx is 0");
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
   std::shared_ptr<const UprightFrame> frame;
-  if (identified) frame = TheFrameCache().Find(id);
+  if (identified) {
+    bool found = false;
+    FrameCache::Entry known = TheFrameCache().Find(id, &found);
+    if (found && !known.frame) return known.failure;
+    if (found && known.frame->Serves(cx)) frame = std::move(known.frame);
+  }
   if (!frame) {
     auto decoded = std::make_shared<UprightFrame>();
-    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, decoded.get());
-    if (!status.ok()) return status;
+    bool opened = false;
+    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, cx, cancellation, decoded.get(),
+                                       &opened);
+    if (!status.ok()) {
+      if (identified && Repeats(status)) TheFrameCache().Keep(id, FrameCache::Entry{nullptr, status, opened});
+      return status;
+    }
     frame = decoded;
-    if (identified) TheFrameCache().Keep(id, frame);
+    if (identified) TheFrameCache().Keep(id, FrameCache::Entry{frame, Status::OK(), true});
   }
 
   int width = 0;
