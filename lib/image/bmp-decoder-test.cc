@@ -16,14 +16,8 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 
-void Put16(std::string* s, uint32_t v) {
-  s->push_back(static_cast<char>(v & 0xFF));
-  s->push_back(static_cast<char>((v >> 8) & 0xFF));
-}
-void Put32(std::string* s, uint32_t v) {
-  Put16(s, v & 0xFFFF);
-  Put16(s, v >> 16);
-}
+constexpr auto Put16 = testing::AppendLe16;
+constexpr auto Put32 = testing::AppendLe32;
 
 struct BmpLayout {
   int width = 5;

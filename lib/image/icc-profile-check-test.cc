@@ -12,13 +12,8 @@ namespace tessera {
 namespace image {
 namespace {
 
-void Put32(std::string* s, size_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) (*s)[at + i] = static_cast<char>(v >> (24 - 8 * i));
-}
-void Put16(std::string* s, size_t at, uint16_t v) {
-  (*s)[at] = static_cast<char>(v >> 8);
-  (*s)[at + 1] = static_cast<char>(v);
-}
+constexpr auto Put32 = testing::PutBe32At;
+constexpr auto Put16 = testing::PutBe16At;
 
 // An RGB display profile with one tag, `signature`, holding `body`.
 std::string Profile(const char* signature, const std::string& body, uint32_t tag_count = 1) {

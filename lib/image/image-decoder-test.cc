@@ -70,14 +70,8 @@ TEST(SniffImageFormatTest, RecognisesSignaturesAndRefusesLookAlikes) {
   EXPECT_NE(CreateImageDecoder(ImageFormat::kJpeg), nullptr);
 }
 
-void Put16(std::string* s, uint32_t v) {
-  s->push_back(static_cast<char>(v & 0xFF));
-  s->push_back(static_cast<char>((v >> 8) & 0xFF));
-}
-void Put32(std::string* s, uint32_t v) {
-  Put16(s, v & 0xFFFF);
-  Put16(s, v >> 16);
-}
+constexpr auto Put16 = testing::AppendLe16;
+constexpr auto Put32 = testing::AppendLe32;
 
 // One field of a TIFF directory whose value fits in the field (four bytes
 // at most, little-endian): type 1 (byte), 2 (text), 3 (short) or 4 (long).

@@ -171,14 +171,28 @@ std::string JpegSegment(uint8_t marker, const std::string& body) {
 
 }  // namespace
 
+void AppendLe16(std::string* s, uint32_t v) {
+  s->push_back(static_cast<char>(v & 0xFF));
+  s->push_back(static_cast<char>((v >> 8) & 0xFF));
+}
+
+void AppendLe32(std::string* s, uint32_t v) {
+  AppendLe16(s, v & 0xFFFF);
+  AppendLe16(s, v >> 16);
+}
+
+void PutBe16At(std::string* s, size_t at, uint16_t v) {
+  (*s)[at] = static_cast<char>(v >> 8);
+  (*s)[at + 1] = static_cast<char>(v);
+}
+
+void PutBe32At(std::string* s, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) (*s)[at + i] = static_cast<char>(v >> (24 - 8 * i));
+}
+
 std::string MultiProcessIccProfile(uint32_t elements) {
-  auto put32 = [](std::string* s, size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) (*s)[at + i] = static_cast<char>(v >> (24 - 8 * i));
-  };
-  auto put16 = [](std::string* s, size_t at, uint16_t v) {
-    (*s)[at] = static_cast<char>(v >> 8);
-    (*s)[at + 1] = static_cast<char>(v);
-  };
+  const auto put32 = PutBe32At;
+  const auto put16 = PutBe16At;
   std::string tag(16 + size_t{8} * elements, '\0');
   tag.replace(0, 4, "mpet");
   put16(&tag, 8, 3);

@@ -36,6 +36,13 @@ std::string EncodeJpeg(const RgbImage& image, const JpegOptions& options = JpegO
 // Adobe applications write them; otherwise as-is and without that segment.
 std::string EncodeCmykJpeg(int width, int height, const uint8_t ink[4], bool adobe_inverted);
 
+// Byte writers for hand-made files: appended little-endian, or written
+// big-endian over the bytes at `at`.
+void AppendLe16(std::string* s, uint32_t v);
+void AppendLe32(std::string* s, uint32_t v);
+void PutBe16At(std::string* s, size_t at, uint16_t v);
+void PutBe32At(std::string* s, size_t at, uint32_t v);
+
 // An RGB display profile whose only tag is a float pipeline (D2B0) of
 // `elements` processing elements, every one of them the same 3 x 3 matrix:
 // a few bytes for each however many there are (and next to nothing once
