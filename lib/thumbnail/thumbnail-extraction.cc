@@ -70,9 +70,14 @@ void CascadeTarget(int width, int height, uint32_t size, int* target_width, int*
   }
 }
 
-Status SaveOutput(const image::Bitmap& bitmap, const std::string& path, bool as_png) {
+// Writes through the file the output was created with, never by opening its
+// path again: a name replaced by a link during the decode leads nowhere.
+Status SaveOutput(const image::Bitmap& bitmap, const utility::TempFile* output, bool as_png) {
   std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
-  return as_png ? image::SavePng(bitmap, path) : image::SaveJpeg(bitmap, path);
+  if (output == nullptr) return Status::InvalidArgument("no output file");
+  const file::OpenFile& file = output->GetFile();
+  return as_png ? image::SavePng(bitmap, file, output->GetPath())
+                : image::SaveJpeg(bitmap, file, output->GetPath());
 }
 
 }  // namespace
@@ -180,8 +185,7 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
     // buffers, so the largest bitmap of a run never meets them in memory.
     source = image::Bitmap();
 
-    const std::string output_path = outputs[i] ? outputs[i]->GetPath() : std::string();
-    status = SaveOutput(target, output_path, as_png);
+    status = SaveOutput(target, outputs[i].get(), as_png);
     if (!status.ok()) {
       LOG_ERROR_AT(152, kComponent, "Failed to save thumbnail as %s '%s', hr = %u", as_png ? "png" : "jpg",
                    utf8_path.c_str(), static_cast<uint32_t>(-ErrorNumber(status)));
