@@ -8,6 +8,7 @@
 #include "lib/image/bitmap.h"
 #include "lib/image/image-encoder.h"
 #include "lib/log/log.h"
+#include "lib/thumbnail/thumbnail-job.h"
 #include "lib/utility/text-conversion.h"
 
 namespace tessera {
@@ -45,6 +46,8 @@ int ErrorNumber(const Status& status) {
       return ENOENT;
     case Status::Code::kIoError:
       return EIO;
+    case Status::Code::kTimeout:
+      return ETIMEDOUT;
     default:
       return ENOMEM;
   }
@@ -74,6 +77,10 @@ void CascadeTarget(int width, int height, uint32_t size, int* target_width, int*
 // path again: a name replaced by a link during the decode leads nowhere.
 Status SaveOutput(const image::Bitmap& bitmap, const utility::TempFile* output, bool as_png) {
   std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
+  // A job whose caller stopped waiting writes nothing more: a later attempt
+  // may have completed this very file, and the report may name it already.
+  const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
+  if (cancellation && cancellation->IsCancelled()) return Status::Timeout("the job was abandoned");
   if (output == nullptr) return Status::InvalidArgument("no output file");
   const file::OpenFile& file = output->GetFile();
   return as_png ? image::SavePng(bitmap, file, output->GetPath())

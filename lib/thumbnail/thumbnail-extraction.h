@@ -39,7 +39,8 @@ class CleanupList {
 // JPEG. Each output is written through the file it holds open
 // (TempFile::GetFile), its path only when it holds none, and fails to save
 // if its path no longer names that file; the caller keeps ownership of the
-// files.
+// files. A job that its caller stopped waiting for (CurrentJobCancellation)
+// saves nothing more.
 //
 // Returns true when every output was written; false after exactly one ERROR
 // line under "thumbnail_debug" on the first failure, leaving the outputs

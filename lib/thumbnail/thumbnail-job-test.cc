@@ -113,6 +113,24 @@ TEST_F(JobTest, BlockedExtractionIsAbandonedAtTheTimeLimit) {
   record_->WaitDestroyed(1);
 }
 
+// An abandoned job may be sharing its output with a later attempt that
+// completes it (the video fallback); once abandoned, it writes nothing.
+TEST_F(JobTest, AnAbandonedJobWritesNothingMore) {
+  auto gate = std::make_shared<Gate>();
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [gate] { gate->Wait(); };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  auto output = MakeOutput();
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {output},
+                                 std::chrono::milliseconds(10)));
+  gate->Open();
+  record_->WaitDestroyed(1);  // after its attempt to save
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(0u, std::filesystem::file_size(output->GetPath()));
+}
+
 // Work that polls its job's cancellation stops once nobody waits for it,
 // whether the job's own limit or the run's deadline ended the wait.
 TEST_F(JobTest, AbandonedWorkIsCancelledAtTheJobLimitAndAtTheRunDeadline) {
