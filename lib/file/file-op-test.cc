@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 
+#include "lib/file/unreported-files.h"
 #include "lib/utility/testing/scratch-dir.h"
 
 namespace tessera {
@@ -254,6 +255,9 @@ TEST_F(FileOpTest, RandomNamesAreDistinctAlphabetCharacters) {
   std::string path = "in";
   ASSERT_EQ(FSMktemp(dir_.path(), &path), 0);
   EXPECT_EQ(fs::file_size(path), 0u);
+  // Known to the termination handlers from its creation on.
+  EXPECT_TRUE(IsUnreportedFile(path));
+  ForgetUnreportedFile(path);
   std::string unchanged = "in";
   EXPECT_EQ(FSMktemp(dir_.Path("missing"), &unchanged), -1);
   EXPECT_EQ(unchanged, "in");

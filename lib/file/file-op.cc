@@ -13,6 +13,7 @@
 
 #include "lib/file/file-op.h"
 #include "lib/file/file-op-platform.h"
+#include "lib/file/unreported-files.h"
 #include "lib/log/log.h"
 
 namespace tessera {
@@ -131,6 +132,11 @@ int FSOpenForWriting(const std::string& path, OpenFile* file) {
     errno = EINVAL;
     return -1;
   }
+  ScopedFileCreation creation;
+  if (!creation.allowed()) {
+    errno = EINTR;
+    return -1;
+  }
   int descriptor = -1;
   if (!platform::OpenForWriting(path, &descriptor)) return -1;
   *file = OpenFile(descriptor);
@@ -150,8 +156,14 @@ int FSMktemp(const std::string& prefix, std::string* path, OpenFile* file) {
     LOG_ERROR(kComponent, "FSMktemp failed.");
     return -1;
   }
+  // Known before it exists: from here on a termination removes it. A full
+  // table only costs that protection, not the file.
+  const bool registered = RegisterUnreportedFile(candidate);
   OpenFile opened;
-  if (FSOpenForWriting(candidate, &opened) != 0) return -1;
+  if (FSOpenForWriting(candidate, &opened) != 0) {
+    if (registered) ForgetUnreportedFile(candidate);
+    return -1;
+  }
   *path = candidate;
   if (file != nullptr) *file = std::move(opened);
   return 0;

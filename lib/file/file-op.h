@@ -94,7 +94,9 @@ class OpenFile {
 // one hard link are refused, and nothing is created, emptied or written
 // anywhere else; a FIFO at the path fails at once instead of blocking.
 // 0 with *file holding the open file, or -1 (errno says why; nothing is
-// logged). Thread-safe.
+// logged). A call made after the process began to remove its unreported
+// files on termination (unreported-files.h) creates nothing and fails.
+// Thread-safe.
 int FSOpenForWriting(const std::string& path, OpenFile* file);
 
 // Whether `path` still names the file that `file` holds open: false when the
@@ -107,7 +109,10 @@ bool FSNamesOpenFile(const std::string& path, const OpenFile& file);
 std::string RandomPath(const std::string& prefix);
 
 // Creates (or truncates) a file named RandomPath(prefix), by the rules of
-// FSOpenForWriting. 0 with *path set to it, or -1 with *path unchanged. With
+// FSOpenForWriting. 0 with *path set to it, or -1 with *path unchanged. The
+// path is registered as an unreported file (unreported-files.h) before the
+// file is made, so that a termination signal removes it from then on; the
+// caller forgets it once it has removed the file or handed its name on. With
 // `file`, the file is handed back open (on POSIX) instead of being closed.
 int FSMktemp(const std::string& prefix, std::string* path);
 int FSMktemp(const std::string& prefix, std::string* path, OpenFile* file);

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "lib/file/file-op.h"
+#include "lib/file/unreported-files.h"
 #include "lib/utility/testing/scratch-dir.h"
 
 namespace tessera {
@@ -43,14 +44,20 @@ TEST_F(TempFileTest, CreateOnceRemoveAndDeleteUnlessKept) {
 
     b.Remove();
     EXPECT_FALSE(Exists(kept));
+    EXPECT_FALSE(file::IsUnreportedFile(kept));
     EXPECT_TRUE(b.GetPath().empty());
     EXPECT_FALSE(b.GetFile().is_open());
     ASSERT_EQ(b.Create(), 0);
     kept = b.GetPath();
     b.Keep();
+    EXPECT_TRUE(file::IsUnreportedFile(dropped));
   }
   EXPECT_FALSE(Exists(dropped));
+  EXPECT_FALSE(file::IsUnreportedFile(dropped));
   EXPECT_TRUE(Exists(kept));
+  // Kept is not reported yet: a termination would still remove it.
+  EXPECT_TRUE(file::IsUnreportedFile(kept));
+  file::ForgetUnreportedFile(kept);
 }
 
 TEST_F(TempFileTest, CopiesShareTheFileUntilTheLastGoes) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "lib/file/file-op.h"
+#include "lib/file/unreported-files.h"
 #include "lib/log/log.h"
 
 namespace tessera {
@@ -111,7 +112,12 @@ void TempFile::Remove() {
   LOG_DEBUG(kComponent, "removing TempFile '%s'", path_.c_str());
   file_.reset();
   // A missing file counts as removed; a failure is logged by the file layer.
-  if (!path_.empty()) file::FSRemove(path_);
+  // Forgotten only once it is gone, so that a termination in between still
+  // removes it.
+  if (!path_.empty()) {
+    file::FSRemove(path_);
+    file::ForgetUnreportedFile(path_);
+  }
   ReleaseShare(&state_);
   *state_ = 0;
   path_.clear();

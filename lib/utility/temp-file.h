@@ -7,7 +7,9 @@
 //
 // The file is held open from its creation on (where the platform keeps a
 // handle, file::OpenFile), and writers write through GetFile(): a name
-// replaced by a link while the file is being filled leads nowhere.
+// replaced by a link while the file is being filled leads nowhere. From
+// Create() until Remove() or the report that names it, the path is an
+// unreported file (lib/file/unreported-files.h), removed on termination.
 #ifndef TESSERA_LIB_UTILITY_TEMP_FILE_H_
 #define TESSERA_LIB_UTILITY_TEMP_FILE_H_
 
@@ -37,7 +39,8 @@ class TempFile {
   // Create(), after Remove(), for an adopted file, and on Windows. Valid as
   // long as this object is and is not removed.
   const file::OpenFile& GetFile() const;
-  // The last owner then leaves the file on disk.
+  // The last owner then leaves the file on disk (still unreported: the
+  // registry lets it go when the report naming it is out).
   void Keep() { keep_ = true; }
   // Deletes the file now, closes it and forgets its path.
   void Remove();
