@@ -160,7 +160,7 @@ std::string ReadAll(const std::string& path) {
 
 // Whatever stands at the name beforehand, nothing outside the directory is
 // created, emptied or written, and the call does not block.
-TEST_F(FileOpTest, OpenForWritingRefusesLinksHardLinksAndSpecialFiles) {
+TEST_F(FileOpTest, OpenForWritingRefusesLinksFifosAndDirectories) {
   fs::create_directory(dir_.Path("outside"));
   const std::string precious = dir_.MakeFile("outside/precious", "precious");
   const std::string unborn = dir_.Path("outside/unborn");
