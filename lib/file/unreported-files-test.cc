@@ -62,25 +62,6 @@ TEST(UnreportedFilesTest, SeparatorsCompareAsThePlatformReadsThem) {
 #endif
 }
 
-TEST(UnreportedFilesTest, AFullTableRefusesUntilASlotIsFreed) {
-  // Other tests of this process may hold slots: fill whatever is left.
-  std::vector<std::string> held;
-  while (static_cast<int>(held.size()) <= kMaxUnreportedFiles) {
-    const std::string path = "full/" + std::to_string(held.size());
-    if (!RegisterUnreportedFile(path)) break;
-    held.push_back(path);
-  }
-  ASSERT_FALSE(held.empty());
-  EXPECT_LE(static_cast<int>(held.size()), kMaxUnreportedFiles);
-  EXPECT_FALSE(RegisterUnreportedFile("full/one-more"));
-  ForgetUnreportedFile(held.front());
-  EXPECT_TRUE(RegisterUnreportedFile("full/one-more"));
-  EXPECT_TRUE(IsUnreportedFile("full/one-more"));
-  ForgetUnreportedFile("full/one-more");
-  for (const std::string& path : held) ForgetUnreportedFile(path);
-  EXPECT_FALSE(IsUnreportedFile(held.back()));
-}
-
 TEST(UnreportedFilesTest, ConcurrentRegistrationsNeitherLoseNorMixPaths) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 2000;
