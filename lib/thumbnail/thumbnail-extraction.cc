@@ -79,8 +79,10 @@ Status SaveOutput(const image::Bitmap& bitmap, const utility::TempFile* output, 
   std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
   // A job whose caller stopped waiting writes nothing more: a later attempt
   // may have completed this very file, and the report may name it already.
+  // Asked under the lock, which every later save of the file also takes. A
+  // job merely past its deadline may still be waited for: it saves.
   const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
-  if (cancellation && cancellation->IsCancelled()) return Status::Timeout("the job was abandoned");
+  if (cancellation && cancellation->WasCancelled()) return Status::Timeout("the job was abandoned");
   if (output == nullptr) return Status::InvalidArgument("no output file");
   const file::OpenFile& file = output->GetFile();
   return as_png ? image::SavePng(bitmap, file, output->GetPath())
