@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -42,45 +43,27 @@ void Drain(int out_fd, int err_fd, std::string* out, std::string* err) {
 
 }  // namespace
 
-ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args) {
+StartedProcess::StartedProcess(StartedProcess&& other) noexcept
+    : pid_(other.pid_), out_fd_(other.out_fd_), err_fd_(other.err_fd_) {
+  other.pid_ = other.out_fd_ = other.err_fd_ = -1;
+}
+
+StartedProcess::~StartedProcess() {
+  if (started()) Wait();
+}
+
+bool StartedProcess::Signal(int signal_number) { return started() && kill(pid_, signal_number) == 0; }
+
+ProcessResult StartedProcess::Wait() {
   ProcessResult result;
-  int out_pipe[2];
-  int err_pipe[2];
-  if (pipe2(out_pipe, O_CLOEXEC) != 0) return result;
-  if (pipe2(err_pipe, O_CLOEXEC) != 0) {
-    close(out_pipe[0]);
-    close(out_pipe[1]);
-    return result;
-  }
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], 2);
-
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(program.c_str()));
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-
-  pid_t pid = 0;
-  const int spawned = posix_spawnp(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  if (spawned != 0) {
-    close(out_pipe[0]);
-    close(err_pipe[0]);
-    return result;
-  }
-
-  Drain(out_pipe[0], err_pipe[0], &result.out, &result.err);
+  if (!started()) return result;
+  Drain(out_fd_, err_fd_, &result.out, &result.err);
   int wait_status = 0;
   struct rusage usage = {};
-  while (wait4(pid, &wait_status, 0, &usage) < 0 && errno == EINTR) {
+  while (wait4(pid_, &wait_status, 0, &usage) < 0 && errno == EINTR) {
   }
   result.peak_rss_kib = usage.ru_maxrss;
+  pid_ = out_fd_ = err_fd_ = -1;
   if (WIFEXITED(wait_status)) {
     result.exited = true;
     result.status = WEXITSTATUS(wait_status);
@@ -90,7 +73,61 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
   return result;
 }
 
+StartedProcess StartProcess(const std::string& program, const std::vector<std::string>& args) {
+  StartedProcess process;
+  int out_pipe[2];
+  int err_pipe[2];
+  if (pipe2(out_pipe, O_CLOEXEC) != 0) return process;
+  if (pipe2(err_pipe, O_CLOEXEC) != 0) {
+    close(out_pipe[0]);
+    close(out_pipe[1]);
+    return process;
+  }
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, out_pipe[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, err_pipe[1], 2);
+  // A test runner started in the background may have them ignored, and an
+  // ignored signal would stay ignored in the program.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  for (int signal_number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&defaults, signal_number);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(program.c_str()));
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+
+  pid_t pid = 0;
+  const int spawned = posix_spawnp(&pid, program.c_str(), &actions, &attributes, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  close(out_pipe[1]);
+  close(err_pipe[1]);
+  if (spawned != 0) {
+    close(out_pipe[0]);
+    close(err_pipe[0]);
+    return process;
+  }
+  process.pid_ = pid;
+  process.out_fd_ = out_pipe[0];
+  process.err_fd_ = err_pipe[0];
+  return process;
+}
+
+ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args) {
+  return StartProcess(program, args).Wait();
+}
+
 ProcessResult RunTool(const std::vector<std::string>& args) { return RunProcess(ToolPath(), args); }
+
+StartedProcess StartTool(const std::vector<std::string>& args) { return StartProcess(ToolPath(), args); }
 
 const char* ToolPath() { return TESSERA_TOOL_PATH; }
 

@@ -15,9 +15,18 @@ namespace platform {
 // deleted.
 int DeleteRegularFile(const std::string& path);
 
-// Creates `path` as an empty file, emptying one that is there; whether that
-// worked. Nothing is logged.
-bool CreateEmptyFile(const std::string& path);
+// Creates `path` as an empty file, or empties the regular file that is
+// there, by the rules of FSOpenForWriting; whether that worked (errno says
+// why not). On POSIX *descriptor receives the open descriptor; the Windows
+// layer closes the file again and sets -1. Nothing is logged.
+bool OpenForWriting(const std::string& path, int* descriptor);
+
+// Closes a descriptor that OpenForWriting handed out.
+void CloseDescriptor(int descriptor);
+
+// Whether `path` (not followed if it is a link) is the file open as
+// `descriptor`.
+bool NamesDescriptor(const std::string& path, int descriptor);
 
 }  // namespace platform
 }  // namespace file

@@ -253,12 +253,45 @@ int DeleteRegularFile(const std::string& path) {
   return 0;
 }
 
-bool CreateEmptyFile(const std::string& path) {
+bool OpenForWriting(const std::string& path, int* descriptor) {
+  // O_NOFOLLOW: a link at the name, dangling or not, fails with ELOOP rather
+  // than creating or opening its target. No O_TRUNC: a hard link to a file
+  // elsewhere would be emptied before it could be looked at; the file is
+  // emptied below, once it is known to be ours to empty. O_NONBLOCK: a FIFO
+  // without a reader fails at once (ENXIO) instead of blocking the open.
   // Created with the permissions fopen(..., "w") gives: 0666 less the umask.
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
   if (fd < 0) return false;
-  close(fd);
+  struct stat st;
+  int error = 0;
+  if (fstat(fd, &st) != 0) {
+    error = errno;
+  } else if (!S_ISREG(st.st_mode)) {
+    error = EINVAL;  // a FIFO with a reader, a device
+  } else if (st.st_nlink > 1) {
+    error = EMLINK;  // also reachable from elsewhere
+  } else if (ftruncate(fd, 0) != 0) {
+    error = errno;
+  } else {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) error = errno;
+  }
+  if (error != 0) {
+    close(fd);
+    errno = error;
+    return false;
+  }
+  *descriptor = fd;
   return true;
+}
+
+void CloseDescriptor(int descriptor) { close(descriptor); }
+
+bool NamesDescriptor(const std::string& path, int descriptor) {
+  struct stat named;
+  struct stat held;
+  if (lstat(path.c_str(), &named) != 0 || fstat(descriptor, &held) != 0) return false;
+  return named.st_dev == held.st_dev && named.st_ino == held.st_ino;
 }
 
 }  // namespace platform

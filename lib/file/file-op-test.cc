@@ -3,14 +3,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #ifndef _WIN32
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #endif
 
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <set>
 #include <string>
+#include <utility>
 
+#include "lib/file/unreported-files.h"
 #include "lib/utility/testing/scratch-dir.h"
 
 namespace tessera {
@@ -148,6 +154,75 @@ TEST_F(FileOpTest, RemoveTreeUnlinksLinksWithoutFollowingThem) {
   EXPECT_TRUE(Exists(outside));
 }
 
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Whatever stands at the name beforehand, nothing outside the directory is
+// created, emptied or written, and the call does not block.
+TEST_F(FileOpTest, OpenForWritingRefusesLinksFifosAndDirectories) {
+  fs::create_directory(dir_.Path("outside"));
+  const std::string precious = dir_.MakeFile("outside/precious", "precious");
+  const std::string unborn = dir_.Path("outside/unborn");
+  int reader = -1;  // keeps one FIFO open for reading
+  struct Case {
+    const char* what;
+    std::function<void(const std::string&)> place;
+  };
+  const Case cases[] = {
+      {"symbolic link", [&](const std::string& at) { ASSERT_EQ(symlink(precious.c_str(), at.c_str()), 0); }},
+      {"dangling link", [&](const std::string& at) { ASSERT_EQ(symlink(unborn.c_str(), at.c_str()), 0); }},
+      {"hard link", [&](const std::string& at) { ASSERT_EQ(link(precious.c_str(), at.c_str()), 0); }},
+      {"FIFO", [&](const std::string& at) { ASSERT_EQ(mkfifo(at.c_str(), 0600), 0); }},
+      {"FIFO with a reader",
+       [&](const std::string& at) {
+         ASSERT_EQ(mkfifo(at.c_str(), 0600), 0);
+         reader = open(at.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+         ASSERT_GE(reader, 0);
+       }},
+      {"directory", [&](const std::string& at) { ASSERT_TRUE(fs::create_directory(at)); }},
+  };
+  int i = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string at = dir_.Path("name" + std::to_string(i++));
+    c.place(at);
+    const fs::file_type before = fs::symlink_status(at).type();
+    OpenFile file;
+    EXPECT_EQ(FSOpenForWriting(at, &file), -1);
+    EXPECT_FALSE(file.is_open());
+    EXPECT_EQ(fs::symlink_status(at).type(), before);
+    EXPECT_EQ(ReadAll(precious), "precious");
+    EXPECT_FALSE(Exists(unborn));
+  }
+  if (reader >= 0) close(reader);
+}
+
+// Once open, the file is written through its descriptor: a name swapped for
+// a link afterwards leads nowhere, and FSNamesOpenFile notices the swap.
+TEST_F(FileOpTest, WritesGoToTheOpenedFileWhateverItsNameBecomes) {
+  const std::string precious = dir_.MakeFile("precious", "precious");
+  const std::string name = dir_.MakeFile("output", "old content");
+  OpenFile file;
+  ASSERT_EQ(FSOpenForWriting(name, &file), 0);
+  EXPECT_EQ(fs::file_size(name), 0u);  // emptied, as "w" does
+  EXPECT_TRUE(FSNamesOpenFile(name, file));
+
+  const std::string parked = dir_.Path("parked");
+  ASSERT_EQ(rename(name.c_str(), parked.c_str()), 0);
+  ASSERT_EQ(symlink(precious.c_str(), name.c_str()), 0);
+  EXPECT_EQ(write(file.descriptor(), "x", 1), 1);
+  EXPECT_FALSE(FSNamesOpenFile(name, file));
+  EXPECT_EQ(ReadAll(precious), "precious");
+  EXPECT_EQ(ReadAll(parked), "x");
+
+  OpenFile moved(std::move(file));
+  EXPECT_FALSE(file.is_open());
+  moved.Close();
+  EXPECT_TRUE(FSNamesOpenFile(name, moved));  // nothing held, nothing to compare
+}
+
 #endif  // _WIN32
 
 TEST_F(FileOpTest, RandomNamesAreDistinctAlphabetCharacters) {
@@ -165,6 +240,9 @@ TEST_F(FileOpTest, RandomNamesAreDistinctAlphabetCharacters) {
   std::string path = "in";
   ASSERT_EQ(FSMktemp(dir_.path(), &path), 0);
   EXPECT_EQ(fs::file_size(path), 0u);
+  // Known to the termination handlers from its creation on.
+  EXPECT_TRUE(IsUnreportedFile(path));
+  ForgetUnreportedFile(path);
   std::string unchanged = "in";
   EXPECT_EQ(FSMktemp(dir_.Path("missing"), &unchanged), -1);
   EXPECT_EQ(unchanged, "in");

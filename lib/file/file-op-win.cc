@@ -6,6 +6,7 @@
 // drive or a share is first made absolute with GetFullPathNameW; anchored
 // paths are passed exactly as given.
 #include <windows.h>
+#include <io.h>
 
 #include <cstdio>
 #include <memory>
@@ -299,13 +300,20 @@ int DeleteRegularFile(const std::string& path) {
   return 0;
 }
 
-bool CreateEmptyFile(const std::string& path) {
+bool OpenForWriting(const std::string& path, int* descriptor) {
+  // GDI+ saves to a path, so no handle is kept: the file is made (or
+  // emptied) and closed again.
   std::u16string wide = utility::UTF8ToUTF16(path);
   FILE* file = _wfopen(Wide(wide), L"w");
   if (file == nullptr) return false;
   fclose(file);
+  *descriptor = -1;
   return true;
 }
+
+void CloseDescriptor(int descriptor) { _close(descriptor); }
+
+bool NamesDescriptor(const std::string& /*path*/, int /*descriptor*/) { return true; }
 
 }  // namespace platform
 

@@ -1,15 +1,19 @@
 // The platform-independent parts of the file layer: the long-path form, the
-// text form of a status record, the random-name generator, and removal and
-// temporary files on top of the platform primitives.
+// text form of a status record, the random-name generator, and removal,
+// files opened for writing and temporary files on top of the platform
+// primitives.
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "lib/file/file-op.h"
 #include "lib/file/file-op-platform.h"
+#include "lib/file/unreported-files.h"
 #include "lib/log/log.h"
 
 namespace tessera {
@@ -107,15 +111,61 @@ int FSRemove(const std::string& path) {
   return platform::DeleteRegularFile(path);
 }
 
-int FSMktemp(const std::string& prefix, std::string* path) {
+OpenFile::OpenFile(OpenFile&& other) noexcept : descriptor_(other.descriptor_) { other.descriptor_ = -1; }
+
+OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
+  if (this != &other) {
+    Close();
+    descriptor_ = other.descriptor_;
+    other.descriptor_ = -1;
+  }
+  return *this;
+}
+
+void OpenFile::Close() {
+  if (descriptor_ >= 0) platform::CloseDescriptor(descriptor_);
+  descriptor_ = -1;
+}
+
+int FSOpenForWriting(const std::string& path, OpenFile* file) {
+  if (file == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  ScopedFileCreation creation;
+  if (!creation.allowed()) {
+    errno = EINTR;
+    return -1;
+  }
+  int descriptor = -1;
+  if (!platform::OpenForWriting(path, &descriptor)) return -1;
+  *file = OpenFile(descriptor);
+  return 0;
+}
+
+bool FSNamesOpenFile(const std::string& path, const OpenFile& file) {
+  return !file.is_open() || platform::NamesDescriptor(path, file.descriptor());
+}
+
+int FSMktemp(const std::string& prefix, std::string* path) { return FSMktemp(prefix, path, nullptr); }
+
+int FSMktemp(const std::string& prefix, std::string* path, OpenFile* file) {
   LOG_DEBUG(kComponent, "FSMktemp: prefix [%s], path[%s]", prefix.c_str(), path ? path->c_str() : "");
   std::string candidate = RandomPath(prefix);
   if (candidate.empty() || path == nullptr) {
     LOG_ERROR(kComponent, "FSMktemp failed.");
     return -1;
   }
-  if (!platform::CreateEmptyFile(candidate)) return -1;
+  // Known before it exists: from here on a termination removes it. A full
+  // table only costs that protection, not the file.
+  const bool registered = RegisterUnreportedFile(candidate);
+  OpenFile opened;
+  if (FSOpenForWriting(candidate, &opened) != 0) {
+    if (registered) ForgetUnreportedFile(candidate);
+    return -1;
+  }
   *path = candidate;
+  if (file != nullptr) *file = std::move(opened);
   return 0;
 }
 

@@ -61,13 +61,61 @@ int FSRemove(const std::string& path);
 // be deleted (the walk goes on past failures).
 int RemoveDirectoryRecursive(const std::string& dir);
 
+// A file this process opened for writing and holds on to, so that what is
+// written goes into that very file whatever later happens to its name: a
+// name swapped for a link then leads nowhere. Move-only; the handle is
+// closed when the object goes away. On POSIX it holds the descriptor the
+// file was opened with; the Windows layer keeps none (is_open() is false)
+// and writers there go through the path, the only way its encoders write.
+// Not thread-safe: one owner at a time.
+class OpenFile {
+ public:
+  OpenFile() = default;
+  // Takes `descriptor` over; -1 makes an object that holds nothing.
+  explicit OpenFile(int descriptor) : descriptor_(descriptor) {}
+  OpenFile(OpenFile&& other) noexcept;
+  OpenFile& operator=(OpenFile&& other) noexcept;
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  ~OpenFile() { Close(); }
+
+  bool is_open() const { return descriptor_ >= 0; }
+  // The POSIX descriptor, still owned by this object; -1 when none is held.
+  int descriptor() const { return descriptor_; }
+  void Close();
+
+ private:
+  int descriptor_ = -1;
+};
+
+// Opens `path` for writing, creating it or emptying the regular file that is
+// there (fopen's "w"), but never through a link: a symbolic link at the path
+// (dangling or not), anything but a regular file, and a file with more than
+// one hard link are refused, and nothing is created, emptied or written
+// anywhere else; a FIFO at the path fails at once instead of blocking.
+// 0 with *file holding the open file, or -1 (errno says why; nothing is
+// logged). A call made after the process began to remove its unreported
+// files on termination (unreported-files.h) creates nothing and fails.
+// Thread-safe.
+int FSOpenForWriting(const std::string& path, OpenFile* file);
+
+// Whether `path` still names the file that `file` holds open: false when the
+// name is gone or now names something else, such as a link put in its place.
+// True when nothing is held (there is nothing to compare). Thread-safe.
+bool FSNamesOpenFile(const std::string& path, const OpenFile& file);
+
 // The prefix, "/" and eight random characters of the 64-character name
 // alphabet; touches nothing on disk. Thread-safe.
 std::string RandomPath(const std::string& prefix);
 
-// Creates (or truncates) a file named RandomPath(prefix). 0 with *path set to
-// it, or -1 with *path unchanged.
+// Creates (or truncates) a file named RandomPath(prefix), by the rules of
+// FSOpenForWriting. 0 with *path set to it, or -1 with *path unchanged. The
+// path is registered as an unreported file (unreported-files.h) before the
+// file is made, so that a termination signal removes it from then on; the
+// caller forgets it once it has removed the file or handed its name on. With
+// `file`, the file is handed back open (on POSIX) instead of being closed.
 int FSMktemp(const std::string& prefix, std::string* path);
+int FSMktemp(const std::string& prefix, std::string* path, OpenFile* file);
 
 }  // namespace file
 }  // namespace tessera

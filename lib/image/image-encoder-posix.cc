@@ -1,5 +1,9 @@
-// JPEG through libjpeg-turbo, PNG through libspng.
+// JPEG through libjpeg-turbo, PNG through libspng, written through a
+// descriptor that the file layer opened.
 #include "lib/image/image-encoder.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csetjmp>
@@ -24,13 +28,26 @@ struct FileCloser {
 };
 using ScopedFile = std::unique_ptr<FILE, FileCloser>;
 
-Status OpenForWriting(const std::string& utf8_path, ScopedFile* out) {
-  // "e": O_CLOEXEC, so the descriptor does not leak into child processes.
-  FILE* file = std::fopen(utf8_path.c_str(), "wbe");
-  if (file == nullptr) {
-    return Status::IoError("cannot create '" + utf8_path + "': " + std::strerror(errno));
+Status CannotWrite(const std::string& utf8_path, int error) {
+  return Status::IoError("cannot write '" + utf8_path + "': " + std::strerror(error));
+}
+
+// A stream over a duplicate of the held descriptor, with the file emptied
+// and the stream at its start: a file may be saved into more than once (the
+// video fallback writes the output of a failed first attempt again).
+Status StreamInto(const file::OpenFile& file, const std::string& utf8_path, ScopedFile* out) {
+  const int descriptor = file.descriptor();
+  if (ftruncate(descriptor, 0) != 0 || lseek(descriptor, 0, SEEK_SET) != 0) return CannotWrite(utf8_path, errno);
+  // Close-on-exec, so that the descriptor does not leak into child processes.
+  const int copy = fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) return CannotWrite(utf8_path, errno);
+  FILE* stream = fdopen(copy, "wb");
+  if (stream == nullptr) {
+    const int error = errno;
+    close(copy);
+    return CannotWrite(utf8_path, error);
   }
-  out->reset(file);
+  out->reset(stream);
   return Status::OK();
 }
 
@@ -40,6 +57,30 @@ Status CloseAfterWriting(ScopedFile* file, const std::string& utf8_path) {
   const bool write_failed = std::ferror(file->get()) != 0;
   const int close_result = std::fclose(file->release());
   if (write_failed || close_result != 0) return Status::IoError("cannot write '" + utf8_path + "'");
+  return Status::OK();
+}
+
+// Runs `encode` on a stream into `file`, then checks that the name still
+// leads to what was written.
+template <typename Encode>
+Status SaveInto(const file::OpenFile& file, const std::string& utf8_path, Encode encode) {
+  ScopedFile stream;
+  Status status = StreamInto(file, utf8_path, &stream);
+  if (!status.ok()) return status;
+  status = encode(stream.get());
+  const Status closed = CloseAfterWriting(&stream, utf8_path);
+  if (!status.ok()) return status;
+  if (!closed.ok()) return closed;
+  if (!file::FSNamesOpenFile(utf8_path, file)) {
+    return Status::IoError("'" + utf8_path + "' was replaced while it was written");
+  }
+  return Status::OK();
+}
+
+Status OpenForWriting(const std::string& utf8_path, file::OpenFile* file) {
+  if (file::FSOpenForWriting(utf8_path, file) != 0) {
+    return Status::IoError("cannot create '" + utf8_path + "': " + std::strerror(errno));
+  }
   return Status::OK();
 }
 
@@ -133,30 +174,16 @@ Status SpngError(const char* what, int code) {
   return Status::IoError(std::string("PNG encoding failed in ") + what + ": " + spng_strerror(code));
 }
 
-}  // namespace
-
-Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
-  if (bitmap.empty()) return Status::InvalidArgument("cannot save an empty bitmap");
-  ScopedFile file;
-  Status status = OpenForWriting(utf8_path, &file);
-  if (!status.ok()) return status;
-  {
-    std::unique_ptr<JpegEncoder> encoder(new (std::nothrow) JpegEncoder);
-    if (!encoder) return Status::Internal("out of memory for the JPEG encoder");
-    status = encoder->Encode(bitmap, file.get());
-  }
-  const Status closed = CloseAfterWriting(&file, utf8_path);
-  return status.ok() ? closed : status;
+Status EncodeJpeg(const Bitmap& bitmap, FILE* stream) {
+  std::unique_ptr<JpegEncoder> encoder(new (std::nothrow) JpegEncoder);
+  if (!encoder) return Status::Internal("out of memory for the JPEG encoder");
+  return encoder->Encode(bitmap, stream);
 }
 
-Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
-  if (bitmap.empty()) return Status::InvalidArgument("cannot save an empty bitmap");
-  ScopedFile file;
-  Status status = OpenForWriting(utf8_path, &file);
-  if (!status.ok()) return status;
+Status EncodePng(const Bitmap& bitmap, FILE* stream) {
   SpngPtr ctx(spng_ctx_new(SPNG_CTX_ENCODER));
   if (!ctx) return Status::Internal("out of memory for the PNG encoder");
-  int rc = spng_set_png_file(ctx.get(), file.get());
+  int rc = spng_set_png_file(ctx.get(), stream);
   if (rc != 0) return SpngError("spng_set_png_file", rc);
   spng_ihdr ihdr = {};
   ihdr.width = static_cast<uint32_t>(bitmap.width());
@@ -182,8 +209,36 @@ Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
     // The last row reports the end of the image.
     if (rc != 0 && !(rc == SPNG_EOI && y == bitmap.height() - 1)) return SpngError("spng_encode_row", rc);
   }
-  ctx.reset();
-  return CloseAfterWriting(&file, utf8_path);
+  return Status::OK();
+}
+
+// Saves through `file` when it holds the file open, else opens the path.
+template <typename Encode>
+Status Save(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path, Encode encode) {
+  if (bitmap.empty()) return Status::InvalidArgument("cannot save an empty bitmap");
+  if (file.is_open()) return SaveInto(file, utf8_path, encode);
+  file::OpenFile opened;
+  const Status status = OpenForWriting(utf8_path, &opened);
+  if (!status.ok()) return status;
+  return SaveInto(opened, utf8_path, encode);
+}
+
+}  // namespace
+
+Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
+  return SaveJpeg(bitmap, file::OpenFile(), utf8_path);
+}
+
+Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
+  return SavePng(bitmap, file::OpenFile(), utf8_path);
+}
+
+Status SaveJpeg(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path) {
+  return Save(bitmap, file, utf8_path, [&bitmap](FILE* stream) { return EncodeJpeg(bitmap, stream); });
+}
+
+Status SavePng(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path) {
+  return Save(bitmap, file, utf8_path, [&bitmap](FILE* stream) { return EncodePng(bitmap, stream); });
 }
 
 const std::vector<ImageEncoder>& ImageEncoders() {

@@ -1,5 +1,7 @@
 #include "lib/image/image-encoder.h"
 
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +17,7 @@
 #include <spng.h>
 
 #include "gtest/gtest.h"
+#include "lib/file/file-op.h"
 
 namespace tessera {
 namespace image {
@@ -170,14 +173,54 @@ TEST_F(ImageEncoderTest, FailuresAreReportedNotFatal) {
   const Bitmap bitmap = TwoTone(64, 64);
   EXPECT_EQ(SaveJpeg(bitmap, dir_ + "/no-such-dir/out").code(), Status::Code::kIoError);
   EXPECT_EQ(SavePng(bitmap, dir_ + "/no-such-dir/out").code(), Status::Code::kIoError);
-  // A device that is always full: the write error surfaces through libjpeg's
-  // error handler and through the final flush.
-  if (::access("/dev/full", W_OK) == 0) {
-    EXPECT_FALSE(SaveJpeg(TwoTone(800, 600), "/dev/full").ok());
-    EXPECT_FALSE(SavePng(TwoTone(800, 600), "/dev/full").ok());
-  }
+  // Only regular files are written: not a device, however writable.
+  EXPECT_EQ(SaveJpeg(bitmap, "/dev/null").code(), Status::Code::kIoError);
+  // A disk that fills up: the write error surfaces through libjpeg's error
+  // handler and through the final flush. A small file-size limit makes every
+  // write past it fail the same way.
+  struct rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  void (*saved_handler)(int) = signal(SIGXFSZ, SIG_IGN);
+  struct rlimit small = saved;
+  small.rlim_cur = 1000;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  const Status jpeg = SaveJpeg(TwoTone(800, 600), Path("full.jpg"));
+  const Status png = SavePng(TwoTone(800, 600), Path("full.png"));
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, saved_handler);
+  EXPECT_EQ(jpeg.code(), Status::Code::kIoError);
+  EXPECT_EQ(png.code(), Status::Code::kIoError);
   // The encoder is usable again after a failure.
   EXPECT_TRUE(SaveJpeg(bitmap, Path("after-failure")).ok());
+}
+
+// Into a file held open since its creation: the name may be swapped for a
+// link meanwhile, but nothing is written through it, and the save says that
+// the name no longer leads to what was written.
+TEST_F(ImageEncoderTest, SavesThroughTheOpenFileNeverThroughALinkAtItsName) {
+  const std::string outside = Path("outside");
+  std::ofstream(outside) << "precious";
+  const std::string name = Path("output");
+  const std::string parked = Path("parked");
+  const Bitmap bitmap = TwoTone(40, 30);
+
+  file::OpenFile file;
+  ASSERT_EQ(file::FSOpenForWriting(name, &file), 0);
+  ASSERT_TRUE(SaveJpeg(bitmap, file, name).ok());
+  ASSERT_TRUE(SavePng(bitmap, file, name).ok());  // saved again: emptied first
+  ASSERT_EQ(::link(name.c_str(), parked.c_str()), 0);
+  ASSERT_EQ(::unlink(name.c_str()), 0);
+  ASSERT_EQ(::symlink(outside.c_str(), name.c_str()), 0);
+  EXPECT_EQ(SaveJpeg(bitmap, file, name).code(), Status::Code::kIoError);
+  // A link at the path is not opened either.
+  EXPECT_EQ(SavePng(bitmap, name).code(), Status::Code::kIoError);
+
+  std::ifstream in(outside, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()), "precious");
+  // The refused save still went into the file that was opened.
+  const DecodedJpeg written = DecodeJpeg(parked);
+  EXPECT_EQ(written.width, 40);
+  EXPECT_EQ(written.height, 30);
 }
 
 }  // namespace

@@ -92,6 +92,15 @@ Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
   return Save(bitmap, utf8_path, L"image/png", nullptr);
 }
 
+// GDI+ saves to a path; the file layer keeps no handle on this platform.
+Status SaveJpeg(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::string& utf8_path) {
+  return SaveJpeg(bitmap, utf8_path);
+}
+
+Status SavePng(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::string& utf8_path) {
+  return SavePng(bitmap, utf8_path);
+}
+
 const std::vector<ImageEncoder>& ImageEncoders() {
   // The formats this platform can save, in the order of the GDI+ table.
   static const std::vector<ImageEncoder> encoders = [] {

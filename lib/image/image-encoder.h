@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/file/file-op.h"
 #include "lib/image/bitmap.h"
 #include "lib/utility/status.h"
 
@@ -18,9 +19,21 @@ namespace image {
 
 // Quality 85, optimised Huffman tables, 4:4:4 chroma when the longer side is
 // at most 640 and 4:2:0 above. Writes (creating or truncating) utf8_path; on
-// failure the file may be partly written.
+// failure the file may be partly written. On POSIX the path is opened by
+// file::FSOpenForWriting's rules: a link, a non-regular file or a file with
+// other hard links at the path is refused, never written through.
 Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path);
 Status SavePng(const Bitmap& bitmap, const std::string& utf8_path);
+
+// The same into a file the caller already holds open (a TempFile's): it is
+// emptied and written from its start through `file`, and utf8_path is not
+// opened again, so a name swapped for a link meanwhile leads nowhere. The
+// save then fails (IoError) if utf8_path no longer names that file: a caller
+// that hands the name on must not send anyone elsewhere. When `file` holds
+// nothing (always on Windows, whose encoder writes to a path), utf8_path is
+// written as above. Saves into one file must not overlap.
+Status SaveJpeg(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path);
+Status SavePng(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path);
 
 using SaveFunction = Status (*)(const Bitmap& bitmap, const std::string& utf8_path);
 

@@ -36,8 +36,9 @@ struct VideoFrameInfo {
 // after a clockwise quarter turn for rotation 90, 180 or 270; any other
 // rotation writes the frame as it is. Uses the first encoder of
 // image::ImageEncoders() whose MIME type is exactly "image/jpeg", at its
-// default settings. Throws on failure; a partly written file is left as it is.
-// Returns 0.
+// default settings, which opens the path by its own rules (on POSIX never
+// through a link: image::SaveJpeg). Throws on failure; a partly written file
+// is left as it is. Returns 0.
 int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& frame,
                      const VideoFrameInfo& info);
 

@@ -2,8 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#ifndef _WIN32
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -164,6 +171,53 @@ TEST_F(ExtractionTest, FailedSaveStopsTheCascadeAndKeepsEarlierOutputs) {
   EXPECT_EQ(450, ReadImageSize(outputs[0]->GetPath()).width);
   EXPECT_EQ(300, ReadImageSize(outputs[1]->GetPath()).width);
 }
+
+#ifndef _WIN32
+// Someone who can write into the output directory replaces an output while
+// the source is being decoded. Nothing may be written through what now
+// stands at its name, the save must not hang on it, and the extraction fails
+// rather than leave a name that leads elsewhere.
+TEST_F(ExtractionTest, AnOutputReplacedDuringTheDecodeIsNeverWrittenThrough) {
+  const std::string precious = dir_.Join("precious");
+  std::ofstream(precious) << "precious";
+  struct Case {
+    const char* what;
+    std::function<int(const std::string&)> replace;
+  };
+  const Case cases[] = {
+      {"symbolic link", [&](const std::string& at) { return symlink(precious.c_str(), at.c_str()); }},
+      {"hard link", [&](const std::string& at) { return link(precious.c_str(), at.c_str()); }},
+      {"FIFO", [](const std::string& at) { return mkfifo(at.c_str(), 0600); }},
+      // Someone else's file: the name would then lead to a file they own.
+      {"regular file",
+       [](const std::string& at) {
+         std::ofstream(at) << "theirs";
+         return 0;
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Outputs outputs = MakeOutputs(1);
+    const std::string name = outputs[0]->GetPath();
+    FakeProviderConfig config = Bitmap(64, 48);
+    config.on_get_thumbnail = [&] {
+      ASSERT_EQ(unlink(name.c_str()), 0);
+      ASSERT_EQ(c.replace(name), 0);
+    };
+    EXPECT_FALSE(Extract(config, {32}, outputs));
+    EXPECT_EQ(1, CountOf(log_, "[ERROR]")) << log_;
+    EXPECT_THAT(log_, HasSubstr("Failed to save thumbnail as jpg '/photos/a.jpg'"));
+    std::ifstream in(precious);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()), "precious");
+    if (std::filesystem::is_regular_file(std::filesystem::symlink_status(name))) {
+      std::ifstream theirs(name);
+      const std::string content((std::istreambuf_iterator<char>(theirs)), std::istreambuf_iterator<char>());
+      EXPECT_TRUE(content == "precious" || content == "theirs") << content.size() << " bytes";
+    }
+    unlink(name.c_str());
+  }
+}
+#endif  // _WIN32
 
 TEST_F(ExtractionTest, MissingSizesThrowInvalidVectorSubscript) {
   // An empty list fails after the handler is bound, before any request.

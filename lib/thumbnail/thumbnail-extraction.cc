@@ -8,6 +8,7 @@
 #include "lib/image/bitmap.h"
 #include "lib/image/image-encoder.h"
 #include "lib/log/log.h"
+#include "lib/thumbnail/thumbnail-job.h"
 #include "lib/utility/text-conversion.h"
 
 namespace tessera {
@@ -45,14 +46,27 @@ int ErrorNumber(const Status& status) {
       return ENOENT;
     case Status::Code::kIoError:
       return EIO;
+    case Status::Code::kTimeout:
+      return ETIMEDOUT;
     default:
       return ENOMEM;
   }
 }
 
-Status SaveOutput(const image::Bitmap& bitmap, const std::string& path, bool as_png) {
+// Writes through the file the output was created with, never by opening its
+// path again: a name replaced by a link during the decode leads nowhere.
+Status SaveOutput(const image::Bitmap& bitmap, const utility::TempFile* output, bool as_png) {
   std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
-  return as_png ? image::SavePng(bitmap, path) : image::SaveJpeg(bitmap, path);
+  // A job whose caller stopped waiting writes nothing more: a later attempt
+  // may have completed this very file, and the report may name it already.
+  // Asked under the lock, which every later save of the file also takes. A
+  // job merely past its deadline may still be waited for: it saves.
+  const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
+  if (cancellation && cancellation->WasCancelled()) return Status::Timeout("the job was abandoned");
+  if (output == nullptr) return Status::InvalidArgument("no output file");
+  const file::OpenFile& file = output->GetFile();
+  return as_png ? image::SavePng(bitmap, file, output->GetPath())
+                : image::SaveJpeg(bitmap, file, output->GetPath());
 }
 
 }  // namespace
@@ -161,8 +175,7 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
     // buffers, so the largest bitmap of a run never meets them in memory.
     source = image::Bitmap();
 
-    const std::string output_path = outputs[i] ? outputs[i]->GetPath() : std::string();
-    status = SaveOutput(target, output_path, as_png);
+    status = SaveOutput(target, outputs[i].get(), as_png);
     if (!status.ok()) {
       LOG_ERROR_AT(152, kComponent, "Failed to save thumbnail as %s '%s', hr = %u", as_png ? "png" : "jpg",
                    utf8_path.c_str(), static_cast<uint32_t>(-ErrorNumber(status)));

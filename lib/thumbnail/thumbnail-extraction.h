@@ -36,8 +36,11 @@ class CleanupList {
 // Asks the provider once for a bitmap of longer side 3 * sizes[0] and writes
 // output i as that bitmap reduced so that its shorter side is sizes[i] (never
 // enlarged; output i+1 is reduced from output i). as_png chooses PNG over
-// JPEG. Only the outputs' paths are used; the caller keeps ownership of the
-// files.
+// JPEG. Each output is written through the file it holds open
+// (TempFile::GetFile), its path only when it holds none, and fails to save
+// if its path no longer names that file; the caller keeps ownership of the
+// files. A job that its caller stopped waiting for (CurrentJobCancellation)
+// saves nothing more.
 //
 // Returns true when every output was written; false after exactly one ERROR
 // line under "thumbnail_debug" on the first failure, leaving the outputs

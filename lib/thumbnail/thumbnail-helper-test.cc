@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/file/unreported-files.h"
 #include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/testing/count-of.h"
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
@@ -124,9 +125,14 @@ TEST_F(HelperTest, VideoFallsBackToAnExportedFrame) {
 
   // The provider knows only the frames the generator registered as its own,
   // as the Shell provider on a machine without any thumbnail handler does.
+  // The frame file is also one that a termination would remove.
   FakeProviderConfig config;
-  config.item_result_for = [](const std::u16string& path) {
-    return IsExportedFrame(std::string(path.begin(), path.end())) ? 0 : kProviderNoHandler;
+  auto frame_was_unreported = std::make_shared<bool>(false);
+  config.item_result_for = [frame_was_unreported](const std::u16string& path) {
+    const std::string utf8(path.begin(), path.end());
+    if (!IsExportedFrame(utf8)) return kProviderNoHandler;
+    *frame_was_unreported = file::IsUnreportedFile(utf8);
+    return 0;
   };
   UseProvider(config);
   ThumbnailResult result = Generate(src, 0);
@@ -137,6 +143,11 @@ TEST_F(HelperTest, VideoFallsBackToAnExportedFrame) {
   EXPECT_THAT(frame, ::testing::StartsWith(out_.path() + "/"));
   EXPECT_FALSE(IsExportedFrame(frame));  // forgotten with its file
   EXPECT_FALSE(IsExportedFrame(NormalizeSeparators(src)));
+  EXPECT_TRUE(*frame_was_unreported);
+  EXPECT_FALSE(file::IsUnreportedFile(frame));
+  // The output stays unreported until the report that names it is out.
+  EXPECT_TRUE(file::IsUnreportedFile(result.path()));
+  file::ForgetUnreportedFile(result.path());
 }
 
 TEST_F(HelperTest, AllSizesComeFromOneJobLargestFirst) {

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "lib/file/file-op.h"
+#include "lib/file/unreported-files.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/source-classification.h"
@@ -81,6 +82,9 @@ bool ThumbnailHelper::Refuse(const std::string& extension, ThumbnailError* error
 template <typename RunJob>
 int32_t ThumbnailHelper::RetryFromFrame(int32_t first_result, RunJob run_job) {
   const std::string frame_path = NormalizeSeparators(file::RandomPath(output_dir_) + ".jpg");
+  // Registered before the frame writer creates it, forgotten once it is
+  // gone: a termination in between removes it.
+  const bool registered = file::RegisterUnreportedFile(frame_path);
   int32_t result = first_result;
   try {
     ExportVideoFrame(src_, frame_path);
@@ -90,6 +94,7 @@ int32_t ThumbnailHelper::RetryFromFrame(int32_t first_result, RunJob run_job) {
   }
   UnregisterExportedFrame(frame_path);
   file::FSRemove(frame_path);
+  if (registered) file::ForgetUnreportedFile(frame_path);
   return result;
 }
 

@@ -113,15 +113,40 @@ TEST_F(JobTest, BlockedExtractionIsAbandonedAtTheTimeLimit) {
   record_->WaitDestroyed(1);
 }
 
+// An abandoned job may be sharing its output with a later attempt that
+// completes it (the video fallback); once abandoned, it writes nothing.
+TEST_F(JobTest, AnAbandonedJobWritesNothingMore) {
+  auto gate = std::make_shared<Gate>();
+  FakeProviderConfig config;
+  config.on_get_thumbnail = [gate] { gate->Wait(); };
+  ScopedProviderFactory fake(FakeProviderFactory(config, record_));
+  auto output = MakeOutput();
+
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {output},
+                                 std::chrono::milliseconds(10)));
+  gate->Open();
+  record_->WaitDestroyed(1);  // after its attempt to save
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(0u, std::filesystem::file_size(output->GetPath()));
+}
+
 // Work that polls its job's cancellation stops once nobody waits for it,
-// whether the job's own limit or the run's deadline ended the wait.
+// whether the job's own limit or the run's deadline ended the wait. It waits
+// for the waiter to give up (Cancel), not for the deadline alone: work that
+// ends right at the deadline may still be collected by a waiter that wakes a
+// moment later, and the test would race it.
 TEST_F(JobTest, AbandonedWorkIsCancelledAtTheJobLimitAndAtTheRunDeadline) {
   auto stopped = std::make_shared<std::atomic<int>>(0);
   FakeProviderConfig config;
   config.on_get_thumbnail = [stopped] {
     const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
     ASSERT_TRUE(cancellation);
-    while (!cancellation->IsCancelled()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!cancellation->WasCancelled() && std::chrono::steady_clock::now() < give_up) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_TRUE(cancellation->WasCancelled());
     stopped->fetch_add(1);
   };
   ScopedProviderFactory fake(FakeProviderFactory(config, record_));

@@ -80,6 +80,11 @@ bool HasAbandonedJobs();
 // (all under OutputWriteMutex, so that none is being written or can be
 // written afterwards), and leaves with std::_Exit, running no destructors. If a write does not finish within a few seconds the files are
 // left behind rather than raced. Call from the main thread only.
+//
+// Those files are still unreported files (lib/file/unreported-files.h): a
+// termination signal arriving meanwhile removes the same ones, and neither
+// path touches a file that the report named (an abandoned job writes
+// nothing once abandoned, so nothing rewrites such a file either).
 [[noreturn]] void ExitWithAbandonedJobs(int status);
 
 }  // namespace thumbnail

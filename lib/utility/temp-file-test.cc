@@ -3,9 +3,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 
+#include "lib/file/file-op.h"
+#include "lib/file/unreported-files.h"
 #include "lib/utility/testing/scratch-dir.h"
 
 namespace tessera {
@@ -36,13 +44,20 @@ TEST_F(TempFileTest, CreateOnceRemoveAndDeleteUnlessKept) {
 
     b.Remove();
     EXPECT_FALSE(Exists(kept));
+    EXPECT_FALSE(file::IsUnreportedFile(kept));
     EXPECT_TRUE(b.GetPath().empty());
+    EXPECT_FALSE(b.GetFile().is_open());
     ASSERT_EQ(b.Create(), 0);
     kept = b.GetPath();
     b.Keep();
+    EXPECT_TRUE(file::IsUnreportedFile(dropped));
   }
   EXPECT_FALSE(Exists(dropped));
+  EXPECT_FALSE(file::IsUnreportedFile(dropped));
   EXPECT_TRUE(Exists(kept));
+  // Kept is not reported yet: a termination would still remove it.
+  EXPECT_TRUE(file::IsUnreportedFile(kept));
+  file::ForgetUnreportedFile(kept);
 }
 
 TEST_F(TempFileTest, CopiesShareTheFileUntilTheLastGoes) {
@@ -83,6 +98,41 @@ TEST_F(TempFileTest, CopiesThatLetGoDoNotStrandTheOthers) {
   }
   EXPECT_FALSE(Exists(path));
 }
+
+#ifndef _WIN32
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Someone who can write into the directory swaps the file for a link to a
+// file elsewhere while it is being filled: the writes still land in the file
+// that was created, and its removal takes the name only, never a target.
+TEST_F(TempFileTest, ALinkPutInPlaceOfTheFileIsNeverWrittenThrough) {
+  const std::string precious = dir_.MakeFile("precious", "precious");
+  for (const bool hard : {false, true}) {
+    SCOPED_TRACE(hard ? "hard link" : "symbolic link");
+    std::string path;
+    {
+      TempFile t(dir_.path());
+      ASSERT_EQ(t.Create(), 0);
+      path = t.GetPath();
+      TempFile copy(t);  // copies share the open file
+      EXPECT_EQ(&copy.GetFile(), &t.GetFile());
+      ASSERT_TRUE(t.GetFile().is_open());
+      ASSERT_EQ(unlink(path.c_str()), 0);
+      ASSERT_EQ(hard ? link(precious.c_str(), path.c_str()) : symlink(precious.c_str(), path.c_str()), 0);
+      EXPECT_EQ(write(t.GetFile().descriptor(), "thumbnail", 9), 9);
+      EXPECT_FALSE(file::FSNamesOpenFile(path, t.GetFile()));
+    }
+    EXPECT_EQ(ReadAll(precious), "precious");
+    // A hard link is a name like any other and goes; a symbolic link is left
+    // alone by the file layer, its target untouched either way.
+    EXPECT_EQ(Exists(path), !hard);
+    unlink(path.c_str());
+  }
+}
+#endif  // _WIN32
 
 TEST_F(TempFileTest, DefaultDirectoryAndFailureToCreate) {
   TempFile::SetDefaultTempDir(dir_.path());

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "lib/file/file-op.h"
+#include "lib/file/unreported-files.h"
 #include "lib/log/log.h"
 
 namespace tessera {
@@ -57,6 +58,7 @@ TempFile::TempFile(const TempFile& other) : dir_(other.dir_), path_(other.path_)
   } else {
     state_ = other.state_;
     ++*state_;
+    file_ = other.file_;
   }
 }
 
@@ -68,10 +70,12 @@ TempFile& TempFile::operator=(const TempFile& other) {
   keep_ = other.keep_;
   if (state_ == other.state_) return *this;  // already copies of each other
   ReleaseShare(&state_);
+  file_.reset();
   if (!path_.empty()) {
     delete state_;
     state_ = other.state_;
     ++*state_;
+    file_ = other.file_;
   }
   return *this;
 }
@@ -85,13 +89,20 @@ TempFile::~TempFile() {
   delete state_;
 }
 
+const file::OpenFile& TempFile::GetFile() const {
+  static const file::OpenFile* const kNothing = new file::OpenFile;  // never destroyed: usable during exit
+  return file_ ? *file_ : *kNothing;
+}
+
 int TempFile::Create() {
   if (*state_ != 0) return -1;
-  if (file::FSMktemp(dir_, &path_) < 0) {
+  file::OpenFile opened;
+  if (file::FSMktemp(dir_, &path_, &opened) < 0) {
     LOG_ERROR(kComponent, "failed to create TempFile ...");
     path_.clear();
     return -1;
   }
+  file_ = std::make_shared<file::OpenFile>(std::move(opened));
   *state_ = 1;
   LOG_DEBUG(kComponent, "creating TempFile '%s'", path_.c_str());
   return 0;
@@ -99,8 +110,14 @@ int TempFile::Create() {
 
 void TempFile::Remove() {
   LOG_DEBUG(kComponent, "removing TempFile '%s'", path_.c_str());
+  file_.reset();
   // A missing file counts as removed; a failure is logged by the file layer.
-  if (!path_.empty()) file::FSRemove(path_);
+  // Forgotten only once it is gone, so that a termination in between still
+  // removes it.
+  if (!path_.empty()) {
+    file::FSRemove(path_);
+    file::ForgetUnreportedFile(path_);
+  }
   ReleaseShare(&state_);
   *state_ = 0;
   path_.clear();
@@ -113,6 +130,7 @@ void TempFile::Adopt(const std::string& path) {
   dir_ = DefaultDir();
   path_ = path;
   keep_ = false;
+  file_.reset();
   *state_ = 1;
 }
 

@@ -4,10 +4,19 @@
 // Copies share one ownership count (a heap int): the file goes with the last
 // copy. The count is a plain int, so copies of one object must stay on one
 // thread; share across threads through std::shared_ptr<TempFile>.
+//
+// The file is held open from its creation on (where the platform keeps a
+// handle, file::OpenFile), and writers write through GetFile(): a name
+// replaced by a link while the file is being filled leads nowhere. From
+// Create() until Remove() or the report that names it, the path is an
+// unreported file (lib/file/unreported-files.h), removed on termination.
 #ifndef TESSERA_LIB_UTILITY_TEMP_FILE_H_
 #define TESSERA_LIB_UTILITY_TEMP_FILE_H_
 
+#include <memory>
 #include <string>
+
+#include "lib/file/file-op.h"
 
 namespace tessera {
 namespace utility {
@@ -25,11 +34,18 @@ class TempFile {
   int Create();
   // The file's path; empty before Create() and after Remove().
   const std::string& GetPath() const { return path_; }
-  // The last owner then leaves the file on disk.
+  // The file as Create() opened it, shared by the copies of this object and
+  // closed with the last of them or by Remove(); holds nothing before
+  // Create(), after Remove(), for an adopted file, and on Windows. Valid as
+  // long as this object is and is not removed.
+  const file::OpenFile& GetFile() const;
+  // The last owner then leaves the file on disk (still unreported: the
+  // registry lets it go when the report naming it is out).
   void Keep() { keep_ = true; }
-  // Deletes the file now and forgets its path.
+  // Deletes the file now, closes it and forgets its path.
   void Remove();
   // Takes an existing file over (removing a file this object owned alone).
+  // Nothing is held open for it: writers go through the path.
   void Adopt(const std::string& path);
 
   static int SetDefaultTempDir(const std::string& dir);
@@ -39,6 +55,7 @@ class TempFile {
   std::string path_;
   int* state_;  // 0 no file, 1 one owner, n >= 2 shared by n copies
   bool keep_ = false;
+  std::shared_ptr<file::OpenFile> file_;  // null when nothing is held
 };
 
 }  // namespace utility

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "lib/argument/argument-parser.h"
+#include "lib/file/unreported-files.h"
 #include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "tool/thumbnail-tool/process-limits.h"
@@ -45,10 +46,22 @@ std::string MissingValueReason(const tessera::argument::ParseResult& result) {
   return std::string();
 }
 
+// The files the report names are the caller's from the moment it has the
+// report: a termination after that must leave them.
+void HandOverReportedFiles(const Json::Value& report) {
+  if (!report.isObject()) return;
+  for (const std::string& name : report.getMemberNames()) {
+    if (report[name].isString()) tessera::file::ForgetUnreportedFile(report[name].asString());
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   tessera::tool::ApplyProcessLimits();
+  // Before any file is made: a run stopped by SIGTERM, SIGINT or SIGHUP
+  // leaves none of the files it has not reported.
+  tessera::file::RemoveUnreportedFilesOnTermination();
   tessera::argument::ArgumentParser parser;
   tessera::argument::ParseResult parsed;
   RegisterArguments(&parser);
@@ -71,6 +84,8 @@ int main(int argc, char** argv) {
   tessera::thumbnail::SetRunBudget(tessera::thumbnail::kRunBudget);
   const Json::Value report = tessera::tool::BuildReport(src, output_dir);
   std::cout << tessera::tool::ReportText(report) << std::endl;
+  // Flushed by the endl: only a report that went out hands its files over.
+  if (std::cout) HandOverReportedFiles(report);
 
   // A job abandoned at its time limit may still be running: returning would
   // run static destructors under it.
