@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes the benchmark corpus in <dir> with ffmpeg, cjpeg and heif-enc only
-# (and bench/make-icc.py for embedded profiles): the same bytes on every run
-# (seeded noise, bit-exact encoders), so results of different days compare.
+# (and bench/make-icc.py for embedded profiles), seeded so that results of
+# different days compare (ffmpeg's gradient source is the one part that is
+# not bit-exact: its camera-like pictures differ slightly from run to run).
 # Files already there are kept. Writes <dir>/MANIFEST.tsv: name, kind (jpeg,
 # image, video), displayed width, height.
 #
