@@ -9,7 +9,7 @@ out=corpus
 ff() { ffmpeg -hide_banner -loglevel error -y "$@"; }
 src=(-f lavfi -i "testsrc2=size=24x16:rate=5")
 
-mkdir -p "$out"/{argument_parser,level_config,icc,jpeg,png,tiff,gif,bmp,webp,heif,raw,media}
+mkdir -p "$out"/{argument_parser,level_config,icc_profile,jpeg,png,tiff,gif,bmp,webp,heif,raw,media}
 
 printf -- '--output_dir\0out\0--src\0a.jpg' >"$out/argument_parser/tool"
 printf -- '--src=a.jpg\0--output_dir=out\0b.jpg' >"$out/argument_parser/inline"
@@ -21,8 +21,8 @@ printf 'name = "a # b"\nother=\x27x\x27\n\n  # indented\n' >"$out/level_config/q
 printf 'broken line\n' >"$out/level_config/bad"
 
 # Matrix-and-curve RGB profiles, one of each version and curve form.
-python3 ../bench/make-icc.py srgb "$out/icc/srgb-v2-table.icc"
-python3 ../bench/make-icc.py display-p3 "$out/icc/display-p3-v4-parametric.icc"
+python3 ../bench/make-icc.py srgb "$out/icc_profile/srgb-v2-table.icc"
+python3 ../bench/make-icc.py display-p3 "$out/icc_profile/display-p3-v4-parametric.icc"
 
 ff "${src[@]}" -frames:v 1 "$out/jpeg/baseline.jpg"
 ff "${src[@]}" -frames:v 1 -pix_fmt gray "$out/jpeg/gray.jpg"
