@@ -47,8 +47,6 @@ bool LooksLikeHeif(const uint8_t* head, size_t size) {
 
 }  // namespace
 
-Status DecodeCancelledError() { return Status::Timeout("decode cancelled"); }
-
 ImageFormat SniffImageFormat(const uint8_t* head, size_t size) {
   if (head == nullptr) return ImageFormat::kUnknown;
   if (HasAt(head, size, 0, "\xFF\xD8\xFF", 3)) return ImageFormat::kJpeg;

@@ -1,6 +1,7 @@
-// The "too large" status of image-decoder.h. It lives apart from the format
-// dispatch so that a decoder linked into a module on its own (HEIF, RAW)
-// does not drag every other decoder and its library in with it.
+// The "too large" and "cancelled" statuses of image-decoder.h. They live
+// apart from the format dispatch so that a decoder linked into a module on
+// its own (HEIF, RAW, TIFF, GIF, WebP) does not drag every other decoder and
+// its library in with it.
 #include <string>
 
 #include "lib/image/image-decoder.h"
@@ -17,6 +18,8 @@ Status ImageTooLargeError(uint64_t width, uint64_t height) {
   return Status::InvalidArgument(kTooLargePrefix + std::to_string(width) + "x" +
                                  std::to_string(height));
 }
+
+Status DecodeCancelledError() { return Status::Timeout("decode cancelled"); }
 
 bool IsImageTooLarge(const Status& status) {
   return status.code() == Status::Code::kInvalidArgument &&
