@@ -27,6 +27,7 @@
 #include "lib/image/decoders.h"
 #include "lib/image/hdr-tone-map.h"
 #include "lib/image/heif-structure.h"
+#include "lib/image/icc-profile-check.h"
 #include "lib/image/limits.h"
 #include "lib/image/reducing-sink.h"
 
@@ -110,22 +111,23 @@ Chromaticities PrimariesOf(const heif_color_profile_nclx& nclx) {
 
 // The conversion of SDR content to sRGB: from the ICC profile when there is
 // one, else from nclx primaries other than BT.709's (which are sRGB's) or
-// "unspecified"; nullptr when the content is sRGB already.
+// "unspecified"; made once per run (shared), and nullptr or the identity
+// when the content is sRGB already.
 std::shared_ptr<const ColorTransform> SdrTransformFor(heif_image_handle* handle, const heif_color_profile_nclx* nclx) {
-  ColorTransform transform;
   const heif_color_profile_type type = heif_image_handle_get_color_profile_type(handle);
   if (type == heif_color_profile_type_prof || type == heif_color_profile_type_rICC) {
+    // A larger profile would be refused anyway: it is not even read.
     const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
-    if (size == 0 || size > (size_t{16} << 20)) return nullptr;
+    if (size == 0 || size > kMaxIccProfileBytes) return nullptr;
     std::vector<uint8_t> icc(size);
     if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok) return nullptr;
-    transform = ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
-  } else if (nclx != nullptr && nclx->color_primaries != heif_color_primaries_ITU_R_BT_709_5 &&
-             nclx->color_primaries != heif_color_primaries_unspecified) {
-    transform = ColorTransform::FromChromaticities(PrimariesOf(*nclx), PixelLayout::kBgra8);
+    return ColorTransform::SharedFromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
   }
-  if (transform.is_identity()) return nullptr;
-  return std::make_shared<const ColorTransform>(std::move(transform));
+  if (nclx != nullptr && nclx->color_primaries != heif_color_primaries_ITU_R_BT_709_5 &&
+      nclx->color_primaries != heif_color_primaries_unspecified) {
+    return ColorTransform::SharedFromChromaticities(PrimariesOf(*nclx), PixelLayout::kBgra8);
+  }
+  return nullptr;
 }
 
 // The brightest light the content holds, from its light-level or mastering
@@ -275,7 +277,7 @@ class HeifDecoder : public ReducingDecoder {
     if (!WithinDecodeBudget(samples * sample_bytes * 2)) {
       return Status::InvalidArgument("HEIF image too large to decode");
     }
-    if (source->cancelled()) return Status::Timeout("HEIF decode cancelled");
+    if (source->cancelled()) return DecodeCancelledError();
 
     heif_image* raw_image = nullptr;
     if (heif_decode_image(handle, &raw_image, heif_colorspace_RGB, heif_chroma_444, nullptr).code != heif_error_Ok) {
@@ -329,7 +331,7 @@ class HeifDecoder : public ReducingDecoder {
       return Status::Internal("out of memory for a HEIF row");
     }
     for (int y = 0; y < h; ++y) {
-      if (y % kRowsPerPoll == 0 && source->cancelled()) return Status::Timeout("HEIF conversion cancelled");
+      if (y % kRowsPerPoll == 0 && source->cancelled()) return DecodeCancelledError();
       if (!has_alpha) {
         // Opaque rows are converted straight into the sink's buffer.
         uint8_t* opaque = sink.NextRow();

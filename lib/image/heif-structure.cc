@@ -4,6 +4,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "lib/image/image-decoder.h"
+
 namespace tessera {
 namespace image {
 namespace {
@@ -121,7 +123,7 @@ class Walker {
       Box box;
       if (!ReadBox(data_, offset, end, &box)) break;
       if (++boxes_ > kMaxHeifBoxes) return Refuse("boxes", boxes_, kMaxHeifBoxes);
-      if (boxes_ % kPollEvery == 0 && source_.cancelled()) return Status::Timeout("HEIF structure walk cancelled");
+      if (boxes_ % kPollEvery == 0 && source_.cancelled()) return DecodeCancelledError();
       Status status = visit(box);
       if (!status.ok()) return status;
       offset = box.end;
