@@ -57,12 +57,13 @@ int ErrorNumber(const Status& status) {
 // path again: a name replaced by a link during the decode leads nowhere.
 Status SaveOutput(const image::Bitmap& bitmap, const utility::TempFile* output, bool as_png) {
   std::lock_guard<std::timed_mutex> lock(OutputWriteMutex());
-  // A job whose caller stopped waiting writes nothing more: a later attempt
-  // may have completed this very file, and the report may name it already.
-  // Asked under the lock, which every later save of the file also takes. A
-  // job merely past its deadline may still be waited for: it saves.
+  // A job whose caller stopped waiting (its cancellation has no deadline
+  // of its own: it is cancelled exactly then) writes nothing more: a later
+  // attempt may have completed this very file, and the report may name it
+  // already. Asked under the lock, which every later save of the file also
+  // takes.
   const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
-  if (cancellation && cancellation->WasCancelled()) return Status::Timeout("the job was abandoned");
+  if (cancellation && cancellation->IsCancelled()) return Status::Timeout("the job was abandoned");
   if (output == nullptr) return Status::InvalidArgument("no output file");
   const file::OpenFile& file = output->GetFile();
   return as_png ? image::SavePng(bitmap, file, output->GetPath())

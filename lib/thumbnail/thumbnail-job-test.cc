@@ -143,10 +143,10 @@ TEST_F(JobTest, AbandonedWorkIsCancelledAtTheJobLimitAndAtTheRunDeadline) {
     const std::shared_ptr<const utility::Cancellation> cancellation = CurrentJobCancellation();
     ASSERT_TRUE(cancellation);
     const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!cancellation->WasCancelled() && std::chrono::steady_clock::now() < give_up) {
+    while (!cancellation->IsCancelled() && std::chrono::steady_clock::now() < give_up) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_TRUE(cancellation->WasCancelled());
+    EXPECT_TRUE(cancellation->IsCancelled());
     stopped->fetch_add(1);
   };
   ScopedProviderFactory fake(FakeProviderFactory(config, record_));

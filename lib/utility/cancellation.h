@@ -31,12 +31,6 @@ class Cancellation {
     return cancelled_.load(std::memory_order_relaxed) || Clock::now() >= deadline_;
   }
 
-  // Whether Cancel() was called, whatever the deadline: for a job, that its
-  // caller has stopped waiting for it.
-  bool WasCancelled() const { return cancelled_.load(std::memory_order_relaxed); }
-
-  Clock::time_point deadline() const { return deadline_; }
-
  private:
   std::atomic<bool> cancelled_{false};
   const Clock::time_point deadline_;
