@@ -70,6 +70,12 @@ cmsUInt32Number LcmsFormatOf(PixelLayout layout) {
   return TYPE_BGRA_8;
 }
 
+// No one-pixel cache, so that one transform may serve several threads at
+// once; alpha passed through where the input has it.
+cmsUInt32Number TransformFlags(PixelLayout layout) {
+  return cmsFLAGS_NOCACHE | (layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0);
+}
+
 size_t BytesPerPixel(PixelLayout layout) {
   switch (layout) {
     case PixelLayout::kBgra8:
@@ -256,10 +262,8 @@ ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLay
       cmsIsIntentSupported(input.get(), INTENT_RELATIVE_COLORIMETRIC, LCMS_USED_AS_INPUT)
           ? INTENT_RELATIVE_COLORIMETRIC
           : INTENT_PERCEPTUAL;
-  // No one-pixel cache: one transform may serve several threads at once.
-  const cmsUInt32Number flags = cmsFLAGS_NOCACHE | (layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0);
   TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout),
-                                               srgb.get(), TYPE_BGRA_8, intent, flags));
+                                               srgb.get(), TYPE_BGRA_8, intent, TransformFlags(layout)));
   if (!transform) return result;
   result.impl_->built_in_cmyk = false;
   if (layout != PixelLayout::kCmyk8 && MovesNoColour(transform.get(), layout)) return result;
@@ -299,10 +303,8 @@ ColorTransform ColorTransform::FromChromaticities(const Chromaticities& space, P
   if (!input) return result;
   ProfilePtr srgb(cmsCreate_sRGBProfileTHR(context.get()));
   if (!srgb) return result;
-  // No one-pixel cache: one transform may serve several threads at once.
-  const cmsUInt32Number flags = cmsFLAGS_NOCACHE | (layout == PixelLayout::kBgra8 ? cmsFLAGS_COPY_ALPHA : 0);
   TransformPtr transform(cmsCreateTransformTHR(context.get(), input.get(), LcmsFormatOf(layout), srgb.get(),
-                                               TYPE_BGRA_8, INTENT_RELATIVE_COLORIMETRIC, flags));
+                                               TYPE_BGRA_8, INTENT_RELATIVE_COLORIMETRIC, TransformFlags(layout)));
   if (!transform) return result;
   result.impl_->context = std::move(context);
   result.impl_->transform = std::move(transform);
