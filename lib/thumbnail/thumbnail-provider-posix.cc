@@ -86,14 +86,6 @@ std::string ContentKey(const std::string& path, const struct stat& before) {
   return path + identity;
 }
 
-// The cx of every request the tool makes of one file, one size after the
-// other, so that a decoder reading the whole image for the first can reduce
-// it to the others on the way.
-std::vector<uint32_t> RunRequests() {
-  std::vector<uint32_t> cx_values;
-  for (ThumbnailSize size : AllSizes()) cx_values.push_back(ProviderRequestEdge(PixelSize(size)));
-  return cx_values;
-}
 
 class PosixThumbnailProvider : public ThumbnailProvider {
  public:
@@ -126,7 +118,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     decoder_ = image::CreateImageDecoder(format);
     if (decoder_) {
       decoder_->SetContentKey(content_key_);
-      decoder_->SetAnticipatedRequests(RunRequests());
+      decoder_->SetAnticipatedRequests(RunRequestEdges());
       // The extraction reduces what it gets to a shorter side of cx / 3:
       // a decoder may hand over that size at once.
       decoder_->SetCallerEdgeDivisor(kProviderRequestFactor);

@@ -15,8 +15,10 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "lib/image/bitmap.h"
+#include "lib/thumbnail/thumbnail-size.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -47,6 +49,15 @@ using ThumbnailProviderFactory = std::function<std::unique_ptr<ThumbnailProvider
 // 3:1 still reaches that size.
 constexpr uint32_t kProviderRequestFactor = 3;
 constexpr uint32_t ProviderRequestEdge(uint32_t size) { return kProviderRequestFactor * size; }
+
+// The cx of every request the tool makes of one file, one size after the
+// other (AllSizes), so that a provider can serve all of them from what it
+// reads for the first.
+inline std::vector<uint32_t> RunRequestEdges() {
+  std::vector<uint32_t> cx_values;
+  for (ThumbnailSize size : AllSizes()) cx_values.push_back(ProviderRequestEdge(PixelSize(size)));
+  return cx_values;
+}
 
 // The platform's provider (one definition per platform).
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider();

@@ -327,9 +327,8 @@ struct UprightFrame {
 
 // The largest cx one run of the tool asks for.
 uint32_t LargestRunRequest() {
-  uint32_t largest = 0;
-  for (ThumbnailSize size : AllSizes()) largest = std::max(largest, ProviderRequestEdge(PixelSize(size)));
-  return largest;
+  const std::vector<uint32_t> run = RunRequestEdges();
+  return *std::max_element(run.begin(), run.end());
 }
 
 // The storage size (before non-square pixels and turning) that a frame of
