@@ -30,8 +30,7 @@ Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
   cx_ = cx;
   int dst_width = 0;
   int dst_height = 0;
-  FitWithin(width_, height_, cx, &dst_width, &dst_height);
-  output_bytes_ = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
+  output_bytes_ = ResultSize(cx, 0, &dst_width, &dst_height);
   reducers_.clear();
   extra_cx_.clear();
   started_ = false;
@@ -49,11 +48,11 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
   if (request.edge_divisor != 0) {
     int dst_width = 0;
     int dst_height = 0;
-    RequestedSize(width_, height_, cx_, request.edge_divisor, &dst_width, &dst_height);
+    const uint64_t bytes = ResultSize(cx_, request.edge_divisor, &dst_width, &dst_height);
     AreaReducer reducer;
     if (!AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) return;
     reducers_[0] = std::move(reducer);
-    output_bytes_ = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
+    output_bytes_ = bytes;
   }
   if (request.key.empty()) return;
   ReductionCache* cache = request.cache != nullptr ? request.cache : &TheReductionCache();
@@ -65,8 +64,7 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     if (cx == 0 || cx == cx_ || cache->Contains(request.key, cx)) continue;
     int dst_width = 0;
     int dst_height = 0;
-    RequestedSize(width_, height_, cx, request.edge_divisor, &dst_width, &dst_height);
-    const uint64_t bytes = uint64_t{static_cast<uint32_t>(dst_width)} * static_cast<uint32_t>(dst_height) * 4;
+    const uint64_t bytes = ResultSize(cx, request.edge_divisor, &dst_width, &dst_height);
     // Sizes only grow from here.
     if (outputs + bytes > kMaxFanOutBytes || !WithinDecodeBudget(planned_bytes + outputs + bytes)) break;
     AreaReducer reducer;
@@ -77,6 +75,11 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
   }
   key_ = request.key;
   cache_ = cache;
+}
+
+uint64_t ReducingSink::ResultSize(uint32_t cx, uint32_t edge_divisor, int* width, int* height) const {
+  RequestedSize(width_, height_, cx, edge_divisor, width, height);
+  return uint64_t{static_cast<uint32_t>(*width)} * static_cast<uint32_t>(*height) * 4;
 }
 
 bool ReducingSink::Started() {

@@ -98,6 +98,8 @@ class ReducingSink {
   Status Finish(int orientation, Bitmap* out);
 
  private:
+  // The size of the result for cx (RequestedSize) and the bytes it takes.
+  uint64_t ResultSize(uint32_t cx, uint32_t edge_divisor, int* width, int* height) const;
   // Starts the reduction on the first row.
   bool Started();
 
