@@ -28,9 +28,6 @@ std::unique_ptr<ImageDecoder> CreateRawDecoder();
 // of the largest DCT reduction whose scaled image still covers
 // need_width x need_height. Scaled sides are rounded up, as the codec does.
 int JpegScaleDenominator(uint32_t width, uint32_t height, int need_width, int need_height);
-// The same for a result that fits cx (FitWithin): the longer side of the
-// scaled image stays at least cx.
-int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx);
 
 }  // namespace image
 }  // namespace tessera

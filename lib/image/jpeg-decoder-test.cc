@@ -8,6 +8,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "lib/image/area-resample.h"
 #include "lib/image/decoders.h"
 #include "lib/image/image-decoder.h"
 #include "lib/image/testing/bitmap-probe.h"
@@ -77,6 +78,15 @@ TEST(JpegDecoderTest, EveryExifOrientationComesOutUpright) {
     EXPECT_LT(top_right.r, 60) << ToString(top_right);
     EXPECT_GT(bottom.g, 240) << ToString(bottom);
   }
+}
+
+// The scale a lone request of cx decodes at: one that still covers the
+// result that fits cx.
+int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
+  int need_width = 0;
+  int need_height = 0;
+  FitWithin(static_cast<int>(width), static_cast<int>(height), cx, &need_width, &need_height);
+  return image::JpegScaleDenominator(width, height, need_width, need_height);
 }
 
 TEST(JpegDecoderTest, ShrinksOnLoadButNeverBelowTheRequestedSize) {

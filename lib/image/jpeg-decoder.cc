@@ -12,7 +12,6 @@
 // jerror.h needs the types of jpeglib.h.
 #include <jerror.h>
 
-#include "lib/image/area-resample.h"
 #include "lib/image/color-profile.h"
 #include "lib/image/decoders.h"
 #include "lib/image/exif-orientation.h"
@@ -368,14 +367,6 @@ int JpegScaleDenominator(uint32_t width, uint32_t height, int need_width, int ne
     }
   }
   return 1;
-}
-
-int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
-  if (!WithinPixelLimits(width, height)) return 1;
-  int need_width = 0;
-  int need_height = 0;
-  FitWithin(static_cast<int>(width), static_cast<int>(height), cx, &need_width, &need_height);
-  return JpegScaleDenominator(width, height, need_width, need_height);
 }
 
 std::unique_ptr<ImageDecoder> CreateJpegDecoder() {
