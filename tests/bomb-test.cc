@@ -32,12 +32,12 @@ namespace {
 using testing::ExpectCleanRun;
 using testing::ProcessResult;
 using testing::PutBe32;
-using testing::PutLe16;
-using testing::PutLe32;
 using testing::RunProcess;
 using testing::RunTool;
 using testing::ZeroPng;
 using thumbnail::testing::ScratchDir;
+constexpr auto PutLe16 = image::testing::AppendLe16;
+constexpr auto PutLe32 = image::testing::AppendLe32;
 
 // Peak resident memory any run may reach.
 constexpr long kMaxRssBytes = long{1} << 30;

@@ -14,14 +14,6 @@ namespace testing {
 inline void PutBe32(std::string* s, uint32_t v) {
   for (int shift = 24; shift >= 0; shift -= 8) s->push_back(static_cast<char>(v >> shift));
 }
-inline void PutLe16(std::string* s, uint32_t v) {
-  s->push_back(static_cast<char>(v));
-  s->push_back(static_cast<char>(v >> 8));
-}
-inline void PutLe32(std::string* s, uint32_t v) {
-  PutLe16(s, v & 0xFFFF);
-  PutLe16(s, v >> 16);
-}
 
 inline std::string PngChunk(const char* type, const std::string& data) {
   std::string chunk;
