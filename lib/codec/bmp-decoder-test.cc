@@ -4,20 +4,21 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/image-fixtures.h"
-#include "lib/image/testing/served-ahead.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/codec/testing/served-ahead.h"
+#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::MeanColor;
 using testing::Rgb;
 
-constexpr auto Put16 = testing::AppendLe16;
-constexpr auto Put32 = testing::AppendLe32;
+constexpr auto Put16 = tessera::testing::AppendLe16;
+constexpr auto Put32 = tessera::testing::AppendLe32;
 
 struct BmpLayout {
   int width = 5;
@@ -93,7 +94,7 @@ void FillPixels(BmpLayout* layout, const std::function<uint32_t(int x, int y)>& 
   }
 }
 
-Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateBmpDecoder()->Decode(source.get(), cx, out);
 }
@@ -106,7 +107,7 @@ void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& 
 
 // Top half red, bottom half blue: shows both the colours and which way up.
 void ExpectRedOverBlue(const BmpLayout& layout, const std::string& what) {
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   const Status status = Decode(Encode(layout), 100, &bitmap);
   ASSERT_TRUE(status.ok()) << what << ": " << status.ToString();
   EXPECT_EQ(bitmap.width(), layout.width) << what;
@@ -175,7 +176,7 @@ TEST(BmpDecoderTest, AlphaIsFlattenedOverWhite) {
   layout.info_size = 124;
   layout.masks = {0x00FF0000, 0x0000FF00, 0x000000FF, 0xFF000000};
   FillPixels(&layout, [](int x, int) { return x < 4 ? 0xFF00FF00u : 0x0000FF00u; });
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(Encode(layout), 8, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 4, 6), 0, 255, 0, "opaque");
   ExpectColor(MeanColor(bitmap, 4, 0, 8, 6), 255, 255, 255, "transparent");
@@ -198,7 +199,7 @@ TEST(BmpDecoderTest, RunLengthEncoded) {
                           3, 0, 0, 0,              //        run 3 x 0, EOL
                           2, 0, 0, 1};             // row 0: run 2 x 0, end of bitmap
   layout.pixels.assign(reinterpret_cast<const char*>(rle8), sizeof(rle8));
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(Encode(layout), 100, &bitmap).ok());
   ASSERT_EQ(bitmap.height(), 4);
   ExpectColor(MeanColor(bitmap, 0, 3, 6, 4), 0, 0, 255, "bottom row");
@@ -225,7 +226,7 @@ TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
   layout.width = 64;
   layout.height = 32;
   FillPixels(&layout, [](int x, int) { return x < 32 ? 0xFF0000u : 0x00FF00u; });
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(Encode(layout), 16, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 16);
   EXPECT_EQ(bitmap.height(), 8);
@@ -289,7 +290,7 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
   layout.palette = {0xFF0000};  // indices past the table
   FillPixels(&layout, [](int x, int) { return x * 50u; });
   const std::string bmp = Encode(layout);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(bmp, 100, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 1, 0, 5, 6), 0, 0, 0, "outside the palette");
   for (size_t n = 0; n < bmp.size(); ++n) Decode(bmp.substr(0, n), 100, &bitmap);
@@ -324,5 +325,5 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

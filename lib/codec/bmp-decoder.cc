@@ -15,13 +15,13 @@
 #include <string>
 #include <vector>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/reducing-sink.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/limits.h"
-#include "lib/image/reducing-sink.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr uint32_t kFileHeaderSize = 14;
@@ -200,7 +200,7 @@ Status ReadHeader(ByteSource* source, Header* h) {
   h->top_down = height < 0;
   h->height = height < 0 ? -height : height;
   if (h->width <= 0 || h->height <= 0) return Status::InvalidArgument("BMP without pixels");
-  if (!WithinPixelLimits(static_cast<uint64_t>(h->width), static_cast<uint64_t>(h->height))) {
+  if (!image::WithinPixelLimits(static_cast<uint64_t>(h->width), static_cast<uint64_t>(h->height))) {
     return ImageTooLargeError(static_cast<uint64_t>(h->width), static_cast<uint64_t>(h->height));
   }
   // OS/2 reuses 3 and 4 for Huffman and RLE24, which nothing writes any more.
@@ -301,7 +301,7 @@ Status ReadHeader(ByteSource* source, Header* h) {
 
 class BmpDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     Header h;
     Status status = ReadHeader(source, &h);
@@ -319,7 +319,7 @@ class BmpDecoder : public ReducingDecoder {
     sink.FanOut(AnticipatedRequests(), stride + row_bytes);
 
     if (!h.icc.empty()) {
-      sink.SetColorTransform(ColorTransform::SharedFromIcc(h.icc.data(), h.icc.size(), PixelLayout::kBgra8));
+      sink.SetColorTransform(color::ColorTransform::SharedFromIcc(h.icc.data(), h.icc.size(), color::PixelLayout::kBgra8));
     }
     auto push = [&](uint8_t* row) { sink.PushStraightRow(row); };
 
@@ -490,7 +490,7 @@ class BmpDecoder : public ReducingDecoder {
   // content key: what it makes of the stream is what this decoder hands
   // out, so the results it keeps for the other sizes are found by TakeKept
   // above, and under that key it only ever sees the same stream.
-  Status DecodeEmbedded(ByteSource* source, const Header& h, uint32_t cx, Bitmap* out) const {
+  Status DecodeEmbedded(ByteSource* source, const Header& h, uint32_t cx, image::Bitmap* out) const {
     if (h.data_offset >= source->size()) return Status::InvalidArgument("BMP without image data");
     uint64_t size = source->size() - h.data_offset;
     if (h.data_size != 0) size = std::min<uint64_t>(size, h.data_size);
@@ -513,5 +513,5 @@ class BmpDecoder : public ReducingDecoder {
 
 std::unique_ptr<ImageDecoder> CreateBmpDecoder() { return std::make_unique<BmpDecoder>(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -1,4 +1,4 @@
-#include "lib/image/byte-source.h"
+#include "lib/codec/byte-source.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 #include <new>
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 Status PosixError(const std::string& context, int error_number) {
@@ -142,5 +142,5 @@ std::unique_ptr<ByteSource> ByteSource::FromMemory(const uint8_t* data, size_t s
   return std::unique_ptr<ByteSource>(new MemorySource(data, size));
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

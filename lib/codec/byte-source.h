@@ -1,8 +1,8 @@
 // Random-access reading of a source's bytes, from a file or from memory, so
 // that decoders (and fuzzers) need not know where the bytes live and large
 // files are never read whole into memory.
-#ifndef TESSERA_LIB_IMAGE_BYTE_SOURCE_H_
-#define TESSERA_LIB_IMAGE_BYTE_SOURCE_H_
+#ifndef TESSERA_LIB_CODEC_BYTE_SOURCE_H_
+#define TESSERA_LIB_CODEC_BYTE_SOURCE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +14,7 @@
 #include "lib/utility/status.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 class ByteSource {
  public:
@@ -59,7 +59,7 @@ class ByteSource {
   std::shared_ptr<const utility::Cancellation> cancellation_;
 };
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_BYTE_SOURCE_H_
+#endif  // TESSERA_LIB_CODEC_BYTE_SOURCE_H_

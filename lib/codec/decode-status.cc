@@ -4,10 +4,10 @@
 // its library in with it.
 #include <string>
 
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr char kTooLargePrefix[] = "declared image size over the limits: ";
@@ -26,5 +26,5 @@ bool IsImageTooLarge(const Status& status) {
          status.message().compare(0, sizeof(kTooLargePrefix) - 1, kTooLargePrefix) == 0;
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

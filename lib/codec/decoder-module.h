@@ -9,16 +9,16 @@
 // and names its module through static members: kKind (log lines), kFileName,
 // kEntryName (the exported C function returning the table) and kAbiVersion,
 // raised whenever the table's layout or meaning changes.
-#ifndef TESSERA_LIB_IMAGE_DECODER_MODULE_H_
-#define TESSERA_LIB_IMAGE_DECODER_MODULE_H_
+#ifndef TESSERA_LIB_CODEC_DECODER_MODULE_H_
+#define TESSERA_LIB_CODEC_DECODER_MODULE_H_
 
 #include <memory>
 
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
 #include "lib/utility/module-loader.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 template <typename Table>
 class DecoderModule {
@@ -43,7 +43,7 @@ class DecoderModule {
   }
 };
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_DECODER_MODULE_H_
+#endif  // TESSERA_LIB_CODEC_DECODER_MODULE_H_

@@ -18,17 +18,17 @@
 // Camera files in a TIFF container still reach the RAW module: the TIFF
 // module links its own copy of the RAW loader (raw-module.h), which finds
 // libtessera-raw.so beside the executable as the tool's copy would.
-#ifndef TESSERA_LIB_IMAGE_DECODER_MODULES_H_
-#define TESSERA_LIB_IMAGE_DECODER_MODULES_H_
+#ifndef TESSERA_LIB_CODEC_DECODER_MODULES_H_
+#define TESSERA_LIB_CODEC_DECODER_MODULES_H_
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 // The table of a module that only makes decoders (decoder-module.h).
 struct DecoderOnlyTable {
@@ -76,7 +76,7 @@ void SetTiffModulePath(const std::string& path);
 void SetWebpModulePath(const std::string& path);
 void SetGifModulePath(const std::string& path);
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_DECODER_MODULES_H_
+#endif  // TESSERA_LIB_CODEC_DECODER_MODULES_H_

@@ -1,19 +1,19 @@
 // Factories of the built-in decoders, one per format, for the dispatch in
-// image-decoder.cc. Internal to lib/image: the provider goes through
+// image-decoder.cc. Internal to lib/codec: the provider goes through
 // CreateImageDecoder().
 //
 // Each factory returns a new decoder (owned by the caller) that holds no
 // state between Decode() calls, or nullptr when the format is not built in.
-#ifndef TESSERA_LIB_IMAGE_DECODERS_H_
-#define TESSERA_LIB_IMAGE_DECODERS_H_
+#ifndef TESSERA_LIB_CODEC_DECODERS_H_
+#define TESSERA_LIB_CODEC_DECODERS_H_
 
 #include <cstdint>
 #include <memory>
 
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 std::unique_ptr<ImageDecoder> CreateJpegDecoder();
 std::unique_ptr<ImageDecoder> CreatePngDecoder();
@@ -29,7 +29,7 @@ std::unique_ptr<ImageDecoder> CreateRawDecoder();
 // need_width x need_height. Scaled sides are rounded up, as the codec does.
 int JpegScaleDenominator(uint32_t width, uint32_t height, int need_width, int need_height);
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_DECODERS_H_
+#endif  // TESSERA_LIB_CODEC_DECODERS_H_

@@ -4,12 +4,12 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/served-ahead.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/served-ahead.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::MeanColor;
@@ -72,7 +72,7 @@ Frame SolidFrame(int left, int top, int width, int height, uint8_t index) {
   return f;
 }
 
-Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateGifDecoder()->Decode(source.get(), cx, out);
 }
@@ -87,7 +87,7 @@ TEST(GifDecoderTest, FirstFrameOnTheLogicalScreen) {
   // A red frame on the right half of a 40x20 screen, then a blue frame that
   // must not show.
   const std::string gif = EncodeGif(40, 20, {SolidFrame(20, 0, 20, 20, 1), SolidFrame(0, 0, 40, 20, 3)});
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(gif, 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 40);
   EXPECT_EQ(bitmap.height(), 20);
@@ -105,7 +105,7 @@ TEST(GifDecoderTest, InterlacedAndTransparent) {
   for (size_t i = 8 * 16; i < f.indices.size(); ++i) f.indices[i] = 0;
   f.interlaced = true;
   f.transparent = 0;
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(EncodeGif(16, 16, {f}), 16, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 16, 8), 0, 255, 0);
   ExpectColor(MeanColor(bitmap, 0, 8, 16, 16), 255, 255, 255);
@@ -124,7 +124,7 @@ TEST(GifDecoderTest, OneDecodeServesTheOtherSizes) {
 
 TEST(GifDecoderTest, HostileInputFailsCleanly) {
   const std::string gif = EncodeGif(30, 30, {SolidFrame(0, 0, 30, 30, 1)});
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   for (size_t n = 0; n < gif.size(); n += 3) Decode(gif.substr(0, n), 30, &bitmap);
   EXPECT_FALSE(Decode(gif.substr(0, 13), 30, &bitmap).ok());  // header only
 
@@ -154,5 +154,5 @@ TEST(GifDecoderTest, HostileInputFailsCleanly) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

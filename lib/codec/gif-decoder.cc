@@ -9,12 +9,12 @@
 #include <memory>
 #include <vector>
 
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/reducing-sink.h"
 #include "lib/image/limits.h"
-#include "lib/image/reducing-sink.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 // Before its first image a GIF holds a few extensions (graphic control,
@@ -95,7 +95,7 @@ Status ReadExtension(GifFileType* gif, int* blocks_left, int* transparent) {
 
 class GifDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     BufferedInput input(source);
     int error = 0;
@@ -128,7 +128,7 @@ class GifDecoder : public ReducingDecoder {
  private:
   // Every size reads the same rows: the sink fans them out to all.
   static Status DecodeFirstImage(GifFileType* gif, ByteSource* source, int transparent, uint32_t cx,
-                                 const FanOutRequest& fan_out, Bitmap* out) {
+                                 const FanOutRequest& fan_out, image::Bitmap* out) {
     const GifImageDesc& desc = gif->Image;
     if (desc.Width <= 0 || desc.Height <= 0) return Status::InvalidArgument("empty GIF image");
     // A screen of zero size (some encoders) takes the image's own size.
@@ -137,7 +137,7 @@ class GifDecoder : public ReducingDecoder {
     ReducingSink sink;
     Status status = sink.Init(screen_width, screen_height, cx);
     if (!status.ok()) return status;
-    if (!WithinPixelLimits(desc.Width, desc.Height)) return ImageTooLargeError(desc.Width, desc.Height);
+    if (!image::WithinPixelLimits(desc.Width, desc.Height)) return ImageTooLargeError(desc.Width, desc.Height);
 
     // Without any colour map, indices are taken as grey levels.
     const ColorMapObject* map = desc.ColorMap != nullptr ? desc.ColorMap : gif->SColorMap;
@@ -241,5 +241,5 @@ class GifDecoder : public ReducingDecoder {
 
 std::unique_ptr<ImageDecoder> CreateGifDecoder() { return std::make_unique<GifDecoder>(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -1,8 +1,8 @@
 // The loadable GIF module's one export: the table of its entry points.
-#include "lib/image/decoder-modules.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
 
-extern "C" __attribute__((visibility("default"))) const tessera::image::GifModuleTable*
+extern "C" __attribute__((visibility("default"))) const tessera::codec::GifModuleTable*
 TesseraGifModuleTable() {
-  return tessera::image::DecoderOnlyTableOf<tessera::image::GifModuleTable, &tessera::image::CreateGifDecoder>();
+  return tessera::codec::DecoderOnlyTableOf<tessera::codec::GifModuleTable, &tessera::codec::CreateGifDecoder>();
 }

@@ -4,16 +4,16 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/hdr-tone-map.h"
-#include "lib/image/heif-structure.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/heif-fixtures.h"
-#include "lib/image/testing/served-ahead.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/heif-structure.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/heif-fixtures.h"
+#include "lib/codec/testing/served-ahead.h"
+#include "lib/color/hdr-tone-map.h"
 #include "lib/utility/cancellation.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::MeanColor;
@@ -23,7 +23,7 @@ using testing::EncodeHeif;
 using testing::HeifFixture;
 using testing::SolidHeif;
 
-Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateHeifDecoder()->Decode(source.get(), cx, out);
 }
@@ -53,7 +53,7 @@ class HeifDecoderTest : public ::testing::Test {
 TEST_F(HeifDecoderTest, RotationBoxIsAppliedOnce) {
   HeifFixture fixture;
   fixture.paint = RedBlue;
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(EncodeHeif(fixture), 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 64);
   EXPECT_EQ(bitmap.height(), 32);
@@ -78,7 +78,7 @@ TEST_F(HeifDecoderTest, ThumbnailOnlyWhenLargeEnough) {
   fixture.paint = SolidHeif(255, 0, 0);
   fixture.thumbnail_paint = SolidHeif(0, 255, 0);
   const std::string heif = EncodeHeif(fixture);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(heif, 24, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 24);
   ExpectColor(MeanColor(bitmap), 0, 255, 0, "thumbnail");
@@ -107,7 +107,7 @@ TEST_F(HeifDecoderTest, WideGamutPrimariesConvertToSrgb) {
   HeifFixture fixture;
   fixture.paint = SolidHeif(stored[0], stored[1], stored[2]);
   fixture.nclx_primaries = 12;
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(EncodeHeif(fixture), 64, &bitmap).ok());
   ExpectColor(MeanColor(bitmap), expected[0], expected[1], expected[2], "P3");
 
@@ -120,7 +120,7 @@ TEST_F(HeifDecoderTest, HostileInputFailsCleanly) {
   HeifFixture fixture;
   fixture.paint = RedBlue;
   const std::string heif = EncodeHeif(fixture);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   for (size_t n = 0; n < heif.size(); n += 7) Decode(heif.substr(0, n), 64, &bitmap);
   EXPECT_FALSE(Decode(heif.substr(0, 40), 64, &bitmap).ok());
 }
@@ -139,12 +139,12 @@ TEST_F(HeifDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
 }
 
 // The sRGB byte the tone mapper makes of one PQ or HLG grey.
-int ToneMapped(HdrTransfer transfer, uint16_t code) {
-  HdrSource source;
+int ToneMapped(color::HdrTransfer transfer, uint16_t code) {
+  color::HdrSource source;
   source.transfer = transfer;
   source.primaries = {{0.64, 0.33}, {0.30, 0.60}, {0.15, 0.06}, {0.3127, 0.3290}};
   uint8_t bgra[4];
-  HdrToneMapper(source).ConvertRow(&code, &code, &code, 1, bgra);
+  color::HdrToneMapper(source).ConvertRow(&code, &code, &code, 1, bgra);
   return bgra[0];
 }
 
@@ -162,21 +162,21 @@ TEST_F(HeifDecoderTest, TenBitStillsAreScaledOrToneMapped) {
       {"SDR, no colour description", 0, 13, 700, 700 * 255.0 / 1023},
       {"SDR BT.709", 1, 1, 300, 300 * 255.0 / 1023},
       // 18% grey and reference white of PQ, reference white of HLG.
-      {"PQ grey", 1, 16, 420, static_cast<double>(ToneMapped(HdrTransfer::kPq, 420))},
-      {"PQ white", 1, 16, 594, static_cast<double>(ToneMapped(HdrTransfer::kPq, 594))},
-      {"HLG white", 1, 18, 767, static_cast<double>(ToneMapped(HdrTransfer::kHlg, 767))},
+      {"PQ grey", 1, 16, 420, static_cast<double>(ToneMapped(color::HdrTransfer::kPq, 420))},
+      {"PQ white", 1, 16, 594, static_cast<double>(ToneMapped(color::HdrTransfer::kPq, 594))},
+      {"HLG white", 1, 18, 767, static_cast<double>(ToneMapped(color::HdrTransfer::kHlg, 767))},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fixture.nclx_primaries = c.primaries;
     fixture.nclx_transfer = c.transfer;
     fixture.paint = SolidHeif(c.code, c.code, c.code);
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     ASSERT_TRUE(Decode(EncodeHeif(fixture), 64, &bitmap).ok());
     ExpectColor(MeanColor(bitmap), c.expected, c.expected, c.expected, c.name);
   }
   // PQ grey is not read as sRGB (which would wash it out to 105).
-  EXPECT_LT(ToneMapped(HdrTransfer::kPq, 420), 125);
+  EXPECT_LT(ToneMapped(color::HdrTransfer::kPq, 420), 125);
 }
 
 testing::CodedTile SolidTile(uint8_t r, uint8_t g, uint8_t b) {
@@ -194,7 +194,7 @@ TEST_F(HeifDecoderTest, GridsDecodeAndTileBombsAreRefusedUndecoded) {
   grid.tile = SolidTile(40, 160, 220);
   grid.rows = 2;
   grid.columns = 3;
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(testing::BuildHeifGrid(grid), 1000, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 192);
   EXPECT_EQ(bitmap.height(), 128);
@@ -214,11 +214,11 @@ TEST_F(HeifDecoderTest, CancelledSourceDecodesNothing) {
   auto cancellation = std::make_shared<utility::Cancellation>();
   cancellation->Cancel();
   source->set_cancellation(cancellation);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   EXPECT_EQ(CreateHeifDecoder()->Decode(source.get(), 64, &bitmap).code(), Status::Code::kTimeout);
   EXPECT_TRUE(bitmap.empty());
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -23,16 +23,16 @@
 #include <string>
 #include <vector>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/decoders.h"
-#include "lib/image/hdr-tone-map.h"
-#include "lib/image/heif-structure.h"
-#include "lib/image/icc-profile-check.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/heif-structure.h"
+#include "lib/codec/reducing-sink.h"
+#include "lib/color/color-profile.h"
+#include "lib/color/hdr-tone-map.h"
+#include "lib/color/icc-profile-check.h"
 #include "lib/image/limits.h"
-#include "lib/image/reducing-sink.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr size_t kMaxHeifFileBytes = size_t{256} << 20;
@@ -102,7 +102,7 @@ NclxPtr NclxOf(const heif_image_handle* handle) {
   return NclxPtr(raw);
 }
 
-Chromaticities PrimariesOf(const heif_color_profile_nclx& nclx) {
+color::Chromaticities PrimariesOf(const heif_color_profile_nclx& nclx) {
   return {{nclx.color_primary_red_x, nclx.color_primary_red_y},
           {nclx.color_primary_green_x, nclx.color_primary_green_y},
           {nclx.color_primary_blue_x, nclx.color_primary_blue_y},
@@ -113,19 +113,19 @@ Chromaticities PrimariesOf(const heif_color_profile_nclx& nclx) {
 // one, else from nclx primaries other than BT.709's (which are sRGB's) or
 // "unspecified"; made once per run (shared), and nullptr or the identity
 // when the content is sRGB already.
-std::shared_ptr<const ColorTransform> SdrTransformFor(heif_image_handle* handle, const heif_color_profile_nclx* nclx) {
+std::shared_ptr<const color::ColorTransform> SdrTransformFor(heif_image_handle* handle, const heif_color_profile_nclx* nclx) {
   const heif_color_profile_type type = heif_image_handle_get_color_profile_type(handle);
   if (type == heif_color_profile_type_prof || type == heif_color_profile_type_rICC) {
     // A larger profile would be refused anyway: it is not even read.
     const size_t size = heif_image_handle_get_raw_color_profile_size(handle);
-    if (size == 0 || size > kMaxIccProfileBytes) return nullptr;
+    if (size == 0 || size > color::kMaxIccProfileBytes) return nullptr;
     std::vector<uint8_t> icc(size);
     if (heif_image_handle_get_raw_color_profile(handle, icc.data()).code != heif_error_Ok) return nullptr;
-    return ColorTransform::SharedFromIcc(icc.data(), icc.size(), PixelLayout::kBgra8);
+    return color::ColorTransform::SharedFromIcc(icc.data(), icc.size(), color::PixelLayout::kBgra8);
   }
   if (nclx != nullptr && nclx->color_primaries != heif_color_primaries_ITU_R_BT_709_5 &&
       nclx->color_primaries != heif_color_primaries_unspecified) {
-    return ColorTransform::SharedFromChromaticities(PrimariesOf(*nclx), PixelLayout::kBgra8);
+    return color::ColorTransform::SharedFromChromaticities(PrimariesOf(*nclx), color::PixelLayout::kBgra8);
   }
   return nullptr;
 }
@@ -185,7 +185,7 @@ std::vector<uint8_t> ByteTable(int depth) {
 // Turns the rows of the decoded planes into BGRA.
 class RowConverter {
  public:
-  RowConverter(const Plane rgb[3], const Plane* alpha, int width, const HdrToneMapper* tone_mapper)
+  RowConverter(const Plane rgb[3], const Plane* alpha, int width, const color::HdrToneMapper* tone_mapper)
       : alpha_(alpha), width_(width), tone_mapper_(tone_mapper) {
     for (int c = 0; c < 3; ++c) rgb_[c] = rgb[c];
     if (rgb_[0].depth != 8 && tone_mapper_ == nullptr) colour_table_ = ByteTable(rgb_[0].depth);
@@ -232,14 +232,14 @@ class RowConverter {
   Plane rgb_[3];
   const Plane* alpha_;
   int width_;
-  const HdrToneMapper* tone_mapper_;
+  const color::HdrToneMapper* tone_mapper_;
   std::vector<uint8_t> colour_table_;
   std::vector<uint8_t> alpha_table_;
 };
 
 class HeifDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     std::string bytes;
     Status status = source->ReadAll(kMaxHeifFileBytes, &bytes);
@@ -265,7 +265,7 @@ class HeifDecoder : public ReducingDecoder {
     HandlePtr primary(raw_handle);
     const int width = heif_image_handle_get_width(primary.get());
     const int height = heif_image_handle_get_height(primary.get());
-    if (width <= 0 || height <= 0 || !WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
+    if (width <= 0 || height <= 0 || !image::WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
 
     const Choice choice = ChooseImage(primary.get(), cx);
     heif_image_handle* handle = choice.thumbnail ? choice.thumbnail.get() : primary.get();
@@ -288,7 +288,7 @@ class HeifDecoder : public ReducingDecoder {
     const int h = heif_image_get_height(image.get(), heif_channel_R);
     // The declared size was checked before decoding; the decoded one may
     // differ.
-    if (w <= 0 || h <= 0 || !WithinPixelLimits(w, h)) return ImageTooLargeError(w, h);
+    if (w <= 0 || h <= 0 || !image::WithinPixelLimits(w, h)) return ImageTooLargeError(w, h);
     Plane rgb[3];
     Plane alpha;
     if (!GetPlane(image.get(), heif_channel_R, w, h, &rgb[0]) ||
@@ -310,13 +310,13 @@ class HeifDecoder : public ReducingDecoder {
     // which thumbnails share.
     NclxPtr nclx = NclxOf(handle);
     if (!nclx && choice.thumbnail) nclx = NclxOf(primary.get());
-    std::unique_ptr<HdrToneMapper> tone_mapper;
-    HdrSource hdr;
-    if (nclx && IsHdrTransfer(nclx->transfer_characteristics, &hdr.transfer)) {
+    std::unique_ptr<color::HdrToneMapper> tone_mapper;
+    color::HdrSource hdr;
+    if (nclx && color::IsHdrTransfer(nclx->transfer_characteristics, &hdr.transfer)) {
       if (nclx->color_primaries != heif_color_primaries_unspecified) hdr.primaries = PrimariesOf(*nclx);
       hdr.bit_depth = rgb[0].depth;
       hdr.peak_nits = PeakNits(image.get());
-      tone_mapper.reset(new (std::nothrow) HdrToneMapper(hdr));
+      tone_mapper.reset(new (std::nothrow) color::HdrToneMapper(hdr));
       if (!tone_mapper) return Status::Internal("out of memory for HEIF tone mapping");
     } else {
       sink.SetColorTransform(SdrTransformFor(primary.get(), nclx.get()));
@@ -367,5 +367,5 @@ class HeifDecoder : public ReducingDecoder {
 
 std::unique_ptr<ImageDecoder> CreateHeifDecoder() { return std::make_unique<HeifDecoder>(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

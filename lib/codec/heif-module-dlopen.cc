@@ -3,12 +3,12 @@
 #include <memory>
 #include <string>
 
-#include "lib/image/decoder-module.h"
-#include "lib/image/decoder-modules.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoder-module.h"
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 using HeifModule = DecoderModule<HeifModuleTable>;
 
@@ -16,5 +16,5 @@ void SetHeifModulePath(const std::string& path) { HeifModule::Loader().SetPath(p
 
 std::unique_ptr<ImageDecoder> CreateHeifDecoder() { return HeifModule::CreateDecoder(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -1,8 +1,8 @@
 // The loadable HEIF module's one export: the table of its entry points.
-#include "lib/image/decoder-modules.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
 
-extern "C" __attribute__((visibility("default"))) const tessera::image::HeifModuleTable*
+extern "C" __attribute__((visibility("default"))) const tessera::codec::HeifModuleTable*
 TesseraHeifModuleTable() {
-  return tessera::image::DecoderOnlyTableOf<tessera::image::HeifModuleTable, &tessera::image::CreateHeifDecoder>();
+  return tessera::codec::DecoderOnlyTableOf<tessera::codec::HeifModuleTable, &tessera::codec::CreateHeifDecoder>();
 }

@@ -1,15 +1,15 @@
-#include "lib/image/heif-structure.h"
+#include "lib/codec/heif-structure.h"
 
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/testing/heif-fixtures.h"
+#include "lib/codec/testing/heif-fixtures.h"
 #include "lib/utility/cancellation.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::BuildHeifGrid;
@@ -118,5 +118,5 @@ TEST(HeifStructureTest, StopsWhenCancelled) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -1,13 +1,13 @@
-#include "lib/image/heif-structure.h"
+#include "lib/codec/heif-structure.h"
 
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr uint32_t FourCc(const char (&s)[5]) {
@@ -382,5 +382,5 @@ Status CheckHeifStructure(const uint8_t* data, size_t size, const ByteSource& so
   return Walker(data, size, source).Run(out);
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

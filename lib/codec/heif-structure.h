@@ -8,18 +8,18 @@
 // the boxes itself, counting without allocating for what it counts, and
 // refuses files beyond what cameras and phones write (a 48-megapixel grid
 // has 100 to 200 tiles) before any of that work starts. Internal to
-// lib/image.
-#ifndef TESSERA_LIB_IMAGE_HEIF_STRUCTURE_H_
-#define TESSERA_LIB_IMAGE_HEIF_STRUCTURE_H_
+// lib/codec.
+#ifndef TESSERA_LIB_CODEC_HEIF_STRUCTURE_H_
+#define TESSERA_LIB_CODEC_HEIF_STRUCTURE_H_
 
 #include <cstddef>
 #include <cstdint>
 
-#include "lib/image/byte-source.h"
+#include "lib/codec/byte-source.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 // Boxes at the top level and inside the meta box, together.
 constexpr uint32_t kMaxHeifBoxes = 1 << 16;
@@ -53,7 +53,7 @@ struct HeifStructure {
 // `out` (may be null) receives the counts on success. Thread-safe.
 Status CheckHeifStructure(const uint8_t* data, size_t size, const ByteSource& source, HeifStructure* out);
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_HEIF_STRUCTURE_H_
+#endif  // TESSERA_LIB_CODEC_HEIF_STRUCTURE_H_

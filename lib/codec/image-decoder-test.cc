@@ -12,13 +12,14 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/byte-source.h"
-#include "lib/image/image-decoder.h"
-#include "lib/image/testing/image-fixtures.h"
+#include "lib/codec/byte-source.h"
+#include "lib/codec/image-decoder.h"
+#include "lib/codec/testing/image-fixtures.h"
 #include "lib/utility/cancellation.h"
+#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 ImageFormat Sniff(const std::string& head) {
@@ -70,8 +71,8 @@ TEST(SniffImageFormatTest, RecognisesSignaturesAndRefusesLookAlikes) {
   EXPECT_NE(CreateImageDecoder(ImageFormat::kJpeg), nullptr);
 }
 
-constexpr auto Put16 = testing::AppendLe16;
-constexpr auto Put32 = testing::AppendLe32;
+constexpr auto Put16 = tessera::testing::AppendLe16;
+constexpr auto Put32 = tessera::testing::AppendLe32;
 
 // One field of a TIFF directory whose value fits in the field (four bytes
 // at most, little-endian): type 1 (byte), 2 (text), 3 (short) or 4 (long).
@@ -178,7 +179,7 @@ TEST(ImageDecoderTest, CancelledSourcesFailInEveryFormat) {
     const std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, sample.bytes.size());
     const ImageFormat format =
         sample.format != ImageFormat::kUnknown ? sample.format : SniffImageFormat(data, sample.bytes.size());
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     const Status status = CreateImageDecoder(format)->Decode(source.get(), 64, &bitmap);
     ASSERT_TRUE(status.ok()) << status.ToString();
 
@@ -187,7 +188,7 @@ TEST(ImageDecoderTest, CancelledSourcesFailInEveryFormat) {
     cancelled->Cancel();
     for (auto cancellation : {cancelled, std::make_shared<utility::Cancellation>(utility::Cancellation::Clock::now())}) {
       source->set_cancellation(cancellation);
-      Bitmap none;
+      image::Bitmap none;
       EXPECT_FALSE(CreateImageDecoder(format)->Decode(source.get(), 64, &none).ok());
       EXPECT_TRUE(none.empty());
     }
@@ -243,5 +244,5 @@ TEST_F(FileSourceTest, ReadsRegularFilesAndRefusesEverythingElseAtOnce) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -1,11 +1,11 @@
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
 
 #include <cstring>
 
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 bool HasAt(const uint8_t* head, size_t size, size_t offset, const char* magic, size_t length) {
@@ -96,5 +96,5 @@ std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format) {
   return nullptr;
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

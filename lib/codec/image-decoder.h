@@ -1,4 +1,11 @@
-// The POSIX decoders behind the thumbnail provider. A decoder is chosen by
+// lib/codec: our own image decoders — the byte source they read
+// (byte-source.h), the choice of a decoder by content and this interface,
+// one decoder per format (JPEG, PNG, TIFF, GIF, BMP, WebP, HEIF, camera RAW),
+// the reducing sink they share, and the loadable modules of the decoders
+// that need a large library (decoder-modules.h, raw-module.h). Namespace
+// tessera::codec; depends on lib/image and lib/color below it.
+//
+// The decoders behind the thumbnail provider. A decoder is chosen by
 // content (magic bytes), never by file name, and produces what the provider
 // hands out: an upright, opaque (alpha flattened over white), 8-bit sRGB BGRA
 // bitmap whose longer side is at most cx and which is never enlarged.
@@ -6,8 +13,8 @@
 // Decoders shrink on load where the format allows and check the declared
 // size against limits.h before allocating. Every failure is a Status, never a
 // crash; *out is untouched on failure.
-#ifndef TESSERA_LIB_IMAGE_IMAGE_DECODER_H_
-#define TESSERA_LIB_IMAGE_IMAGE_DECODER_H_
+#ifndef TESSERA_LIB_CODEC_IMAGE_DECODER_H_
+#define TESSERA_LIB_CODEC_IMAGE_DECODER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -15,12 +22,12 @@
 #include <string>
 #include <vector>
 
+#include "lib/codec/byte-source.h"
 #include "lib/image/bitmap.h"
-#include "lib/image/byte-source.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 enum class ImageFormat {
   kUnknown,
@@ -40,7 +47,7 @@ ImageFormat SniffImageFormat(const uint8_t* head, size_t size);
 class ImageDecoder {
  public:
   virtual ~ImageDecoder() = default;
-  virtual Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) = 0;
+  virtual Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) = 0;
   // Names the content of the sources this decoder will see, for the
   // process-wide cache of results made ahead of their request (see
   // SetAnticipatedRequests). Equal keys must mean equal bytes; empty (the
@@ -76,7 +83,7 @@ bool IsImageTooLarge(const Status& status);
 // (ByteSource::cancelled()): a Timeout status, as the job has run out of time.
 Status DecodeCancelledError();
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_IMAGE_DECODER_H_
+#endif  // TESSERA_LIB_CODEC_IMAGE_DECODER_H_

@@ -8,15 +8,16 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/image-decoder.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/codec/testing/served-ahead.h"
+#include "lib/color/testing/icc-fixtures.h"
 #include "lib/image/area-resample.h"
-#include "lib/image/decoders.h"
-#include "lib/image/image-decoder.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/image-fixtures.h"
-#include "lib/image/testing/served-ahead.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::EncodeCmykJpeg;
@@ -26,7 +27,7 @@ using testing::MeanColor;
 using testing::Rgb;
 using testing::RgbImage;
 
-Status DecodeBytes(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status DecodeBytes(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   auto decoder = CreateJpegDecoder();
   return decoder->Decode(source.get(), cx, out);
@@ -65,7 +66,7 @@ TEST(JpegDecoderTest, EveryExifOrientationComesOutUpright) {
     SCOPED_TRACE("orientation " + std::to_string(orientation));
     JpegOptions options;
     options.exif_orientation = orientation;
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     ASSERT_TRUE(DecodeBytes(EncodeJpeg(StoredForOrientation(orientation), options), 64, &bitmap).ok());
     ASSERT_EQ(bitmap.width(), 64);
     ASSERT_EQ(bitmap.height(), 48);
@@ -85,8 +86,8 @@ TEST(JpegDecoderTest, EveryExifOrientationComesOutUpright) {
 int JpegScaleDenominator(uint32_t width, uint32_t height, uint32_t cx) {
   int need_width = 0;
   int need_height = 0;
-  FitWithin(static_cast<int>(width), static_cast<int>(height), cx, &need_width, &need_height);
-  return image::JpegScaleDenominator(width, height, need_width, need_height);
+  image::FitWithin(static_cast<int>(width), static_cast<int>(height), cx, &need_width, &need_height);
+  return codec::JpegScaleDenominator(width, height, need_width, need_height);
 }
 
 TEST(JpegDecoderTest, ShrinksOnLoadButNeverBelowTheRequestedSize) {
@@ -102,7 +103,7 @@ TEST(JpegDecoderTest, ShrinksOnLoadButNeverBelowTheRequestedSize) {
   // The decoded result has the requested longer side, whatever the scale.
   RgbImage image(403, 300, 30, 160, 90);
   for (uint32_t cx : {50u, 120u, 250u, 403u, 1000u}) {
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     ASSERT_TRUE(DecodeBytes(EncodeJpeg(image), cx, &bitmap).ok());
     EXPECT_EQ(bitmap.width(), static_cast<int>(cx < 403 ? cx : 403)) << cx;
     const Rgb mean = MeanColor(bitmap);
@@ -115,7 +116,7 @@ TEST(JpegDecoderTest, CmykWithAndWithoutAdobeInversion) {
   const uint8_t dark_red[4] = {0, 255, 255, 128};
   for (bool adobe : {false, true}) {
     SCOPED_TRACE(adobe ? "adobe" : "plain");
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     ASSERT_TRUE(DecodeBytes(EncodeCmykJpeg(32, 24, cyan, adobe), 32, &bitmap).ok());
     Rgb mean = MeanColor(bitmap);
     EXPECT_LT(mean.r, 90) << ToString(mean);
@@ -132,7 +133,7 @@ TEST(JpegDecoderTest, CmykWithAndWithoutAdobeInversion) {
 }
 
 TEST(JpegDecoderTest, EmbeddedProfileIsConvertedToSrgb) {
-  const std::string p3 = testing::DisplayP3Profile();
+  const std::string p3 = color::testing::DisplayP3Profile();
   ASSERT_FALSE(p3.empty());
   const uint8_t input[3] = {200, 90, 70};
   // What the colour should become in sRGB.
@@ -149,7 +150,7 @@ TEST(JpegDecoderTest, EmbeddedProfileIsConvertedToSrgb) {
 
   JpegOptions options;
   options.icc = p3;
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(
       DecodeBytes(EncodeJpeg(RgbImage(40, 30, input[0], input[1], input[2]), options), 40, &bitmap)
           .ok());
@@ -174,7 +175,7 @@ TEST(JpegDecoderTest, TruncatedFileStillGivesAPicture) {
     options.progressive = progressive;
     std::string bytes = EncodeJpeg(image, options);
     bytes.resize(bytes.size() / 2);
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     Status status = DecodeBytes(bytes, 64, &bitmap);
     ASSERT_TRUE(status.ok()) << progressive << " " << status.ToString();
     EXPECT_EQ(bitmap.width(), 64);
@@ -205,7 +206,7 @@ TEST(JpegDecoderTest, DataEndingEarlyInATallFileLeavesTheRestGrey) {
     bytes.replace(sof + 5, 2, "\x20\x00", 2);  // 8192 rows instead of 512
     bytes.resize(bytes.size() * 6 / 10);
 
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     Status status = DecodeBytes(bytes, 512, &bitmap);
     ASSERT_TRUE(status.ok()) << status.ToString();
     ASSERT_EQ(bitmap.width(), 32);
@@ -223,7 +224,7 @@ TEST(JpegDecoderTest, DataEndingEarlyInATallFileLeavesTheRestGrey) {
 }
 
 TEST(JpegDecoderTest, RefusesGarbageAndAbsurdSizesCleanly) {
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   EXPECT_FALSE(DecodeBytes(std::string("\xFF\xD8\xFF\xE0garbage", 11), 100, &bitmap).ok());
   EXPECT_FALSE(DecodeBytes(std::string("\xFF\xD8\xFF", 3), 100, &bitmap).ok());
 
@@ -240,7 +241,7 @@ TEST(JpegDecoderTest, RefusesGarbageAndAbsurdSizesCleanly) {
 // A progressive file is read up to a bound on its scans and shown as those
 // scans make it, never refused for having too many.
 TEST(JpegDecoderTest, ScansBeyondTheBoundAreLeftUnread) {
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(DecodeBytes(testing::ManyScanJpeg(64, 700), 64, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 64);
   const Rgb mean = MeanColor(bitmap);
@@ -262,7 +263,7 @@ TEST(JpegDecoderTest, OneDecodeAtTheLargestScaleServesTheWholeRun) {
   baseline.exif_orientation = 8;
   JpegOptions progressive = baseline;
   progressive.progressive = true;
-  progressive.icc = testing::DisplayP3Profile();
+  progressive.icc = color::testing::DisplayP3Profile();
   const std::vector<uint32_t> run = {360, 720, 960, 3840};
   for (const JpegOptions& options : {baseline, progressive}) {
     SCOPED_TRACE(options.progressive ? "progressive" : "baseline");
@@ -270,11 +271,11 @@ TEST(JpegDecoderTest, OneDecodeAtTheLargestScaleServesTheWholeRun) {
               (std::vector<uint32_t>{720, 960, 3840}));
   }
   // A decoder that does not know the run shrinks on load for its own cx.
-  Bitmap alone;
+  image::Bitmap alone;
   ASSERT_TRUE(DecodeBytes(EncodeJpeg(image, baseline), 360, &alone).ok());
   EXPECT_EQ(alone.height(), 360);
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -12,14 +12,14 @@
 // jerror.h needs the types of jpeglib.h.
 #include <jerror.h>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/reducing-sink.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
-#include "lib/image/reducing-sink.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr size_t kInputChunk = 64 * 1024;
@@ -196,7 +196,7 @@ class JpegReader {
     created_ = true;
     cinfo_.src = &src_.pub;
     cinfo_.progress = &progress_.pub;
-    cinfo_.mem->max_memory_to_use = static_cast<long>(kMaxDecodeBytes);
+    cinfo_.mem->max_memory_to_use = static_cast<long>(image::kMaxDecodeBytes);
   }
   void DoReadHeader() {
     jpeg_save_markers(&cinfo_, kExifMarker, 0xFFFF);
@@ -247,7 +247,7 @@ int OrientationFromMarkers(jpeg_decompress_struct* cinfo) {
   for (jpeg_saved_marker_ptr m = cinfo->marker_list; m != nullptr; m = m->next) {
     if (m->marker == kExifMarker && m->data_length >= 6 &&
         std::memcmp(m->data, "Exif\0\0", 6) == 0) {
-      return ExifOrientation(m->data, m->data_length);
+      return image::ExifOrientation(m->data, m->data_length);
     }
   }
   return 1;
@@ -278,31 +278,31 @@ uint64_t EstimateDecodeBytes(const jpeg_decompress_struct& cinfo) {
 // second core. Colour is converted after the reduction.
 class JpegDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     std::unique_ptr<JpegReader> reader(new (std::nothrow) JpegReader(source));
     if (!reader) return Status::Internal("out of memory");
     if (!reader->Create()) return Status::Internal("cannot create a JPEG decompressor");
     if (!reader->ReadHeader()) return Status::InvalidArgument("unreadable JPEG header");
     jpeg_decompress_struct* cinfo = reader->cinfo();
-    if (!WithinPixelLimits(cinfo->image_width, cinfo->image_height)) {
+    if (!image::WithinPixelLimits(cinfo->image_width, cinfo->image_height)) {
       return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
     }
     const uint64_t planned_bytes = EstimateDecodeBytes(*cinfo);
-    if (planned_bytes > kMaxDecodeBytes) return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
+    if (planned_bytes > image::kMaxDecodeBytes) return ImageTooLargeError(cinfo->image_width, cinfo->image_height);
 
     // Rows reach the sink in the layout of the colour transform that
     // follows the reduction: BGRA, CMYK, or gray expanded to BGRA.
-    PixelLayout layout = PixelLayout::kBgra8;
+    color::PixelLayout layout = color::PixelLayout::kBgra8;
     bool invert_cmyk = false;
     if (cinfo->jpeg_color_space == JCS_CMYK || cinfo->jpeg_color_space == JCS_YCCK) {
       cinfo->out_color_space = JCS_CMYK;
-      layout = PixelLayout::kCmyk8;
+      layout = color::PixelLayout::kCmyk8;
       // Adobe applications write CMYK with 0 meaning full ink.
       invert_cmyk = cinfo->saw_Adobe_marker;
     } else {
       // Only a gray profile can describe gray samples.
-      if (cinfo->jpeg_color_space == JCS_GRAYSCALE && reader->icc() != nullptr) layout = PixelLayout::kGrayBgra8;
+      if (cinfo->jpeg_color_space == JCS_GRAYSCALE && reader->icc() != nullptr) layout = color::PixelLayout::kGrayBgra8;
       cinfo->out_color_space = JCS_EXT_BGRA;
     }
     cinfo->scale_num = 1;
@@ -317,7 +317,7 @@ class JpegDecoder : public ReducingDecoder {
     Status status = sink.Init(static_cast<uint64_t>(width), static_cast<uint64_t>(height), cx);
     if (!status.ok()) return status;
     sink.FanOut(AnticipatedRequests(), planned_bytes);
-    sink.SetColorTransform(ColorTransform::SharedFromIcc(reader->icc(), reader->icc_size(), layout));
+    sink.SetColorTransform(color::ColorTransform::SharedFromIcc(reader->icc(), reader->icc_size(), layout));
 
     if (!reader->Start()) return Status::InvalidArgument("corrupt JPEG data");
     const size_t row_bytes = static_cast<size_t>(width) * 4;
@@ -373,5 +373,5 @@ std::unique_ptr<ImageDecoder> CreateJpegDecoder() {
   return std::unique_ptr<ImageDecoder>(new JpegDecoder());
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

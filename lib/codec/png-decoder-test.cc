@@ -1,14 +1,15 @@
 #include <string>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/image-decoder.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/image-fixtures.h"
-#include "lib/image/testing/served-ahead.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/image-decoder.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/codec/testing/served-ahead.h"
+#include "lib/color/testing/icc-fixtures.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::EncodePng;
@@ -16,7 +17,7 @@ using testing::MeanColor;
 using testing::PngImage;
 using testing::Rgb;
 
-Status DecodeBytes(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status DecodeBytes(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreatePngDecoder()->Decode(source.get(), cx, out);
 }
@@ -44,7 +45,7 @@ TEST(PngDecoderTest, TransparencyIsFlattenedOverWhite) {
     SCOPED_TRACE(interlaced ? "interlaced" : "plain");
     const std::string png = EncodePng(HalfTransparent(80, 40, interlaced));
     ASSERT_FALSE(png.empty());
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     ASSERT_TRUE(DecodeBytes(png, 40, &bitmap).ok());
     ASSERT_EQ(bitmap.width(), 40);
     ASSERT_EQ(bitmap.height(), 20);
@@ -68,7 +69,7 @@ TEST(PngDecoderTest, SixteenBitGrayAndPaletteWithTransparency) {
     const uint8_t px[6] = {0xC0, 0x00, 0x80, 0x80, 0x20, 0xFF};
     deep.samples.insert(deep.samples.end(), px, px + 6);
   }
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(DecodeBytes(EncodePng(deep), 8, &bitmap).ok());
   Rgb mean = MeanColor(bitmap);
   EXPECT_NEAR(mean.r, 192, 1);
@@ -108,18 +109,18 @@ TEST(PngDecoderTest, EmbeddedProfileIsApplied) {
   PngImage image;
   image.width = image.height = 4;
   image.color_type = 2;
-  image.icc = testing::DisplayP3Profile();
+  image.icc = color::testing::DisplayP3Profile();
   for (int i = 0; i < 16; ++i) {
     const uint8_t px[3] = {200, 90, 70};
     image.samples.insert(image.samples.end(), px, px + 3);
   }
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(DecodeBytes(EncodePng(image), 4, &bitmap).ok());
   EXPECT_GT(MeanColor(bitmap).r, 200 + 8);
 }
 
 TEST(PngDecoderTest, DecompressionBombFailsBeforeAllocating) {
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   Status status = DecodeBytes(testing::PngDeclaring(50000, 50000), 360, &bitmap);
   EXPECT_TRUE(IsImageTooLarge(status)) << status.ToString();
   status = DecodeBytes(testing::PngDeclaring(1u << 20, 4), 360, &bitmap);
@@ -143,7 +144,7 @@ TEST(PngDecoderTest, TruncatedAndCorruptStreams) {
     image.samples.insert(image.samples.end(), px, px + 3);
   }
   std::string png = EncodePng(image);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   // Header only: nothing to show.
   EXPECT_FALSE(DecodeBytes(png.substr(0, 40), 64, &bitmap).ok());
   EXPECT_FALSE(DecodeBytes(std::string("\x89PNG\r\n\x1A\n", 8), 64, &bitmap).ok());
@@ -165,7 +166,7 @@ TEST(PngDecoderTest, OneDecodeServesTheOtherSizes) {
   PngImage image;
   image.width = 300;
   image.height = 200;
-  image.icc = testing::DisplayP3Profile();
+  image.icc = color::testing::DisplayP3Profile();
   image.idat_size = 4096;
   uint32_t seed = 7;
   for (uint32_t i = 0; i < image.width * image.height * 4; ++i) {
@@ -181,7 +182,7 @@ TEST(PngDecoderTest, OneDecodeServesTheOtherSizes) {
   image.interlaced = false;
   std::string cut = EncodePng(image);
   cut.resize(cut.size() / 2);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(DecodeBytes(cut, 300, &bitmap).ok());
   EXPECT_EQ(bitmap.row(199)[0], 128);
   EXPECT_EQ(testing::ServedAhead(png, cut, {60, 120, 300}), (Sizes{120, 300}));
@@ -189,5 +190,5 @@ TEST(PngDecoderTest, OneDecodeServesTheOtherSizes) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -9,14 +9,14 @@
 
 #include <spng.h>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/reducing-sink.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
-#include "lib/image/reducing-sink.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 // Largest single chunk, and largest total of stored ancillary chunks (text,
@@ -63,15 +63,15 @@ void PushRow(uint8_t* pixels, size_t count, ReducingSink* sink) {
 
 class PngDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     SpngPtr ctx(spng_ctx_new(0));
     if (!ctx) return Status::Internal("cannot create a PNG decoder");
     StreamState state{source, 0};
     // Damaged checksums are common in files that otherwise decode fine.
     spng_set_crc_action(ctx.get(), SPNG_CRC_USE, SPNG_CRC_USE);
-    spng_set_image_limits(ctx.get(), static_cast<uint32_t>(kMaxSide),
-                          static_cast<uint32_t>(kMaxSide));
+    spng_set_image_limits(ctx.get(), static_cast<uint32_t>(image::kMaxSide),
+                          static_cast<uint32_t>(image::kMaxSide));
     spng_set_chunk_limits(ctx.get(), kMaxChunkBytes, kMaxChunkCacheBytes);
     int error = spng_set_png_stream(ctx.get(), ReadStream, &state);
     if (error != 0) return SpngError("PNG stream", error);
@@ -79,7 +79,7 @@ class PngDecoder : public ReducingDecoder {
     spng_ihdr ihdr;
     error = spng_get_ihdr(ctx.get(), &ihdr);
     if (error != 0) return SpngError("PNG header", error);
-    if (!WithinPixelLimits(ihdr.width, ihdr.height)) {
+    if (!image::WithinPixelLimits(ihdr.width, ihdr.height)) {
       return ImageTooLargeError(ihdr.width, ihdr.height);
     }
     const int width = static_cast<int>(ihdr.width);
@@ -88,7 +88,7 @@ class PngDecoder : public ReducingDecoder {
     int orientation = 1;
     spng_exif exif;
     if (spng_get_exif(ctx.get(), &exif) == 0) {
-      orientation = ExifOrientation(reinterpret_cast<const uint8_t*>(exif.data), exif.length);
+      orientation = image::ExifOrientation(reinterpret_cast<const uint8_t*>(exif.data), exif.length);
     }
 
     ReducingSink sink;
@@ -96,8 +96,8 @@ class PngDecoder : public ReducingDecoder {
     if (!status.ok()) return status;
     spng_iccp iccp;
     if (spng_get_iccp(ctx.get(), &iccp) == 0) {
-      sink.SetColorTransform(ColorTransform::SharedFromIcc(reinterpret_cast<const uint8_t*>(iccp.profile),
-                                                           iccp.profile_len, PixelLayout::kBgra8));
+      sink.SetColorTransform(color::ColorTransform::SharedFromIcc(reinterpret_cast<const uint8_t*>(iccp.profile),
+                                                           iccp.profile_len, color::PixelLayout::kBgra8));
     }
 
     const size_t row_bytes = static_cast<size_t>(width) * 4;
@@ -143,7 +143,7 @@ class PngDecoder : public ReducingDecoder {
     size_t size = 0;
     int error = spng_decoded_image_size(ctx, SPNG_FMT_RGBA8, &size);
     if (error != 0) return SpngError("PNG size", error);
-    if (size > kMaxDecodeBytes) return ImageTooLargeError(width, height);
+    if (size > image::kMaxDecodeBytes) return ImageTooLargeError(width, height);
     std::unique_ptr<uint8_t[]> pixels(new (std::nothrow) uint8_t[size]);
     if (!pixels) return Status::Internal("out of memory for an interlaced PNG");
     sink->FanOut(fan_out, size);
@@ -164,5 +164,5 @@ std::unique_ptr<ImageDecoder> CreatePngDecoder() {
   return std::unique_ptr<ImageDecoder>(new PngDecoder());
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

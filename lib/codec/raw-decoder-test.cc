@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/image-fixtures.h"
-#include "lib/image/testing/served-ahead.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/codec/testing/served-ahead.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::MeanColor;
@@ -167,7 +167,7 @@ std::string MakeBayerDng(int width, int height, int preview_width = 0, int previ
   return ReadAndRemove(path);
 }
 
-Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   // A DNG sniffs as TIFF; the TIFF decoder hands it to the RAW path.
   return CreateTiffDecoder()->Decode(source.get(), cx, out);
@@ -176,7 +176,7 @@ Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
 TEST(RawDecoderTest, DngDevelopsUpright) {
   const std::string dng = MakeDng();
   ASSERT_FALSE(dng.empty());
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   const Status status = Decode(dng, 200, &bitmap);
   ASSERT_TRUE(status.ok()) << status.ToString();
   // Turned clockwise: the bright top is now the right half.
@@ -205,7 +205,7 @@ TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
       {"upright", 64, 96, 0, {4, 4, 60, 44}, {4, 52, 60, 92}},
       {"tagged", 96, 64, 6, {36, 4, 60, 92}, {4, 4, 28, 92}},
   };
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     const std::string dng = MakeDngWithPreview(c.width, c.height, c.exif_orientation);
@@ -248,7 +248,7 @@ TEST(RawDecoderTest, OneDevelopServesTheSizesThatDevelopAlike) {
 TEST(RawDecoderTest, RawWithoutImageDataFailsCleanly) {
   const std::string dng = MakeDng();
   ASSERT_GT(dng.size(), 1000u);
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   // The pixel data follows the header: cutting it leaves a RAW that names
   // its size but cannot back it.
   for (size_t n : {size_t{8}, size_t{200}, size_t{700}, dng.size() / 2}) {
@@ -259,5 +259,5 @@ TEST(RawDecoderTest, RawWithoutImageDataFailsCleanly) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -18,16 +18,16 @@
 #include <memory>
 #include <string>
 
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/raw-decoder.h"
+#include "lib/codec/reducing-sink.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
-#include "lib/image/raw-decoder.h"
-#include "lib/image/reducing-sink.h"
 #include "lib/image/transform.h"
 #include "lib/log/log.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr char kLogComponent[] = "thumbnail_debug";
@@ -83,7 +83,7 @@ int JpegExifOrientation(const uint8_t* data, size_t size) {
     const uint8_t* payload = data + pos + 4;
     const size_t payload_size = length - 2;
     if (marker == 0xE1 && payload_size >= 6 && std::memcmp(payload, "Exif\0\0", 6) == 0) {
-      return ExifOrientation(payload, payload_size);
+      return image::ExifOrientation(payload, payload_size);
     }
     pos += 2 + length;
   }
@@ -107,7 +107,7 @@ bool AspectMatches(double a_w, double a_h, double b_w, double b_h) {
 // way, to the sizes of `fan_out` (see ReducingSink::FanOut). Polls the
 // source's cancellation every row.
 Status ReduceMemImage(const libraw_processed_image_t& image, ByteSource* source, uint32_t cx, int orientation,
-                      const FanOutRequest& fan_out, uint64_t planned_bytes, Bitmap* out) {
+                      const FanOutRequest& fan_out, uint64_t planned_bytes, image::Bitmap* out) {
   if (image.bits != 8 || (image.colors != 3 && image.colors != 1)) {
     return Status::NotSupported("RAW image layout");
   }
@@ -177,7 +177,7 @@ FanOutRequest DevelopedAlike(const LibRaw& raw, uint32_t cx, const FanOutRequest
   return alike;
 }
 
-Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, Bitmap* out) {
+Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, image::Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   const libraw_thumbnail_t& thumb = raw->imgdata.thumbnail;
   Status checked = CheckPreview(sizes, thumb, cx);
@@ -190,7 +190,7 @@ Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, Bitmap* out) {
   // Previews are stored as the sensor sees the scene; one already turned
   // (portrait aspect on a landscape sensor) must not be turned again.
   int orientation = FlipToOrientation(sizes.flip);
-  if (OrientationSwapsAxes(orientation) && turned && !same_way) orientation = 1;
+  if (image::OrientationSwapsAxes(orientation) && turned && !same_way) orientation = 1;
 
   if (thumb.tformat == LIBRAW_THUMBNAIL_JPEG) {
     // The preview's own bytes: LibRaw's in-memory copy of a JPEG preview
@@ -204,11 +204,11 @@ Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, Bitmap* out) {
     if (!jpeg) return Status::NotSupported("no JPEG decoder");
     std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, thumb.tlength);
     source->set_cancellation(file->cancellation());
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     Status status = jpeg->Decode(source.get(), cx, &bitmap);
     if (!status.ok()) return status;
     if (orientation != 1) {
-      status = ApplyExifOrientation(orientation, &bitmap);
+      status = image::ApplyExifOrientation(orientation, &bitmap);
       if (!status.ok()) return status;
     }
     *out = std::move(bitmap);
@@ -222,7 +222,7 @@ Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, Bitmap* out) {
 }
 
 Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx, const FanOutRequest& fan_out,
-               Bitmap* out) {
+               image::Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   // Even lossy RAW codecs spend more than a bit per photosite: a file
   // smaller than that has had its image data stripped, and LibRaw would
@@ -254,7 +254,7 @@ Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx,
 
 class RawDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     return DecodeCameraRaw(source, cx, false, AnticipatedRequests(), out);
   }
@@ -263,7 +263,7 @@ class RawDecoder : public ReducingDecoder {
 }  // namespace
 
 Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
-                       Bitmap* out) {
+                       image::Bitmap* out) {
   std::string bytes;
   const uint8_t* data = source->contiguous_data();
   size_t size = static_cast<size_t>(source->size());
@@ -288,7 +288,7 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, con
     return Status::NotSupported("TIFF without RAW data");
   }
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
-  if (!WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {
+  if (!image::WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {
     return ImageTooLargeError(sizes.raw_width, sizes.raw_height);
   }
   Status status = DecodePreview(raw.get(), source, cx, out);
@@ -302,5 +302,5 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, con
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return std::make_unique<RawDecoder>(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

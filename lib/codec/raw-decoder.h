@@ -1,19 +1,19 @@
 // Camera RAW decoding, shared by the RAW decoder and the TIFF decoder (most
-// RAW formats are TIFF-shaped). Internal to lib/image. Defined with LibRaw by
+// RAW formats are TIFF-shaped). Internal to lib/codec. Defined with LibRaw by
 // raw-decoder.cc, or, in the tool, by the RAW module's loader
 // (raw-module.h), which loads LibRaw on the first call.
-#ifndef TESSERA_LIB_IMAGE_RAW_DECODER_H_
-#define TESSERA_LIB_IMAGE_RAW_DECODER_H_
+#ifndef TESSERA_LIB_CODEC_RAW_DECODER_H_
+#define TESSERA_LIB_CODEC_RAW_DECODER_H_
 
 #include <cstdint>
 
+#include "lib/codec/byte-source.h"
+#include "lib/codec/reducing-sink.h"
 #include "lib/image/bitmap.h"
-#include "lib/image/byte-source.h"
-#include "lib/image/reducing-sink.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 // Decodes a camera RAW file as the RAW decoder does: the embedded preview
 // when it is large enough, else a develop (at half size when that is enough);
@@ -28,9 +28,9 @@ namespace image {
 // and the same develop size), and keeps them in fan_out.cache
 // (ReducingSink::FanOut): one develop serves every such request of a run.
 Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
-                       Bitmap* out);
+                       image::Bitmap* out);
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_RAW_DECODER_H_
+#endif  // TESSERA_LIB_CODEC_RAW_DECODER_H_

@@ -3,14 +3,14 @@
 #include <memory>
 #include <string>
 
-#include "lib/image/decoder-module.h"
-#include "lib/image/decoders.h"
-#include "lib/image/raw-decoder.h"
-#include "lib/image/raw-module.h"
-#include "lib/image/reduction-cache.h"
+#include "lib/codec/decoder-module.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/raw-decoder.h"
+#include "lib/codec/raw-module.h"
+#include "lib/codec/reduction-cache.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 using RawModule = DecoderModule<RawModuleTable>;
 
@@ -19,7 +19,7 @@ void SetRawModulePath(const std::string& path) { RawModule::Loader().SetPath(pat
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return RawModule::CreateDecoder(); }
 
 Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
-                       Bitmap* out) {
+                       image::Bitmap* out) {
   const RawModuleTable* module = RawModule::Get();
   if (module == nullptr) return Status::NotSupported("the RAW module is not available");
   // A request without a cache of its own names this copy's.
@@ -28,5 +28,5 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, con
   return module->decode_camera_raw(source, cx, tiff_container, request, out);
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -1,10 +1,10 @@
 // The loadable RAW module's one export: the table of its entry points.
-#include "lib/image/decoders.h"
-#include "lib/image/raw-decoder.h"
-#include "lib/image/raw-module.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/raw-decoder.h"
+#include "lib/codec/raw-module.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 ImageDecoder* CreateDecoder() { return CreateRawDecoder().release(); }
@@ -12,10 +12,10 @@ ImageDecoder* CreateDecoder() { return CreateRawDecoder().release(); }
 const RawModuleTable kTable = {RawModuleTable::kAbiVersion, &CreateDecoder, &DecodeCameraRaw};
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-extern "C" __attribute__((visibility("default"))) const tessera::image::RawModuleTable*
+extern "C" __attribute__((visibility("default"))) const tessera::codec::RawModuleTable*
 TesseraRawModuleTable() {
-  return &tessera::image::kTable;
+  return &tessera::codec::kTable;
 }

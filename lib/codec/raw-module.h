@@ -11,20 +11,20 @@
 // (no decoder: the file is refused cleanly) and DecodeCameraRaw() refuses
 // with NotSupported, so that the TIFF decoder reads a camera file in a TIFF
 // container as the plain TIFF it also is.
-#ifndef TESSERA_LIB_IMAGE_RAW_MODULE_H_
-#define TESSERA_LIB_IMAGE_RAW_MODULE_H_
+#ifndef TESSERA_LIB_CODEC_RAW_MODULE_H_
+#define TESSERA_LIB_CODEC_RAW_MODULE_H_
 
 #include <cstdint>
 #include <string>
 
+#include "lib/codec/byte-source.h"
+#include "lib/codec/image-decoder.h"
+#include "lib/codec/reducing-sink.h"
 #include "lib/image/bitmap.h"
-#include "lib/image/byte-source.h"
-#include "lib/image/image-decoder.h"
-#include "lib/image/reducing-sink.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 // A decoder module's table (decoder-module.h).
 struct RawModuleTable {
@@ -36,16 +36,16 @@ struct RawModuleTable {
   uint32_t abi_version;
   ImageDecoder* (*create_decoder)();
   // DecodeCameraRaw() of raw-decoder.h. The request's cache belongs to
-  // the caller's copy of lib/image.
+  // the caller's copy of lib/codec.
   Status (*decode_camera_raw)(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
-                              Bitmap* out);
+                              image::Bitmap* out);
 };
 
 // Loads the module from `path` instead of from the executable's directory.
 // Only effective before the first RAW decode; not thread-safe against it.
 void SetRawModulePath(const std::string& path);
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_RAW_MODULE_H_
+#endif  // TESSERA_LIB_CODEC_RAW_MODULE_H_

@@ -1,20 +1,20 @@
-#include "lib/image/reducing-sink.h"
+#include "lib/codec/reducing-sink.h"
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "lib/codec/reduction-cache.h"
 #include "lib/image/limits.h"
-#include "lib/image/reduction-cache.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
-Bitmap Filled(int width, int height, uint8_t value) {
-  Bitmap bitmap;
-  EXPECT_TRUE(Bitmap::Create(width, height, &bitmap).ok());
+image::Bitmap Filled(int width, int height, uint8_t value) {
+  image::Bitmap bitmap;
+  EXPECT_TRUE(image::Bitmap::Create(width, height, &bitmap).ok());
   std::fill(bitmap.data(), bitmap.data() + bitmap.byte_size(), value);
   return bitmap;
 }
@@ -23,7 +23,7 @@ TEST(ReductionCacheTest, HandsOutOnceAndOnlyForTheLastKey) {
   ReductionCache cache;
   cache.Keep("a", 360, Filled(3, 2, 7));
   cache.Keep("a", 720, Filled(6, 4, 8));
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(cache.Take("a", 720, &bitmap));
   EXPECT_EQ(bitmap.width(), 6);
   EXPECT_EQ(bitmap.row(3)[23], 8);
@@ -55,7 +55,7 @@ std::vector<uint32_t> KeptAfterFanOut(const std::string& key, uint32_t cx, const
     ReducingSink sink;
     EXPECT_TRUE(sink.Init(8000, 8000, cx).ok());
     sink.FanOut(FanOutRequest{key, others}, planned_bytes);
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     if (finish) {
       EXPECT_TRUE(sink.Finish(1, &bitmap).ok());
     }
@@ -74,12 +74,12 @@ TEST(ReducingSinkTest, FansOutSmallestFirstWithinTheBudgets) {
   // Beside a small size even 3600 fits; what the key kept before stays.
   EXPECT_EQ(KeptAfterFanOut("a", 360, {720, 3600}, 0), (Sizes{720, 3600}));
   // The decoder's own buffers count against the decode budget.
-  EXPECT_EQ(KeptAfterFanOut("b", 360, {720, 960}, kMaxDecodeBytes - (3u << 20)), (Sizes{720}));
+  EXPECT_EQ(KeptAfterFanOut("b", 360, {720, 960}, image::kMaxDecodeBytes - (3u << 20)), (Sizes{720}));
   // Nothing is kept without a key, or from a decode that never finished.
   EXPECT_EQ(KeptAfterFanOut("", 360, {720, 960}, 0), Sizes{});
   EXPECT_EQ(KeptAfterFanOut("c", 360, {720, 960}, 0, false), Sizes{});
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

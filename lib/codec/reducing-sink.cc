@@ -1,29 +1,29 @@
-#include "lib/image/reducing-sink.h"
+#include "lib/codec/reducing-sink.h"
 
 #include <algorithm>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/image-decoder.h"
+#include "lib/codec/image-decoder.h"
+#include "lib/codec/reduction-cache.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/limits.h"
-#include "lib/image/reduction-cache.h"
 #include "lib/image/transform.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
-Status Upright(const ColorTransform* transform, int orientation, Bitmap* bitmap) {
+Status Upright(const color::ColorTransform* transform, int orientation, image::Bitmap* bitmap) {
   if (transform != nullptr && !transform->is_identity()) {
     transform->Apply(bitmap->data(), bitmap->data(), static_cast<size_t>(bitmap->width()) * bitmap->height());
   }
   if (orientation == 1) return Status::OK();
-  return ApplyExifOrientation(orientation, bitmap);
+  return image::ApplyExifOrientation(orientation, bitmap);
 }
 
 }  // namespace
 
 Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
-  if (!WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
+  if (!image::WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
   if (cx == 0) return Status::InvalidArgument("thumbnail size 0");
   width_ = static_cast<int>(width);
   height_ = static_cast<int>(height);
@@ -35,12 +35,12 @@ Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
   extra_cx_.clear();
   started_ = false;
   reducers_.emplace_back();
-  return AreaReducer::Create(width_, height_, dst_width, dst_height, &reducers_.back());
+  return image::AreaReducer::Create(width_, height_, dst_width, dst_height, &reducers_.back());
 }
 
 void RequestedSize(int width, int height, uint32_t cx, uint32_t edge_divisor, int* out_width, int* out_height) {
-  FitWithin(width, height, cx, out_width, out_height);
-  if (edge_divisor != 0) ShorterSideTo(*out_width, *out_height, cx / edge_divisor, out_width, out_height);
+  image::FitWithin(width, height, cx, out_width, out_height);
+  if (edge_divisor != 0) image::ShorterSideTo(*out_width, *out_height, cx / edge_divisor, out_width, out_height);
 }
 
 void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) {
@@ -49,8 +49,8 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     int dst_width = 0;
     int dst_height = 0;
     const uint64_t bytes = ResultSize(cx_, request.edge_divisor, &dst_width, &dst_height);
-    AreaReducer reducer;
-    if (!AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) return;
+    image::AreaReducer reducer;
+    if (!image::AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) return;
     reducers_[0] = std::move(reducer);
     output_bytes_ = bytes;
   }
@@ -67,8 +67,8 @@ void ReducingSink::FanOut(const FanOutRequest& request, uint64_t planned_bytes) 
     const uint64_t bytes = ResultSize(cx, request.edge_divisor, &dst_width, &dst_height);
     // Sizes only grow from here.
     if (outputs + bytes > kMaxFanOutBytes || !WithinDecodeBudget(planned_bytes + outputs + bytes)) break;
-    AreaReducer reducer;
-    if (!AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) break;
+    image::AreaReducer reducer;
+    if (!image::AreaReducer::Create(width_, height_, dst_width, dst_height, &reducer).ok()) break;
     outputs += bytes;
     reducers_.push_back(std::move(reducer));
     extra_cx_.push_back(cx);
@@ -102,7 +102,7 @@ void ReducingSink::PushOpaqueRow(const uint8_t* row) {
 }
 
 void ReducingSink::PushStraightRow(uint8_t* bgra) {
-  FlattenOverWhite(bgra, static_cast<size_t>(width_));
+  color::FlattenOverWhite(bgra, static_cast<size_t>(width_));
   PushOpaqueRow(bgra);
 }
 
@@ -120,9 +120,9 @@ void ReducingSink::PushPremultipliedRow(uint8_t* bgra) {
   PushOpaqueRow(bgra);
 }
 
-Status ReducingSink::Finish(int orientation, Bitmap* out) {
+Status ReducingSink::Finish(int orientation, image::Bitmap* out) {
   if (!Started()) return start_status_;
-  std::vector<Bitmap> results;
+  std::vector<image::Bitmap> results;
   Status status = pipeline_.Finish(&results);
   if (!status.ok()) return status;
   status = Upright(transform_.get(), orientation, &results[0]);
@@ -139,7 +139,7 @@ Status ReducingSink::Finish(int orientation, Bitmap* out) {
   return Status::OK();
 }
 
-bool ReducingDecoder::TakeKept(uint32_t cx, Bitmap* out) const {
+bool ReducingDecoder::TakeKept(uint32_t cx, image::Bitmap* out) const {
   return TheReductionCache().Take(key_, cx, out);
 }
 
@@ -147,7 +147,7 @@ FanOutRequest ReducingDecoder::AnticipatedRequests() const {
   return FanOutRequest{key_, anticipated_, edge_divisor_, &TheReductionCache()};
 }
 
-bool WithinDecodeBudget(uint64_t bytes) { return bytes <= kMaxDecodeBytes; }
+bool WithinDecodeBudget(uint64_t bytes) { return bytes <= image::kMaxDecodeBytes; }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -3,9 +3,9 @@
 // thumbnail size on the fly (on a second thread for large sources), converts
 // the result's colour and makes it upright. The same rows can feed
 // reductions to the other sizes a run will ask for, which are then kept in
-// the reduction cache. Internal to lib/image.
-#ifndef TESSERA_LIB_IMAGE_REDUCING_SINK_H_
-#define TESSERA_LIB_IMAGE_REDUCING_SINK_H_
+// the reduction cache. Internal to lib/codec.
+#ifndef TESSERA_LIB_CODEC_REDUCING_SINK_H_
+#define TESSERA_LIB_CODEC_REDUCING_SINK_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -14,15 +14,15 @@
 #include <utility>
 #include <vector>
 
+#include "lib/codec/image-decoder.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/area-resample.h"
 #include "lib/image/bitmap.h"
-#include "lib/image/color-profile.h"
-#include "lib/image/image-decoder.h"
 #include "lib/image/pipelined-reducer.h"
 #include "lib/utility/status.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 class ReductionCache;
 
@@ -73,7 +73,7 @@ class ReducingSink {
   // transform's input layout (BGRA, CMYK or gray expanded to BGRA, four
   // bytes a pixel). Call before Finish; nullptr or an identity transform
   // does nothing.
-  void SetColorTransform(std::shared_ptr<const ColorTransform> transform) { transform_ = std::move(transform); }
+  void SetColorTransform(std::shared_ptr<const color::ColorTransform> transform) { transform_ = std::move(transform); }
 
   int width() const { return width_; }
   int height() const { return height_; }
@@ -95,7 +95,7 @@ class ReducingSink {
   // (1 when none), and keeps the fanned-out results, turned alike. Rows
   // never pushed show as mid grey in every one of them. On failure *out is
   // untouched and nothing is kept.
-  Status Finish(int orientation, Bitmap* out);
+  Status Finish(int orientation, image::Bitmap* out);
 
  private:
   // The size of the result for cx (RequestedSize) and the bytes it takes.
@@ -109,14 +109,14 @@ class ReducingSink {
   uint64_t output_bytes_ = 0;
   // Until the first row: the reducer of Init's size, then those of the
   // fanned-out sizes (their cx in extra_cx_).
-  std::vector<AreaReducer> reducers_;
+  std::vector<image::AreaReducer> reducers_;
   std::vector<uint32_t> extra_cx_;
-  PipelinedReducer pipeline_;
+  image::PipelinedReducer pipeline_;
   Status start_status_;
   bool started_ = false;
   std::string key_;
   ReductionCache* cache_ = nullptr;
-  std::shared_ptr<const ColorTransform> transform_;
+  std::shared_ptr<const color::ColorTransform> transform_;
 };
 
 // Serves ImageDecoder's content key and anticipated requests for the
@@ -131,7 +131,7 @@ class ReducingDecoder : public ImageDecoder {
   // Moves the result an earlier decode of the same content made for cx into
   // *out; false when there is none. Called first thing in Decode, so a
   // request served so reads nothing.
-  bool TakeKept(uint32_t cx, Bitmap* out) const;
+  bool TakeKept(uint32_t cx, image::Bitmap* out) const;
 
   // Every anticipated size, under this decoder's content key, to be kept
   // where TakeKept looks.
@@ -147,7 +147,7 @@ class ReducingDecoder : public ImageDecoder {
 // sum stays within kMaxDecodeBytes.
 bool WithinDecodeBudget(uint64_t bytes);
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_REDUCING_SINK_H_
+#endif  // TESSERA_LIB_CODEC_REDUCING_SINK_H_

@@ -1,7 +1,7 @@
-#include "lib/image/reduction-cache.h"
+#include "lib/codec/reduction-cache.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 void ReductionCache::SwitchTo(const std::string& key) {
   if (key == key_) return;
@@ -9,8 +9,8 @@ void ReductionCache::SwitchTo(const std::string& key) {
   key_ = key;
 }
 
-bool ReductionCache::Take(const std::string& key, uint32_t cx, Bitmap* out) {
-  Bitmap taken;
+bool ReductionCache::Take(const std::string& key, uint32_t cx, image::Bitmap* out) {
+  image::Bitmap taken;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     SwitchTo(key);
@@ -36,7 +36,7 @@ bool ReductionCache::Contains(const std::string& key, uint32_t cx) {
   return false;
 }
 
-void ReductionCache::Keep(const std::string& key, uint32_t cx, Bitmap bitmap) {
+void ReductionCache::Keep(const std::string& key, uint32_t cx, image::Bitmap bitmap) {
   std::lock_guard<std::mutex> lock(mutex_);
   SwitchTo(key);
   if (key.empty()) return;
@@ -59,5 +59,5 @@ ReductionCache& TheReductionCache() {
   return *cache;
 }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -12,13 +12,13 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/image-decoder.h"
-#include "lib/image/testing/bitmap-probe.h"
-#include "lib/image/testing/served-ahead.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/image-decoder.h"
+#include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/served-ahead.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::MeanColor;
@@ -146,7 +146,7 @@ std::string WriteTiff(const std::vector<Page>& pages, const char* mode = "w") {
   return content.str();
 }
 
-Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateTiffDecoder()->Decode(source.get(), cx, out);
 }
@@ -171,7 +171,7 @@ TEST(TiffDecoderTest, StripsAreReducedAndTurnedUpright) {
   const std::string tiff = WriteTiff({page});
   ASSERT_EQ(SniffImageFormat(reinterpret_cast<const uint8_t*>(tiff.data()), tiff.size()), ImageFormat::kTiff);
 
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(tiff, 40, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 20);
   EXPECT_EQ(bitmap.height(), 40);
@@ -200,8 +200,8 @@ TEST(TiffDecoderTest, OneStripDecodesAsManyStrips) {
   for (const Page& page : {rgba, gray16}) {
     Page one = page;
     one.rows_per_strip = 0;
-    Bitmap many_bitmap;
-    Bitmap one_bitmap;
+    image::Bitmap many_bitmap;
+    image::Bitmap one_bitmap;
     ASSERT_TRUE(Decode(WriteTiff({page}), 64, &many_bitmap).ok());
     ASSERT_TRUE(Decode(WriteTiff({one}), 64, &one_bitmap).ok());
     ASSERT_EQ(one_bitmap.width(), 64);
@@ -219,7 +219,7 @@ TEST(TiffDecoderTest, SampleLayouts) {
   rgba.bits = 16;
   rgba.tiled = true;
   rgba.pixel = [](int x, int, int s) { return x < 20 ? (s == 1 || s == 3 ? 65535 : 0) : 0; };
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(WriteTiff({rgba}), 20, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 20);
   EXPECT_EQ(bitmap.height(), 18);
@@ -302,7 +302,7 @@ TEST(TiffDecoderTest, DepthsAndInksBeyondTheRgbaInterface) {
   gray.bits = 12;
   gray.photometric = PHOTOMETRIC_MINISBLACK;
   gray.pixel = [](int x, int, int) { return x < 20 ? 4095 : 1024; };
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   Status status = Decode(WriteTiff({gray}), 40, &bitmap);
   ASSERT_TRUE(status.ok()) << status.ToString();
   EXPECT_EQ(bitmap.width(), 40);
@@ -381,12 +381,12 @@ TEST(TiffDecoderTest, SeparatePlanesReadAsInterleaved) {
     page.compression = c.compression;
     const int max = (1 << c.bits) - 1;
     page.pixel = [max](int x, int y, int s) { return (x * 97 + y * 61 + s * 1013) * 37 % (max + 1); };
-    Bitmap interleaved;
+    image::Bitmap interleaved;
     Status status = Decode(WriteTiff({page}, c.mode), 30, &interleaved);
     ASSERT_TRUE(status.ok()) << status.ToString();
     page.planar = true;
     const std::string planar = WriteTiff({page}, c.mode);
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     status = Decode(planar, 30, &bitmap);
     ASSERT_TRUE(status.ok()) << status.ToString();
     testing::ExpectSameBitmap(interleaved, bitmap);
@@ -407,7 +407,7 @@ TEST(TiffDecoderTest, FirstPageAndLargeEnoughReducedCopy) {
   second.pixel = Solid({0, 0, 255});
   const std::string tiff = WriteTiff({main, reduced, second});
 
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(tiff, 80, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 80);
   EXPECT_EQ(bitmap.height(), 40);
@@ -449,7 +449,7 @@ TEST(TiffDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
   // A damaged strip: every size shows the same grey below it.
   std::string damaged = WriteTiff({strips});
   damaged.replace(damaged.size() / 2, 64, 64, '\xFF');
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(damaged, 300, &bitmap).ok());
   int grey = 0;
   for (int y = 0; y < bitmap.height(); ++y) {
@@ -480,7 +480,7 @@ TEST(TiffDecoderTest, HostileInputFailsCleanly) {
   page.height = 30;
   page.pixel = [](int x, int y, int) { return (x * 7 + y * 13) & 255; };
   const std::string tiff = WriteTiff({page});
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   // Truncations of every size must not crash; small ones fail.
   for (size_t n = 0; n < tiff.size(); n += 37) {
     Status status = Decode(tiff.substr(0, n), 30, &bitmap);
@@ -510,5 +510,5 @@ TEST(TiffDecoderTest, HostileInputFailsCleanly) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

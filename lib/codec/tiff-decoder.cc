@@ -19,15 +19,15 @@
 #include <utility>
 #include <vector>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/raw-decoder.h"
+#include "lib/codec/reducing-sink.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/limits.h"
-#include "lib/image/raw-decoder.h"
-#include "lib/image/reducing-sink.h"
 #include "lib/log/log.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 constexpr char kLogComponent[] = "thumbnail_debug";
@@ -95,7 +95,7 @@ struct RgbaImageEnder {
 Status OpenTiff(Client* client, TiffPtr* out) {
   std::unique_ptr<TIFFOpenOptions, OptionsFreer> options(TIFFOpenOptionsAlloc());
   if (!options) return Status::Internal("libtiff options");
-  TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), static_cast<tmsize_t>(kMaxDecodeBytes));
+  TIFFOpenOptionsSetMaxSingleMemAlloc(options.get(), static_cast<tmsize_t>(image::kMaxDecodeBytes));
   TIFFOpenOptionsSetErrorHandlerExtR(options.get(), LogHandler, nullptr);
   TIFFOpenOptionsSetWarningHandlerExtR(options.get(), LogHandler, nullptr);
   TIFF* tif = TIFFClientOpenExt("source", "rm", client, ReadProc, WriteProc, SeekProc, CloseProc,
@@ -311,7 +311,7 @@ bool SameImage(const Candidate& a, const Candidate& b) {
 }
 
 // Alpha of TIFFRGBAImage output: libtiff premultiplies unassociated alpha itself.
-Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* out) {
+Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, image::Bitmap* out) {
   uint32_t width = 0;
   uint32_t height = 0;
   if (!ReadSize(tif, &width, &height)) return Status::InvalidArgument("TIFF without a size");
@@ -340,7 +340,7 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* 
   chunk = std::max<uint32_t>(1, std::min(chunk, height));
   // A huge single strip is read in slices; libtiff decodes only up to the
   // rows asked for.
-  while (chunk > 64 && uint64_t{width} * chunk * 4 > kMaxDecodeBytes / 4) chunk /= 2;
+  while (chunk > 64 && uint64_t{width} * chunk * 4 > image::kMaxDecodeBytes / 4) chunk /= 2;
   const uint64_t raster_bytes = uint64_t{width} * chunk * 4;
   if (!WithinDecodeBudget(raster_bytes + unit_bytes)) {
     return Status::InvalidArgument("TIFF strips or tiles too large to decode");
@@ -354,7 +354,7 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, Bitmap* 
   if ((photometric == PHOTOMETRIC_RGB || photometric == PHOTOMETRIC_YCBCR) &&
       TIFFGetField(tif, TIFFTAG_ICCPROFILE, &icc_size, &icc)) {
     sink.SetColorTransform(
-        ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8));
+        color::ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, color::PixelLayout::kBgra8));
   }
   uint16_t orientation = ORIENTATION_TOPLEFT;
   TIFFGetFieldDefaulted(tif, TIFFTAG_ORIENTATION, &orientation);
@@ -428,7 +428,7 @@ void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst, boo
 // Turns count pixels of 8-bit samples into BGRA, or into CMYK for CMYK
 // input without a transform (the sink converts it after the reduction).
 // cmyk is scratch of 4 bytes a pixel for CMYK input.
-void SamplesToBgra(const SampleLayout& layout, const ColorTransform* cmyk_transform, const uint8_t* s,
+void SamplesToBgra(const SampleLayout& layout, const color::ColorTransform* cmyk_transform, const uint8_t* s,
                    size_t count, uint8_t* cmyk, uint8_t* bgra) {
   const int n = layout.samples;
   if (layout.color_samples == 4) {
@@ -570,7 +570,7 @@ void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
 // time for tiles. A read error after the first scanline or tile keeps what
 // was read.
 Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const FanOutRequest& fan_out,
-                     Bitmap* out) {
+                     image::Bitmap* out) {
   uint32_t width = 0;
   uint32_t height = 0;
   if (!ReadSize(tif, &width, &height)) return Status::InvalidArgument("TIFF without a size");
@@ -588,14 +588,14 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
   }
   // Colour is converted after the reduction, but CMYK with alpha must be
   // converted before it is flattened over white.
-  std::shared_ptr<const ColorTransform> transform;
+  std::shared_ptr<const color::ColorTransform> transform;
   if (layout.color_samples == 4) {
     // Without a usable profile this is the built-in press model.
-    transform = ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kCmyk8);
+    transform = color::ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, color::PixelLayout::kCmyk8);
   } else if (layout.color_samples == 3 && icc != nullptr) {
-    transform = ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, PixelLayout::kBgra8);
+    transform = color::ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, color::PixelLayout::kBgra8);
   }
-  const ColorTransform* cmyk_transform = nullptr;
+  const color::ColorTransform* cmyk_transform = nullptr;
   if (layout.color_samples == 4 && !ReducesCmyk(layout)) {
     cmyk_transform = transform.get();
   } else {
@@ -693,7 +693,7 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
 
 class TiffDecoder : public ReducingDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
     Client client{source, 0};
     TiffPtr tif;
@@ -753,5 +753,5 @@ class TiffDecoder : public ReducingDecoder {
 
 std::unique_ptr<ImageDecoder> CreateTiffDecoder() { return std::make_unique<TiffDecoder>(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

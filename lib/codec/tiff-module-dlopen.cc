@@ -3,12 +3,12 @@
 #include <memory>
 #include <string>
 
-#include "lib/image/decoder-module.h"
-#include "lib/image/decoder-modules.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoder-module.h"
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 
 using TiffModule = DecoderModule<TiffModuleTable>;
 
@@ -16,5 +16,5 @@ void SetTiffModulePath(const std::string& path) { TiffModule::Loader().SetPath(p
 
 std::unique_ptr<ImageDecoder> CreateTiffDecoder() { return TiffModule::CreateDecoder(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

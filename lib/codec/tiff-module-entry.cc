@@ -1,8 +1,8 @@
 // The loadable TIFF module's one export: the table of its entry points.
-#include "lib/image/decoder-modules.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
 
-extern "C" __attribute__((visibility("default"))) const tessera::image::TiffModuleTable*
+extern "C" __attribute__((visibility("default"))) const tessera::codec::TiffModuleTable*
 TesseraTiffModuleTable() {
-  return tessera::image::DecoderOnlyTableOf<tessera::image::TiffModuleTable, &tessera::image::CreateTiffDecoder>();
+  return tessera::codec::DecoderOnlyTableOf<tessera::codec::TiffModuleTable, &tessera::codec::CreateTiffDecoder>();
 }

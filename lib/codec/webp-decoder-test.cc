@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/decoders.h"
-#include "lib/image/testing/bitmap-probe.h"
+#include "lib/codec/decoders.h"
+#include "lib/codec/testing/bitmap-probe.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 using testing::MeanColor;
@@ -64,7 +64,7 @@ std::string EncodeAnimation(int width, int height, const std::vector<std::vector
   return result;
 }
 
-Status Decode(const std::string& bytes, uint32_t cx, Bitmap* out) {
+Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateWebpDecoder()->Decode(source.get(), cx, out);
 }
@@ -78,7 +78,7 @@ void ExpectColor(const Rgb& c, double r, double g, double b) {
 TEST(WebpDecoderTest, StillIsScaledOnLoadAndFlattened) {
   // Left half blue, right half transparent.
   const std::string webp = EncodeStill(64, 32, Halves(64, 32, {0, 0, 255, 255}, {0, 0, 0, 0}));
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(webp, 32, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 16);
@@ -92,7 +92,7 @@ TEST(WebpDecoderTest, StillIsScaledOnLoadAndFlattened) {
 TEST(WebpDecoderTest, AnimationGivesItsFirstFrame) {
   const std::string webp = EncodeAnimation(
       40, 20, {Halves(40, 20, {255, 0, 0, 255}, {255, 0, 0, 255}), Halves(40, 20, {0, 255, 0, 255}, {0, 255, 0, 255})});
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   ASSERT_TRUE(Decode(webp, 20, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 20);
   EXPECT_EQ(bitmap.height(), 10);
@@ -101,12 +101,12 @@ TEST(WebpDecoderTest, AnimationGivesItsFirstFrame) {
 
 TEST(WebpDecoderTest, BrokenInputFailsCleanly) {
   const std::string webp = EncodeStill(30, 30, Halves(30, 30, {1, 2, 3, 255}, {200, 100, 0, 255}));
-  Bitmap bitmap;
+  image::Bitmap bitmap;
   for (size_t n = 0; n < webp.size(); n += 7) {
     EXPECT_FALSE(Decode(webp.substr(0, n), 30, &bitmap).ok()) << n;
   }
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -9,16 +9,16 @@
 #include <memory>
 #include <string>
 
+#include "lib/codec/decoders.h"
+#include "lib/codec/reducing-sink.h"
+#include "lib/color/color-profile.h"
 #include "lib/image/area-resample.h"
-#include "lib/image/color-profile.h"
-#include "lib/image/decoders.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"
-#include "lib/image/reducing-sink.h"
 #include "lib/image/transform.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace {
 
 // WebP has to be in memory whole; the format itself stops at 4 GiB.
@@ -41,7 +41,7 @@ struct IDecoderDeleter {
 };
 
 // First frame of an animation on its canvas, at full size.
-Status DecodeFirstFrame(const WebPData& data, int canvas_width, int canvas_height, Bitmap* out) {
+Status DecodeFirstFrame(const WebPData& data, int canvas_width, int canvas_height, image::Bitmap* out) {
   WebPAnimDecoderOptions options;
   if (!WebPAnimDecoderOptionsInit(&options)) return Status::Internal("libwebp version");
   options.color_mode = MODE_BGRA;
@@ -53,8 +53,8 @@ Status DecodeFirstFrame(const WebPData& data, int canvas_width, int canvas_heigh
   if (!WebPAnimDecoderGetNext(decoder.get(), &pixels, &timestamp) || pixels == nullptr) {
     return Status::InvalidArgument("animated WebP without a frame");
   }
-  Bitmap bitmap;
-  Status status = Bitmap::Create(canvas_width, canvas_height, &bitmap);
+  image::Bitmap bitmap;
+  Status status = image::Bitmap::Create(canvas_width, canvas_height, &bitmap);
   if (!status.ok()) return status;
   std::memcpy(bitmap.data(), pixels, bitmap.byte_size());
   *out = std::move(bitmap);
@@ -62,12 +62,12 @@ Status DecodeFirstFrame(const WebPData& data, int canvas_width, int canvas_heigh
 }
 
 // A still image, scaled while decoding to fit cx.
-Status DecodeStill(ByteSource* source, const WebPData& data, int width, int height, uint32_t cx, Bitmap* out) {
+Status DecodeStill(ByteSource* source, const WebPData& data, int width, int height, uint32_t cx, image::Bitmap* out) {
   int dst_width = 0;
   int dst_height = 0;
-  FitWithin(width, height, cx, &dst_width, &dst_height);
-  Bitmap bitmap;
-  Status status = Bitmap::Create(dst_width, dst_height, &bitmap);
+  image::FitWithin(width, height, cx, &dst_width, &dst_height);
+  image::Bitmap bitmap;
+  Status status = image::Bitmap::Create(dst_width, dst_height, &bitmap);
   if (!status.ok()) return status;
   WebPDecoderConfig config;
   if (!WebPInitDecoderConfig(&config)) return Status::Internal("libwebp version");
@@ -99,7 +99,7 @@ Status DecodeStill(ByteSource* source, const WebPData& data, int width, int heig
 
 class WebpDecoder : public ImageDecoder {
  public:
-  Status Decode(ByteSource* source, uint32_t cx, Bitmap* out) override {
+  Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     std::string bytes;
     Status status = source->ReadAll(kMaxWebpFileBytes, &bytes);
     if (!status.ok()) return status;
@@ -112,36 +112,36 @@ class WebpDecoder : public ImageDecoder {
     const uint32_t flags = WebPDemuxGetI(demux.get(), WEBP_FF_FORMAT_FLAGS);
     const uint32_t canvas_width = WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_WIDTH);
     const uint32_t canvas_height = WebPDemuxGetI(demux.get(), WEBP_FF_CANVAS_HEIGHT);
-    if (!WithinPixelLimits(canvas_width, canvas_height)) return ImageTooLargeError(canvas_width, canvas_height);
+    if (!image::WithinPixelLimits(canvas_width, canvas_height)) return ImageTooLargeError(canvas_width, canvas_height);
 
     int orientation = 1;
     WebPChunkIterator chunk;
     if ((flags & EXIF_FLAG) && WebPDemuxGetChunk(demux.get(), "EXIF", 1, &chunk)) {
-      orientation = ExifOrientation(chunk.chunk.bytes, chunk.chunk.size);
+      orientation = image::ExifOrientation(chunk.chunk.bytes, chunk.chunk.size);
       WebPDemuxReleaseChunkIterator(&chunk);
     }
-    std::shared_ptr<const ColorTransform> transform;
+    std::shared_ptr<const color::ColorTransform> transform;
     if ((flags & ICCP_FLAG) && WebPDemuxGetChunk(demux.get(), "ICCP", 1, &chunk)) {
-      transform = ColorTransform::SharedFromIcc(chunk.chunk.bytes, chunk.chunk.size, PixelLayout::kBgra8);
+      transform = color::ColorTransform::SharedFromIcc(chunk.chunk.bytes, chunk.chunk.size, color::PixelLayout::kBgra8);
       WebPDemuxReleaseChunkIterator(&chunk);
     }
 
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     if (flags & ANIMATION_FLAG) {
       if (!WithinDecodeBudget(uint64_t{canvas_width} * canvas_height * 4 * 2)) {
         return Status::InvalidArgument("WebP canvas too large to decode");
       }
-      Bitmap canvas;
+      image::Bitmap canvas;
       status = DecodeFirstFrame(data, canvas_width, canvas_height, &canvas);
       if (!status.ok()) return status;
-      FlattenOverWhite(canvas.data(), static_cast<size_t>(canvas.width()) * canvas.height());
+      color::FlattenOverWhite(canvas.data(), static_cast<size_t>(canvas.width()) * canvas.height());
       int dst_width = 0;
       int dst_height = 0;
-      FitWithin(canvas.width(), canvas.height(), cx, &dst_width, &dst_height);
-      status = AreaResample(canvas, dst_width, dst_height, &bitmap);
+      image::FitWithin(canvas.width(), canvas.height(), cx, &dst_width, &dst_height);
+      status = image::AreaResample(canvas, dst_width, dst_height, &bitmap);
     } else {
       status = DecodeStill(source, data, canvas_width, canvas_height, cx, &bitmap);
-      if (status.ok()) FlattenOverWhite(bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
+      if (status.ok()) color::FlattenOverWhite(bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
     }
     if (!status.ok()) return status;
     // Converted once reduced, like every other decoder's output.
@@ -149,7 +149,7 @@ class WebpDecoder : public ImageDecoder {
       transform->Apply(bitmap.data(), bitmap.data(), static_cast<size_t>(bitmap.width()) * bitmap.height());
     }
     if (orientation != 1) {
-      status = ApplyExifOrientation(orientation, &bitmap);
+      status = image::ApplyExifOrientation(orientation, &bitmap);
       if (!status.ok()) return status;
     }
     *out = std::move(bitmap);
@@ -161,5 +161,5 @@ class WebpDecoder : public ImageDecoder {
 
 std::unique_ptr<ImageDecoder> CreateWebpDecoder() { return std::make_unique<WebpDecoder>(); }
 
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

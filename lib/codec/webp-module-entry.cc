@@ -1,8 +1,8 @@
 // The loadable WebP module's one export: the table of its entry points.
-#include "lib/image/decoder-modules.h"
-#include "lib/image/decoders.h"
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
 
-extern "C" __attribute__((visibility("default"))) const tessera::image::WebpModuleTable*
+extern "C" __attribute__((visibility("default"))) const tessera::codec::WebpModuleTable*
 TesseraWebpModuleTable() {
-  return tessera::image::DecoderOnlyTableOf<tessera::image::WebpModuleTable, &tessera::image::CreateWebpDecoder>();
+  return tessera::codec::DecoderOnlyTableOf<tessera::codec::WebpModuleTable, &tessera::codec::CreateWebpDecoder>();
 }

@@ -1,4 +1,4 @@
-#include "lib/image/color-profile.h"
+#include "lib/color/color-profile.h"
 
 #include <lcms2.h>
 
@@ -8,7 +8,7 @@
 #include "gtest/gtest.h"
 
 namespace tessera {
-namespace image {
+namespace color {
 namespace {
 
 // Serialises `profile` and releases it with `curve`.
@@ -213,5 +213,5 @@ TEST(FlattenOverWhiteTest, CompositesExactlyOverWhite) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace color
 }  // namespace tessera

@@ -1,4 +1,4 @@
-#include "lib/image/color-profile.h"
+#include "lib/color/color-profile.h"
 
 #include <lcms2.h>
 
@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "lib/image/icc-profile-check.h"
+#include "lib/color/icc-profile-check.h"
 
 namespace tessera {
-namespace image {
+namespace color {
 namespace {
 
 struct ContextDeleter {
@@ -389,5 +389,5 @@ void FlattenOverWhite(uint8_t* bgra, size_t pixel_count) {
   }
 }
 
-}  // namespace image
+}  // namespace color
 }  // namespace tessera

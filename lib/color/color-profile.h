@@ -1,17 +1,23 @@
+// lib/color: pixels from the colour space a file declares to sRGB — embedded
+// ICC profiles (this header) and their cost checks before lcms2 parses them
+// (icc-profile-check.h), profiles from chromaticities, and the tone mapping of
+// HDR (PQ/HLG) pictures (hdr-tone-map.h). It works on rows of pixels and
+// knows no file format. Namespace tessera::color; depends on lcms2 only.
+//
 // Conversion of decoded pixels from an embedded ICC profile to sRGB (lcms2).
 // A broken, unusable or needlessly expensive profile never fails a
 // thumbnail: the transform is then the identity and the pixels are taken as
 // sRGB. So is a profile that describes sRGB itself (whatever its name):
 // converting would change nothing but cost time.
-#ifndef TESSERA_LIB_IMAGE_COLOR_PROFILE_H_
-#define TESSERA_LIB_IMAGE_COLOR_PROFILE_H_
+#ifndef TESSERA_LIB_COLOR_COLOR_PROFILE_H_
+#define TESSERA_LIB_COLOR_COLOR_PROFILE_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
 namespace tessera {
-namespace image {
+namespace color {
 
 // Layout of the pixels handed to a transform.
 enum class PixelLayout {
@@ -81,7 +87,7 @@ class ColorTransform {
 // this gives soft edges without a dark halo.
 void FlattenOverWhite(uint8_t* bgra, size_t pixel_count);
 
-}  // namespace image
+}  // namespace color
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_COLOR_PROFILE_H_
+#endif  // TESSERA_LIB_COLOR_COLOR_PROFILE_H_

@@ -1,4 +1,4 @@
-#include "lib/image/hdr-tone-map.h"
+#include "lib/color/hdr-tone-map.h"
 
 #include <cmath>
 #include <string>
@@ -7,7 +7,7 @@
 #include "gtest/gtest.h"
 
 namespace tessera {
-namespace image {
+namespace color {
 namespace {
 
 constexpr Chromaticities kBt709 = {{0.64, 0.33}, {0.30, 0.60}, {0.15, 0.06}, {0.3127, 0.3290}};
@@ -145,5 +145,5 @@ TEST(HdrToneMapTest, EightBitSamplesMatchWideOnes) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace color
 }  // namespace tessera

@@ -1,10 +1,10 @@
-#include "lib/image/hdr-tone-map.h"
+#include "lib/color/hdr-tone-map.h"
 
 #include <algorithm>
 #include <cmath>
 
 namespace tessera {
-namespace image {
+namespace color {
 namespace {
 
 // Table sizes: linear sRGB to bytes (fine enough that the darkest codes
@@ -195,5 +195,5 @@ void HdrToneMapper::ConvertRow(const uint8_t* r, const uint8_t* g, const uint8_t
   Convert(r, g, b, count, bgra);
 }
 
-}  // namespace image
+}  // namespace color
 }  // namespace tessera

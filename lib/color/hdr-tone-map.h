@@ -10,18 +10,18 @@
 // extended Reinhard shoulder, continuous in value and slope at the knee) so
 // that the content's peak lands on white; all three channels are scaled by
 // the same factor, which keeps hue and saturation. The result is encoded
-// with the sRGB curve. Internal to lib/image.
-#ifndef TESSERA_LIB_IMAGE_HDR_TONE_MAP_H_
-#define TESSERA_LIB_IMAGE_HDR_TONE_MAP_H_
+// with the sRGB curve.
+#ifndef TESSERA_LIB_COLOR_HDR_TONE_MAP_H_
+#define TESSERA_LIB_COLOR_HDR_TONE_MAP_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-#include "lib/image/color-profile.h"
+#include "lib/color/color-profile.h"
 
 namespace tessera {
-namespace image {
+namespace color {
 
 // nclx transfer characteristics (ITU-T H.273) of the HDR transfers.
 enum class HdrTransfer {
@@ -77,7 +77,7 @@ class HdrToneMapper {
   std::vector<uint8_t> encode_;                    // linear [0, 1] -> sRGB byte
 };
 
-}  // namespace image
+}  // namespace color
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_HDR_TONE_MAP_H_
+#endif  // TESSERA_LIB_COLOR_HDR_TONE_MAP_H_

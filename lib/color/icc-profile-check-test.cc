@@ -1,19 +1,20 @@
-#include "lib/image/icc-profile-check.h"
+#include "lib/color/icc-profile-check.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/color-profile.h"
-#include "lib/image/testing/image-fixtures.h"
+#include "lib/color/color-profile.h"
+#include "lib/color/testing/icc-fixtures.h"
+#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
-namespace image {
+namespace color {
 namespace {
 
-constexpr auto Put32 = testing::PutBe32At;
-constexpr auto Put16 = testing::PutBe16At;
+constexpr auto Put32 = tessera::testing::PutBe32At;
+constexpr auto Put16 = tessera::testing::PutBe16At;
 
 // An RGB display profile with one tag, `signature`, holding `body`.
 std::string Profile(const char* signature, const std::string& body, uint32_t tag_count = 1) {
@@ -78,5 +79,5 @@ TEST(IccProfileCheckTest, RefusesProfilesBuiltToBeExpensiveOrInconsistent) {
 }
 
 }  // namespace
-}  // namespace image
+}  // namespace color
 }  // namespace tessera

@@ -1,7 +1,7 @@
-#include "lib/image/icc-profile-check.h"
+#include "lib/color/icc-profile-check.h"
 
 namespace tessera {
-namespace image {
+namespace color {
 namespace {
 
 constexpr size_t kHeaderBytes = 128;
@@ -157,5 +157,5 @@ bool IccProfileIsAffordable(const uint8_t* icc, size_t size) {
   return true;
 }
 
-}  // namespace image
+}  // namespace color
 }  // namespace tessera

@@ -2,15 +2,15 @@
 // that a profile built to be expensive is refused at once. lcms2 believes
 // the counts a profile declares: a curve of four billion entries is
 // allocated before it is read, and a float pipeline of 100 000 elements makes
-// building a transform take minutes. Internal to lib/image.
-#ifndef TESSERA_LIB_IMAGE_ICC_PROFILE_CHECK_H_
-#define TESSERA_LIB_IMAGE_ICC_PROFILE_CHECK_H_
+// building a transform take minutes. Internal to lib/color.
+#ifndef TESSERA_LIB_COLOR_ICC_PROFILE_CHECK_H_
+#define TESSERA_LIB_COLOR_ICC_PROFILE_CHECK_H_
 
 #include <cstddef>
 #include <cstdint>
 
 namespace tessera {
-namespace image {
+namespace color {
 
 // Larger profiles exist (press profiles with big tables) but are not
 // embedded in the pictures a thumbnail is made of.
@@ -30,7 +30,7 @@ constexpr uint32_t kMaxIccCurveSegments = 64;
 // and colour lookup table no larger than the bytes that hold it.
 bool IccProfileIsAffordable(const uint8_t* icc, size_t size);
 
-}  // namespace image
+}  // namespace color
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_ICC_PROFILE_CHECK_H_
+#endif  // TESSERA_LIB_COLOR_ICC_PROFILE_CHECK_H_

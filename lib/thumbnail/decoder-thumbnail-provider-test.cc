@@ -9,8 +9,8 @@
 #include <string>
 
 #include "gtest/gtest.h"
-#include "lib/image/reduction-cache.h"
-#include "lib/image/testing/image-fixtures.h"
+#include "lib/codec/reduction-cache.h"
+#include "lib/codec/testing/image-fixtures.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/thumbnail/thumbnail-size.h"
 
@@ -46,12 +46,12 @@ class PosixProviderTest : public ::testing::Test {
 };
 
 TEST_F(PosixProviderTest, ChoosesTheDecoderByContentNotByName) {
-  image::testing::PngImage png;
+  codec::testing::PngImage png;
   png.width = 300;
   png.height = 100;
   png.color_type = 2;
   png.samples.assign(300 * 100 * 3, 90);
-  ASSERT_EQ(provider_->CreateItem(Write("picture.jpg", image::testing::EncodePng(png))), 0);
+  ASSERT_EQ(provider_->CreateItem(Write("picture.jpg", codec::testing::EncodePng(png))), 0);
   ASSERT_EQ(provider_->BindToHandler(), 0);
   image::Bitmap bitmap;
   ASSERT_EQ(provider_->GetThumbnail(150, &bitmap), 0);
@@ -60,8 +60,8 @@ TEST_F(PosixProviderTest, ChoosesTheDecoderByContentNotByName) {
 
   // A JPEG under a foreign name, never enlarged.
   auto jpeg = CreatePlatformThumbnailProvider();
-  ASSERT_EQ(jpeg->CreateItem(Write("photo.png", image::testing::EncodeJpeg(
-                                                    image::testing::RgbImage(40, 30)))),
+  ASSERT_EQ(jpeg->CreateItem(Write("photo.png", codec::testing::EncodeJpeg(
+                                                    codec::testing::RgbImage(40, 30)))),
             0);
   ASSERT_EQ(jpeg->BindToHandler(), 0);
   ASSERT_EQ(jpeg->GetThumbnail(360, &bitmap), 0);
@@ -80,13 +80,13 @@ TEST_F(PosixProviderTest, RewrittenFileIsDecodedAfresh) {
     ASSERT_EQ(provider->BindToHandler(), 0);
     ASSERT_EQ(provider->GetThumbnail(cx, out), 0);
   };
-  const std::u16string path = Write("photo.jpg", image::testing::EncodeJpeg(
-                                                     image::testing::RgbImage(800, 600, 250, 0, 0)));
+  const std::u16string path = Write("photo.jpg", codec::testing::EncodeJpeg(
+                                                     codec::testing::RgbImage(800, 600, 250, 0, 0)));
   image::Bitmap bitmap;
   thumbnail(path, 90, &bitmap);
   EXPECT_EQ(bitmap.height(), 30);
   EXPECT_GT(bitmap.row(15)[2], 200);  // red
-  Write("photo.jpg", image::testing::EncodeJpeg(image::testing::RgbImage(800, 608, 0, 0, 250)));
+  Write("photo.jpg", codec::testing::EncodeJpeg(codec::testing::RgbImage(800, 608, 0, 0, 250)));
   thumbnail(path, 60, &bitmap);
   EXPECT_EQ(bitmap.height(), 20);
   EXPECT_GT(bitmap.row(10)[0], 200);  // blue
@@ -97,13 +97,13 @@ TEST_F(PosixProviderTest, RewrittenFileIsDecodedAfresh) {
 // for the first; that decode leaves the other sizes' results, which their
 // requests then take.
 TEST_F(PosixProviderTest, FirstSizeOfARunLeavesTheOthers) {
-  image::testing::PngImage png;
+  codec::testing::PngImage png;
   png.width = 1500;
   png.height = 1000;
   png.color_type = 2;
   png.samples.assign(1500 * 1000 * 3, 90);
-  const std::u16string path = Write("picture.png", image::testing::EncodePng(png));
-  image::ReductionCache& kept = image::TheReductionCache();
+  const std::u16string path = Write("picture.png", codec::testing::EncodePng(png));
+  codec::ReductionCache& kept = codec::TheReductionCache();
   for (ThumbnailSize size : AllSizes()) {
     auto provider = CreatePlatformThumbnailProvider();
     ASSERT_EQ(provider->CreateItem(path), 0);
@@ -151,7 +151,7 @@ TEST_F(PosixProviderTest, FailsEachStepWithItsOwnCode) {
   EXPECT_EQ(provider_->BindToHandler(), kProviderNoHandler);
   EXPECT_EQ(provider_->GetThumbnail(100, &bitmap), kProviderNotReady);
 
-  ASSERT_EQ(provider_->CreateItem(Write("bomb.png", image::testing::PngDeclaring(50000, 50000))), 0);
+  ASSERT_EQ(provider_->CreateItem(Write("bomb.png", codec::testing::PngDeclaring(50000, 50000))), 0);
   ASSERT_EQ(provider_->BindToHandler(), 0);
   EXPECT_EQ(provider_->GetThumbnail(360, &bitmap), kProviderTooLarge);
 

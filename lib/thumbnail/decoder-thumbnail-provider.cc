@@ -13,19 +13,20 @@
 
 #include <cstdio>
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "lib/image/byte-source.h"
-#include "lib/image/image-decoder.h"
+#include "lib/codec/byte-source.h"
+#include "lib/codec/image-decoder.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/thumbnail/thumbnail-size.h"
-#include "lib/thumbnail/video-thumbnail.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/video-thumbnail.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -49,7 +50,7 @@ int32_t OpenErrorCode(const Status& status) {
 }
 
 int32_t DecodeErrorCode(const Status& status) {
-  if (image::IsImageTooLarge(status)) return kProviderTooLarge;
+  if (codec::IsImageTooLarge(status)) return kProviderTooLarge;
   switch (status.code()) {
     case Status::Code::kTimeout:
       return -ETIMEDOUT;
@@ -87,6 +88,12 @@ std::string ContentKey(const std::string& path, const struct stat& before) {
 }
 
 
+// The largest cx one run of the tool asks of a file.
+uint32_t LargestRunRequest() {
+  const std::vector<uint32_t> run = RunRequestEdges();
+  return *std::max_element(run.begin(), run.end());
+}
+
 class PosixThumbnailProvider : public ThumbnailProvider {
  public:
   int32_t CreateItem(const std::u16string& path) override {
@@ -98,7 +105,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     if (utility::UTF16ToUTF8(path, &path_) != 0) return -EINVAL;
     struct stat before;
     const bool have_before = stat(path_.c_str(), &before) == 0;
-    Status status = image::ByteSource::OpenFile(path_, &source_);
+    Status status = codec::ByteSource::OpenFile(path_, &source_);
     if (!status.ok()) {
       LOG_DEBUG(kLogComponent, "cannot open '%s': %s", path_.c_str(), status.ToString().c_str());
       return OpenErrorCode(status);
@@ -114,8 +121,8 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     uint8_t head[kHeadBytes];
     const int64_t got = source_->ReadAt(0, head, sizeof(head));
     if (got < 0) return -EIO;
-    const image::ImageFormat format = image::SniffImageFormat(head, static_cast<size_t>(got));
-    decoder_ = image::CreateImageDecoder(format);
+    const codec::ImageFormat format = codec::SniffImageFormat(head, static_cast<size_t>(got));
+    decoder_ = codec::CreateImageDecoder(format);
     if (decoder_) {
       decoder_->SetContentKey(content_key_);
       decoder_->SetAnticipatedRequests(RunRequestEdges());
@@ -124,7 +131,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
       decoder_->SetCallerEdgeDivisor(kProviderRequestFactor);
       return 0;
     }
-    if (format == image::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
+    if (format == codec::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
       video_ = true;
       return 0;
     }
@@ -137,7 +144,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     if (!decoder_ && !video_) return kProviderNotReady;
     if (cx == 0) return -EINVAL;
     image::Bitmap bitmap;
-    Status status = video_ ? ExtractVideoThumbnail(path_, cx, &bitmap, cancellation_)
+    Status status = video_ ? ExtractVideoThumbnail(path_, cx, &bitmap, cancellation_, LargestRunRequest())
                            : decoder_->Decode(source_.get(), cx, &bitmap);
     if (!status.ok()) {
       LOG_DEBUG(kLogComponent, "decoding '%s' failed: %s", path_.c_str(),
@@ -150,8 +157,8 @@ class PosixThumbnailProvider : public ThumbnailProvider {
 
  private:
   std::string path_;
-  std::unique_ptr<image::ByteSource> source_;
-  std::unique_ptr<image::ImageDecoder> decoder_;
+  std::unique_ptr<codec::ByteSource> source_;
+  std::unique_ptr<codec::ImageDecoder> decoder_;
   std::string content_key_;
   // The job's, so that an abandoned decode stops (null outside a job).
   std::shared_ptr<const utility::Cancellation> cancellation_;

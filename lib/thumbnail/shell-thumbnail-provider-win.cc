@@ -22,9 +22,9 @@
 
 #include "lib/image/area-resample.h"
 #include "lib/image/bitmap.h"
-#include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/exported-frames.h"
 
 namespace tessera {
 namespace thumbnail {

@@ -1,10 +1,10 @@
 // COM initialisation of the calling thread.
 #include <objbase.h>
 
-#include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/utility/com-init.h"
 
 namespace tessera {
-namespace thumbnail {
+namespace utility {
 
 // S_FALSE (already initialised in the same mode) is a success code and is
 // passed on as such; the caller balances it with ComUninitialize like S_OK.
@@ -14,5 +14,5 @@ int32_t ComInitialize(uint32_t coinit_flags) {
 
 void ComUninitialize() { CoUninitialize(); }
 
-}  // namespace thumbnail
+}  // namespace utility
 }  // namespace tessera

@@ -1,4 +1,4 @@
-#include "lib/thumbnail/exported-frames.h"
+#include "lib/video/exported-frames.h"
 
 #include <mutex>
 #include <unordered_set>

@@ -5,8 +5,8 @@
 // Paths are UTF-8 and compared byte for byte: the generator registers and
 // looks up exactly the string it passes around. All functions are
 // thread-safe; the set lives for the whole process.
-#ifndef TESSERA_LIB_THUMBNAIL_EXPORTED_FRAMES_H_
-#define TESSERA_LIB_THUMBNAIL_EXPORTED_FRAMES_H_
+#ifndef TESSERA_LIB_VIDEO_EXPORTED_FRAMES_H_
+#define TESSERA_LIB_VIDEO_EXPORTED_FRAMES_H_
 
 #include <string>
 
@@ -26,4 +26,4 @@ bool IsExportedFrame(const std::string& path);
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_EXPORTED_FRAMES_H_
+#endif  // TESSERA_LIB_VIDEO_EXPORTED_FRAMES_H_

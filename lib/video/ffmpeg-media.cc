@@ -1,4 +1,4 @@
-#include "lib/thumbnail/ffmpeg-media.h"
+#include "lib/video/ffmpeg-media.h"
 
 extern "C" {
 #include <libavutil/dict.h>

@@ -9,8 +9,8 @@
 // one is probed and read, an interrupt deadline (and cancellation) on every
 // blocking read, a cap on the packets read for one frame and size limits
 // checked before decoding.
-#ifndef TESSERA_LIB_THUMBNAIL_FFMPEG_MEDIA_H_
-#define TESSERA_LIB_THUMBNAIL_FFMPEG_MEDIA_H_
+#ifndef TESSERA_LIB_VIDEO_FFMPEG_MEDIA_H_
+#define TESSERA_LIB_VIDEO_FFMPEG_MEDIA_H_
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -179,4 +179,4 @@ Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, std::v
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_FFMPEG_MEDIA_H_
+#endif  // TESSERA_LIB_VIDEO_FFMPEG_MEDIA_H_

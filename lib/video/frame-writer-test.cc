@@ -1,11 +1,11 @@
-#include "lib/thumbnail/frame-writer.h"
+#include "lib/video/frame-writer.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-#include "lib/thumbnail/testing/video-test-files.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/testing/video-test-files.h"
 
 namespace tessera {
 namespace thumbnail {

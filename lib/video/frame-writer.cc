@@ -1,4 +1,4 @@
-#include "lib/thumbnail/frame-writer.h"
+#include "lib/video/frame-writer.h"
 
 #include <stdexcept>
 

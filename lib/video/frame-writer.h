@@ -7,8 +7,8 @@
 // caller reports as they are.
 //
 // Thread-safety: stateless; callable from any thread.
-#ifndef TESSERA_LIB_THUMBNAIL_FRAME_WRITER_H_
-#define TESSERA_LIB_THUMBNAIL_FRAME_WRITER_H_
+#ifndef TESSERA_LIB_VIDEO_FRAME_WRITER_H_
+#define TESSERA_LIB_VIDEO_FRAME_WRITER_H_
 
 #include <cstdint>
 #include <string>
@@ -57,4 +57,4 @@ image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type);
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_FRAME_WRITER_H_
+#endif  // TESSERA_LIB_VIDEO_FRAME_WRITER_H_

@@ -3,10 +3,10 @@
 #include <memory>
 #include <string>
 
-#include "lib/thumbnail/media-module.h"
-#include "lib/thumbnail/thumbnail-job.h"
-#include "lib/thumbnail/video-thumbnail.h"
 #include "lib/utility/module-loader.h"
+#include "lib/utility/run-deadline.h"
+#include "lib/video/media-module.h"
+#include "lib/video/video-thumbnail.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -40,7 +40,7 @@ void SetMediaModulePath(const std::string& path) { Loader().SetPath(path); }
 
 std::unique_ptr<MediaSource> MediaSource::Create() {
   const MediaModuleTable* module = Module();
-  MediaSource* source = module ? module->create_media_source(RunDeadline()) : nullptr;
+  MediaSource* source = module ? module->create_media_source(utility::RunDeadline()) : nullptr;
   if (source == nullptr) return std::make_unique<UnavailableMediaSource>();
   return std::unique_ptr<MediaSource>(source);
 }
@@ -52,10 +52,10 @@ bool IsVideoContent(const std::string& utf8_path,
 }
 
 Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
-                             const std::shared_ptr<const utility::Cancellation>& cancellation) {
+                             const std::shared_ptr<const utility::Cancellation>& cancellation, uint32_t largest_cx) {
   const MediaModuleTable* module = Module();
   if (module == nullptr) return Status::NotSupported("the media module is not available");
-  return module->extract_video_thumbnail(utf8_path, cx, out, cancellation);
+  return module->extract_video_thumbnail(utf8_path, cx, out, cancellation, largest_cx);
 }
 
 }  // namespace thumbnail

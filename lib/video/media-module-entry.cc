@@ -1,6 +1,6 @@
 // The loadable media module's one export: the table of its entry points.
-#include "lib/thumbnail/media-module.h"
-#include "lib/thumbnail/video-thumbnail.h"
+#include "lib/video/media-module.h"
+#include "lib/video/video-thumbnail.h"
 
 namespace tessera {
 namespace thumbnail {

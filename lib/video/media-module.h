@@ -15,8 +15,8 @@
 // The module carries its own copies of our libraries, whose process-wide
 // state (the run's deadline, the job running on a thread) is never set
 // there: whatever the module needs of it is passed in by the caller.
-#ifndef TESSERA_LIB_THUMBNAIL_MEDIA_MODULE_H_
-#define TESSERA_LIB_THUMBNAIL_MEDIA_MODULE_H_
+#ifndef TESSERA_LIB_VIDEO_MEDIA_MODULE_H_
+#define TESSERA_LIB_VIDEO_MEDIA_MODULE_H_
 
 #include <chrono>
 #include <cstdint>
@@ -24,16 +24,16 @@
 #include <string>
 
 #include "lib/image/bitmap.h"
-#include "lib/thumbnail/media-source.h"
 #include "lib/utility/cancellation.h"
 #include "lib/utility/status.h"
+#include "lib/video/media-source.h"
 
 namespace tessera {
 namespace thumbnail {
 
 // Raised whenever the table's layout or meaning changes, so that a stale
 // module next to a newer executable is refused instead of misused.
-constexpr uint32_t kMediaModuleAbiVersion = 2;
+constexpr uint32_t kMediaModuleAbiVersion = 3;
 constexpr char kMediaModuleEntry[] = "TesseraMediaModuleTable";
 constexpr char kMediaModuleFileName[] = "libtessera-media.so";
 
@@ -45,12 +45,13 @@ struct MediaModuleTable {
   bool (*is_video_content)(const std::string& utf8_path,
                            const std::shared_ptr<const utility::Cancellation>& cancellation);
   Status (*extract_video_thumbnail)(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
-                                    const std::shared_ptr<const utility::Cancellation>& cancellation);
+                                    const std::shared_ptr<const utility::Cancellation>& cancellation,
+                                    uint32_t largest_cx);
 };
 
 // The FFmpeg media source, none of whose opens, seeks and reads goes on past
 // `deadline` (steady clock): they fail as timed out instead. What
-// MediaSource::Create gives, with the run's deadline (RunDeadline).
+// MediaSource::Create gives, with the run's deadline (utility::RunDeadline).
 std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::time_point deadline);
 
 // Loads the module from `path` instead of from the executable's directory.
@@ -61,4 +62,4 @@ void SetMediaModulePath(const std::string& path);
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_MEDIA_MODULE_H_
+#endif  // TESSERA_LIB_VIDEO_MEDIA_MODULE_H_

@@ -1,9 +1,6 @@
-// Media Foundation behind MediaSource, and the frame export through it into a
-// JPEG that GDI+ writes, on a small H.264 clip (96x64, 2 s at 10 frames/s,
-// white above and black below).
+// Media Foundation behind MediaSource, on a small H.264 clip (96x64, 2 s at
+// 10 frames/s, white above and black below).
 #include <windows.h>
-// GDI+ needs the Windows types first.
-#include <gdiplus.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,11 +12,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "lib/thumbnail/media-source.h"
-#include "lib/thumbnail/testing/scratch-dir.h"
-#include "lib/thumbnail/thumbnail-helper.h"
-#include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/utility/com-init.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/media-source.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -27,7 +22,7 @@ namespace {
 
 // A Unix source folder (cross build run under Wine) is Wine's Z: drive.
 std::string DataPath(const std::string& name) {
-  std::string path = std::string(TESSERA_THUMBNAIL_TEST_DATA) + "/" + name;
+  std::string path = std::string(TESSERA_VIDEO_TEST_DATA) + "/" + name;
   return path[0] == '/' ? "Z:" + path : path;
 }
 
@@ -36,24 +31,6 @@ std::string DataPath(const std::string& name) {
 bool RunningUnderWine() {
   HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
   return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
-}
-
-// Width and height of an image file as GDI+ reads it; 0x0 when unreadable.
-std::pair<UINT, UINT> ImageSize(const std::string& path) {
-  Gdiplus::GdiplusStartupInput input;
-  ULONG_PTR token = 0;
-  if (Gdiplus::GdiplusStartup(&token, &input, nullptr) != Gdiplus::Ok) return {0, 0};
-  std::u16string wide = utility::UTF8ToUTF16(path);
-  Gdiplus::GpImage* image = nullptr;
-  std::pair<UINT, UINT> size{0, 0};
-  if (Gdiplus::DllExports::GdipLoadImageFromFile(reinterpret_cast<const WCHAR*>(wide.c_str()), &image) ==
-      Gdiplus::Ok) {
-    Gdiplus::DllExports::GdipGetImageWidth(image, &size.first);
-    Gdiplus::DllExports::GdipGetImageHeight(image, &size.second);
-    Gdiplus::DllExports::GdipDisposeImage(image);
-  }
-  Gdiplus::GdiplusShutdown(token);
-  return size;
 }
 
 // Collects the answers of the source; waits for one at a time.
@@ -97,8 +74,8 @@ class Answers : public MediaSourceCallback {
 
 class MediaSourceWinTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_GE(ComInitialize(kCoinitApartmentThreaded), 0); }
-  void TearDown() override { ComUninitialize(); }
+  void SetUp() override { ASSERT_GE(utility::ComInitialize(utility::kCoinitApartmentThreaded), 0); }
+  void TearDown() override { utility::ComUninitialize(); }
 };
 
 TEST_F(MediaSourceWinTest, DeliversUprightBgrxFramesAfterASeek) {
@@ -148,16 +125,6 @@ TEST_F(MediaSourceWinTest, DeliversUprightBgrxFramesAfterASeek) {
     EXPECT_GT(luma(4), luma(60));
   }
   EXPECT_EQ(answers.references(), 1u);  // the source let go of its reference
-}
-
-TEST_F(MediaSourceWinTest, ExportWritesTheFrameAsJpegOrThrows) {
-  testing::ScratchDir dir;
-  const std::string frame = dir.Join("frame.jpg");
-  ASSERT_EQ(ExportVideoFrame(DataPath("clip-96x64.mp4"), frame), 0);
-  EXPECT_EQ(ImageSize(frame), std::make_pair(96u, 64u));
-
-  EXPECT_THROW(ExportVideoFrame(DataPath("missing.mp4"), dir.Join("none.jpg")), std::runtime_error);
-  EXPECT_THROW(ExportVideoFrame(frame, dir.Join("none.jpg")), std::runtime_error);  // not a video
 }
 
 }  // namespace

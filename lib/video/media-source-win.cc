@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/thumbnail/media-source.h"
+#include "lib/video/media-source.h"
 
 namespace tessera {
 namespace thumbnail {

@@ -6,8 +6,8 @@
 //
 // Codes are HRESULT-style 32-bit values: 0 (or any non-negative value) is
 // success, negative is failure.
-#ifndef TESSERA_LIB_THUMBNAIL_MEDIA_SOURCE_H_
-#define TESSERA_LIB_THUMBNAIL_MEDIA_SOURCE_H_
+#ifndef TESSERA_LIB_VIDEO_MEDIA_SOURCE_H_
+#define TESSERA_LIB_VIDEO_MEDIA_SOURCE_H_
 
 #include <cstdint>
 #include <functional>
@@ -141,4 +141,4 @@ class MediaSource {
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_MEDIA_SOURCE_H_
+#endif  // TESSERA_LIB_VIDEO_MEDIA_SOURCE_H_

@@ -5,12 +5,12 @@
 #include <memory>
 #include <thread>
 
-#include "lib/thumbnail/ffmpeg-media.h"
-#include "lib/thumbnail/media-module.h"
-#include "lib/thumbnail/media-source.h"
-#include "lib/thumbnail/thumbnail-job.h"
 #include "lib/utility/cancellation.h"
+#include "lib/utility/run-deadline.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/ffmpeg-media.h"
+#include "lib/video/media-module.h"
+#include "lib/video/media-source.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -191,7 +191,7 @@ std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::
 
 // Linked where this code is linked directly; a program that loads it as a
 // module has the loader's definition instead, which passes the deadline in.
-std::unique_ptr<MediaSource> MediaSource::Create() { return CreateFfmpegMediaSource(RunDeadline()); }
+std::unique_ptr<MediaSource> MediaSource::Create() { return CreateFfmpegMediaSource(utility::RunDeadline()); }
 
 }  // namespace thumbnail
 }  // namespace tessera

@@ -1,12 +1,12 @@
-#include "lib/thumbnail/source-reader.h"
+#include "lib/video/source-reader.h"
 
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 
-#include "lib/thumbnail/testing/fake-media-source.h"
-#include "lib/thumbnail/testing/video-test-files.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/testing/fake-media-source.h"
+#include "lib/video/testing/video-test-files.h"
 
 namespace tessera {
 namespace thumbnail {

@@ -1,4 +1,4 @@
-#include "lib/thumbnail/source-reader.h"
+#include "lib/video/source-reader.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -10,8 +10,8 @@
 
 #include "lib/image/bitmap.h"
 #include "lib/log/log.h"
-#include "lib/thumbnail/frame-writer.h"
-#include "lib/thumbnail/media-source.h"
+#include "lib/video/frame-writer.h"
+#include "lib/video/media-source.h"
 
 namespace tessera {
 namespace thumbnail {

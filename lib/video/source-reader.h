@@ -1,3 +1,11 @@
+// lib/video: video files — the media-source interface (media-source.h) with
+// its FFmpeg and Media Foundation implementations, this frame reader and the
+// frame writer (frame-writer.h) of the generator's frame fallback, the
+// record of exported frames, and the FFmpeg video thumbnails
+// (video-thumbnail.h), loaded as a module (media-module.h). Its classes are
+// in tessera::thumbnail, the namespace of the generator whose fallback they
+// serve; it depends on lib/image, never on lib/thumbnail.
+//
 // Takes one still frame out of a video file and writes it as an upright JPEG.
 //
 // SourceReader drives the platform's media source (media-source.h) in its
@@ -13,8 +21,8 @@
 // frame-writer.h).
 //
 // Thread-safety: one SourceReader is used by one thread at a time.
-#ifndef TESSERA_LIB_THUMBNAIL_SOURCE_READER_H_
-#define TESSERA_LIB_THUMBNAIL_SOURCE_READER_H_
+#ifndef TESSERA_LIB_VIDEO_SOURCE_READER_H_
+#define TESSERA_LIB_VIDEO_SOURCE_READER_H_
 
 #include <chrono>
 #include <cstdint>
@@ -83,4 +91,4 @@ size_t AbandonedReaderCount();
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_SOURCE_READER_H_
+#endif  // TESSERA_LIB_VIDEO_SOURCE_READER_H_

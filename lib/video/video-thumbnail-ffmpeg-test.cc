@@ -10,11 +10,11 @@
 #include <memory>
 #include <stdexcept>
 
-#include "lib/thumbnail/media-module.h"
-#include "lib/thumbnail/source-reader.h"
-#include "lib/thumbnail/testing/video-test-files.h"
-#include "lib/thumbnail/video-thumbnail.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/media-module.h"
+#include "lib/video/source-reader.h"
+#include "lib/video/testing/video-test-files.h"
+#include "lib/video/video-thumbnail.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -30,6 +30,8 @@ using testing_util::ScratchDir;
 // Blue 64x48 frames with a red 16x12 block at the top left.
 const char kMarked[] = "-f lavfi -i color=c=blue:s=64x48:r=10:d=2,drawbox=x=0:y=0:w=16:h=12:color=red:t=fill ";
 const char kH264[] = "-c:v libx264 -preset ultrafast -pix_fmt yuv420p ";
+// The largest request of the tool's runs (3 x 1280).
+constexpr uint32_t kRunLargest = 3840;
 
 // Sets the display matrix of the first track of an MP4 to a clockwise turn.
 bool SetMp4Rotation(const std::string& path, int clockwise_degrees, int width, int height) {
@@ -132,23 +134,23 @@ TEST_F(VideoFfmpegTest, LaterSizesOfOneClipEqualFreshDecodes) {
   const std::string clip = dir_.File("clip.mp4");
   ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-vf setsar=2 " + kH264 + "'" + clip + "'"));
   image::Bitmap small, large, same;
-  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &small).ok());
-  ASSERT_TRUE(ExtractVideoThumbnail(clip, 128, &large).ok());
-  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &same).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &small, nullptr, kRunLargest).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 128, &large, nullptr, kRunLargest).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &same, nullptr, kRunLargest).ok());
   EXPECT_TRUE(SameBitmap(small, same));
 
   const std::string copy = dir_.File("copy.mp4");
   std::ifstream in(clip, std::ios::binary);
   std::ofstream(copy, std::ios::binary) << in.rdbuf();
   image::Bitmap fresh;
-  ASSERT_TRUE(ExtractVideoThumbnail(copy, 128, &fresh).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(copy, 128, &fresh, nullptr, kRunLargest).ok());
   EXPECT_EQ(128, fresh.width());
   EXPECT_TRUE(SameBitmap(large, fresh));
-  ASSERT_TRUE(ExtractVideoThumbnail(copy, 40, &fresh).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(copy, 40, &fresh, nullptr, kRunLargest).ok());
   EXPECT_TRUE(SameBitmap(small, fresh));
 
   ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=64x48:r=10:d=2 " + std::string(kH264) + "'" + clip + "'"));
-  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &fresh).ok());
+  ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &fresh, nullptr, kRunLargest).ok());
   EXPECT_EQ(40, fresh.width());
   EXPECT_TRUE(RedBgra(Pixel(fresh, 30, 20)));
 }
@@ -392,7 +394,7 @@ TEST_F(VideoFfmpegTest, HugeFramesAreConvertedAtTheSizeTheRunNeeds) {
                              Request{8000, 4000, 96}, Request{100, 100, 2}}) {
       SCOPED_TRACE(r.cx);
       image::Bitmap thumb;
-      ASSERT_TRUE(ExtractVideoThumbnail(clip, r.cx, &thumb).ok());
+      ASSERT_TRUE(ExtractVideoThumbnail(clip, r.cx, &thumb, nullptr, kRunLargest).ok());
       EXPECT_EQ(r.width, thumb.width());
       EXPECT_EQ(r.height, thumb.height());
       EXPECT_TRUE(GreenBgra(Pixel(thumb, thumb.width() / 2, thumb.height() / 2)));

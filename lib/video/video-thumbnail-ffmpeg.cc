@@ -1,4 +1,4 @@
-#include "lib/thumbnail/video-thumbnail.h"
+#include "lib/video/video-thumbnail.h"
 
 extern "C" {
 #include <libavfilter/avfilter.h>
@@ -21,9 +21,7 @@ extern "C" {
 #include "lib/image/area-resample.h"
 #include "lib/image/limits.h"
 #include "lib/image/transform.h"
-#include "lib/thumbnail/ffmpeg-media.h"
-#include "lib/thumbnail/thumbnail-provider.h"
-#include "lib/thumbnail/thumbnail-size.h"
+#include "lib/video/ffmpeg-media.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -325,12 +323,6 @@ struct UprightFrame {
   bool Serves(uint32_t cx) const { return max_cx == 0 || cx <= max_cx; }
 };
 
-// The largest cx one run of the tool asks for.
-uint32_t LargestRunRequest() {
-  const std::vector<uint32_t> run = RunRequestEdges();
-  return *std::max_element(run.begin(), run.end());
-}
-
 // The storage size (before non-square pixels and turning) that a frame of
 // width x height, shown at display_width x display_height, needs for every
 // request up to cx: the whole frame when nothing would be reduced.
@@ -350,7 +342,7 @@ void SizeFor(int width, int height, int display_width, int display_height, uint3
 
 // `id` is null when the file cannot be identified. *opened tells whether the
 // file opened as a video (so that a failure is one of decoding).
-Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, uint32_t cx,
+Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, uint32_t cx, uint32_t largest_cx,
                           const std::shared_ptr<const utility::Cancellation>& cancellation,
                           UprightFrame* upright, bool* opened) {
   *opened = false;
@@ -397,10 +389,10 @@ Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, 
   // The decoder's threads and frames go before the frame is converted.
   file.reset();
 
-  // Converted only at the size the run's largest request needs: a huge
+  // Converted only at the size the largest request needs: a huge
   // frame would otherwise take gigabytes, above all for tone mapping, which
   // works on floats (12 bytes a pixel, in every stage of it).
-  const uint32_t limit = std::max(cx, LargestRunRequest());
+  const uint32_t limit = std::max(cx, largest_cx);
   int converted_width = 0;
   int converted_height = 0;
   SizeFor(width, height, display_width, display_height, limit, &converted_width, &converted_height);
@@ -504,7 +496,7 @@ bool IsVideoContent(const std::string& utf8_path,
 }
 
 Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
-                             const std::shared_ptr<const utility::Cancellation>& cancellation) {
+                             const std::shared_ptr<const utility::Cancellation>& cancellation, uint32_t largest_cx) {
   if (cx == 0) return Status::InvalidArgument("cx is 0");
   FileIdentity id;
   const bool identified = IdentifyFile(utf8_path, &id);
@@ -518,7 +510,7 @@ Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::B
   if (!frame) {
     auto decoded = std::make_shared<UprightFrame>();
     bool opened = false;
-    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, cx, cancellation, decoded.get(),
+    Status status = DecodeUprightFrame(utf8_path, identified ? &id : nullptr, cx, largest_cx, cancellation, decoded.get(),
                                        &opened);
     if (!status.ok()) {
       if (identified && Repeats(status)) TheFrameCache().Keep(id, FrameCache::Entry{nullptr, status, opened});

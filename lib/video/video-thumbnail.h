@@ -15,8 +15,8 @@
 // that cannot be done costs its attempt once, not once per size.
 //
 // Thread-safety: both functions may run on any thread, at the same time.
-#ifndef TESSERA_LIB_THUMBNAIL_VIDEO_THUMBNAIL_H_
-#define TESSERA_LIB_THUMBNAIL_VIDEO_THUMBNAIL_H_
+#ifndef TESSERA_LIB_VIDEO_VIDEO_THUMBNAIL_H_
+#define TESSERA_LIB_VIDEO_VIDEO_THUMBNAIL_H_
 
 #include <cstdint>
 #include <memory>
@@ -45,10 +45,16 @@ bool IsVideoContent(const std::string& utf8_path,
 // Timeout when the deadline ran out or `cancellation` (may be null) was
 // cancelled, which stops the decoding at its next read. *out is untouched
 // on failure.
+//
+// `largest_cx` is the largest cx the caller will ask of this file (0: cx).
+// The frame is converted at the size that request needs and kept for the
+// later requests of the file, each of which then gets exactly what a fresh
+// decode told the same largest_cx gives.
 Status ExtractVideoThumbnail(const std::string& utf8_path, uint32_t cx, image::Bitmap* out,
-                             const std::shared_ptr<const utility::Cancellation>& cancellation = nullptr);
+                             const std::shared_ptr<const utility::Cancellation>& cancellation = nullptr,
+                             uint32_t largest_cx = 0);
 
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_VIDEO_THUMBNAIL_H_
+#endif  // TESSERA_LIB_VIDEO_VIDEO_THUMBNAIL_H_

@@ -1,13 +1,13 @@
 // Pixel probes for decoder tests: mean colour of a region of a BGRA bitmap.
-#ifndef TESSERA_LIB_IMAGE_TESTING_BITMAP_PROBE_H_
-#define TESSERA_LIB_IMAGE_TESTING_BITMAP_PROBE_H_
+#ifndef TESSERA_LIB_CODEC_TESTING_BITMAP_PROBE_H_
+#define TESSERA_LIB_CODEC_TESTING_BITMAP_PROBE_H_
 
 #include <string>
 
 #include "lib/image/bitmap.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace testing {
 
 struct Rgb {
@@ -15,7 +15,7 @@ struct Rgb {
 };
 
 // Mean of the pixels in [x0, x1) x [y0, y1), clipped to the bitmap.
-inline Rgb MeanColor(const Bitmap& bitmap, int x0, int y0, int x1, int y1) {
+inline Rgb MeanColor(const image::Bitmap& bitmap, int x0, int y0, int x1, int y1) {
   Rgb sum;
   int count = 0;
   for (int y = y0 < 0 ? 0 : y0; y < y1 && y < bitmap.height(); ++y) {
@@ -35,7 +35,7 @@ inline Rgb MeanColor(const Bitmap& bitmap, int x0, int y0, int x1, int y1) {
   return sum;
 }
 
-inline Rgb MeanColor(const Bitmap& bitmap) {
+inline Rgb MeanColor(const image::Bitmap& bitmap) {
   return MeanColor(bitmap, 0, 0, bitmap.width(), bitmap.height());
 }
 
@@ -44,7 +44,7 @@ inline std::string ToString(const Rgb& c) {
 }
 
 }  // namespace testing
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_TESTING_BITMAP_PROBE_H_
+#endif  // TESSERA_LIB_CODEC_TESTING_BITMAP_PROBE_H_

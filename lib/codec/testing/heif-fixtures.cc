@@ -1,11 +1,11 @@
-#include "lib/image/testing/heif-fixtures.h"
+#include "lib/codec/testing/heif-fixtures.h"
 
 #include <libheif/heif.h>
 
 #include <vector>
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace testing {
 namespace {
 
@@ -264,5 +264,5 @@ std::string BuildHeifItemGraph(const HeifItemGraph& graph) {
 }
 
 }  // namespace testing
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera

@@ -4,8 +4,8 @@
 // one coded tile, which can take the shapes real encoders never write
 // (tens of thousands of tiles, tiles referenced many times over).
 // Test-only.
-#ifndef TESSERA_LIB_IMAGE_TESTING_HEIF_FIXTURES_H_
-#define TESSERA_LIB_IMAGE_TESTING_HEIF_FIXTURES_H_
+#ifndef TESSERA_LIB_CODEC_TESTING_HEIF_FIXTURES_H_
+#define TESSERA_LIB_CODEC_TESTING_HEIF_FIXTURES_H_
 
 #include <cstdint>
 #include <functional>
@@ -13,7 +13,7 @@
 #include <vector>
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace testing {
 
 // Writes the R, G and B samples (of the fixture's bit depth) of pixel x, y.
@@ -73,7 +73,7 @@ struct HeifItemGraph {
 std::string BuildHeifItemGraph(const HeifItemGraph& graph);
 
 }  // namespace testing
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_TESTING_HEIF_FIXTURES_H_
+#endif  // TESSERA_LIB_CODEC_TESTING_HEIF_FIXTURES_H_

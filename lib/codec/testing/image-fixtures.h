@@ -1,15 +1,15 @@
 // Small test images made on the fly with the codecs themselves, so tests need
 // no binary fixtures. Test-only; the encoders return an empty string when the
 // codec refuses the input.
-#ifndef TESSERA_LIB_IMAGE_TESTING_IMAGE_FIXTURES_H_
-#define TESSERA_LIB_IMAGE_TESTING_IMAGE_FIXTURES_H_
+#ifndef TESSERA_LIB_CODEC_TESTING_IMAGE_FIXTURES_H_
+#define TESSERA_LIB_CODEC_TESTING_IMAGE_FIXTURES_H_
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace testing {
 
 // 8-bit RGB, rows top to bottom.
@@ -35,20 +35,6 @@ std::string EncodeJpeg(const RgbImage& image, const JpegOptions& options = JpegO
 // adobe_inverted the samples are stored inverted behind an Adobe segment, as
 // Adobe applications write them; otherwise as-is and without that segment.
 std::string EncodeCmykJpeg(int width, int height, const uint8_t ink[4], bool adobe_inverted);
-
-// Byte writers for hand-made files: appended little-endian, or written
-// big-endian over the bytes at `at`.
-void AppendLe16(std::string* s, uint32_t v);
-void AppendLe32(std::string* s, uint32_t v);
-void PutBe16At(std::string* s, size_t at, uint16_t v);
-void PutBe32At(std::string* s, size_t at, uint32_t v);
-
-// An RGB display profile whose only tag is a float pipeline (D2B0) of
-// `elements` processing elements, every one of them the same 3 x 3 matrix:
-// a few bytes for each however many there are (and next to nothing once
-// compressed in a PNG), but one step each for every colour lcms2 samples
-// when it builds a transform.
-std::string MultiProcessIccProfile(uint32_t elements);
 
 // A gray progressive JPEG of side x side, all mid grey, made of one DC
 // scan and `scans` - 1 identical AC scans of nothing but end-of-band runs:
@@ -76,11 +62,8 @@ std::string EncodePng(const PngImage& image);
 // tiny IDAT and IEND: a "decompression bomb" header.
 std::string PngDeclaring(uint32_t width, uint32_t height);
 
-// An sRGB-like profile with the Display P3 primaries (lcms2).
-std::string DisplayP3Profile();
-
 }  // namespace testing
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_TESTING_IMAGE_FIXTURES_H_
+#endif  // TESSERA_LIB_CODEC_TESTING_IMAGE_FIXTURES_H_

@@ -1,7 +1,7 @@
 // Checks the reductions a decoder makes ahead of their request against fresh
 // decodes. Test-only.
-#ifndef TESSERA_LIB_IMAGE_TESTING_SERVED_AHEAD_H_
-#define TESSERA_LIB_IMAGE_TESTING_SERVED_AHEAD_H_
+#ifndef TESSERA_LIB_CODEC_TESTING_SERVED_AHEAD_H_
+#define TESSERA_LIB_CODEC_TESTING_SERVED_AHEAD_H_
 
 #include <cstdint>
 #include <cstring>
@@ -11,16 +11,16 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/image/byte-source.h"
-#include "lib/image/image-decoder.h"
+#include "lib/codec/byte-source.h"
+#include "lib/codec/image-decoder.h"
 
 namespace tessera {
-namespace image {
+namespace codec {
 namespace testing {
 
 using DecoderFactory = std::function<std::unique_ptr<ImageDecoder>()>;
 
-inline void ExpectSameBitmap(const Bitmap& expected, const Bitmap& actual) {
+inline void ExpectSameBitmap(const image::Bitmap& expected, const image::Bitmap& actual) {
   ASSERT_EQ(actual.width(), expected.width());
   ASSERT_EQ(actual.height(), expected.height());
   EXPECT_EQ(0, std::memcmp(actual.data(), expected.data(), expected.byte_size()));
@@ -43,7 +43,7 @@ inline std::vector<uint32_t> ServedAhead(const DecoderFactory& create, const std
     return ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   };
   // Before anything is kept under `key`.
-  std::vector<Bitmap> fresh(cx_values.size());
+  std::vector<image::Bitmap> fresh(cx_values.size());
   std::vector<bool> fresh_ok(cx_values.size());
   for (size_t i = 0; i < cx_values.size(); ++i) {
     std::unique_ptr<ImageDecoder> decoder = create();
@@ -60,7 +60,7 @@ inline std::vector<uint32_t> ServedAhead(const DecoderFactory& create, const std
     return decoder;
   };
 
-  Bitmap first;
+  image::Bitmap first;
   EXPECT_EQ(keyed()->Decode(source().get(), cx_values[0], &first).ok(), fresh_ok[0]);
   if (fresh_ok[0]) ExpectSameBitmap(fresh[0], first);
 
@@ -68,7 +68,7 @@ inline std::vector<uint32_t> ServedAhead(const DecoderFactory& create, const std
   const std::unique_ptr<ByteSource> empty = ByteSource::FromMemory(nullptr, 0);
   for (size_t i = 1; i < cx_values.size(); ++i) {
     SCOPED_TRACE("cx " + std::to_string(cx_values[i]));
-    Bitmap bitmap;
+    image::Bitmap bitmap;
     if (!keyed()->Decode(empty.get(), cx_values[i], &bitmap).ok()) continue;
     served.push_back(cx_values[i]);
     EXPECT_TRUE(fresh_ok[i]);
@@ -80,7 +80,7 @@ inline std::vector<uint32_t> ServedAhead(const DecoderFactory& create, const std
 }
 
 }  // namespace testing
-}  // namespace image
+}  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_IMAGE_TESTING_SERVED_AHEAD_H_
+#endif  // TESSERA_LIB_CODEC_TESTING_SERVED_AHEAD_H_

@@ -1,8 +1,8 @@
 // A scripted MediaSource for tests: frames with given times, optional
 // rotation, characteristics and native type, and a switch that makes reads
 // never answer. Answers arrive on a thread of their own, as on a platform.
-#ifndef TESSERA_LIB_THUMBNAIL_TESTING_FAKE_MEDIA_SOURCE_H_
-#define TESSERA_LIB_THUMBNAIL_TESTING_FAKE_MEDIA_SOURCE_H_
+#ifndef TESSERA_LIB_VIDEO_TESTING_FAKE_MEDIA_SOURCE_H_
+#define TESSERA_LIB_VIDEO_TESTING_FAKE_MEDIA_SOURCE_H_
 
 #include <atomic>
 #include <memory>
@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "lib/thumbnail/media-source.h"
+#include "lib/video/media-source.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -113,4 +113,4 @@ class FakeMediaSource : public MediaSource {
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_TESTING_FAKE_MEDIA_SOURCE_H_
+#endif  // TESSERA_LIB_VIDEO_TESTING_FAKE_MEDIA_SOURCE_H_

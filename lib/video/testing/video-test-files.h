@@ -1,7 +1,7 @@
 // Test helpers for the video code: a scratch directory, reading a JPEG back
 // into RGB, and running the ffmpeg command to make clips.
-#ifndef TESSERA_LIB_THUMBNAIL_TESTING_VIDEO_TEST_FILES_H_
-#define TESSERA_LIB_THUMBNAIL_TESTING_VIDEO_TEST_FILES_H_
+#ifndef TESSERA_LIB_VIDEO_TESTING_VIDEO_TEST_FILES_H_
+#define TESSERA_LIB_VIDEO_TESTING_VIDEO_TEST_FILES_H_
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -92,4 +92,4 @@ inline bool IsBluish(const unsigned char* rgb) { return rgb[2] > 150 && rgb[0] <
 }  // namespace thumbnail
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_THUMBNAIL_TESTING_VIDEO_TEST_FILES_H_
+#endif  // TESSERA_LIB_VIDEO_TESTING_VIDEO_TEST_FILES_H_
