@@ -15,7 +15,7 @@ const RawModuleTable kTable = {RawModuleTable::kAbiVersion, &CreateDecoder, &Dec
 }  // namespace codec
 }  // namespace tessera
 
-extern "C" __attribute__((visibility("default"))) const tessera::codec::RawModuleTable*
+extern "C" TESSERA_MODULE_EXPORT const tessera::codec::RawModuleTable*
 TesseraRawModuleTable() {
   return &tessera::codec::kTable;
 }

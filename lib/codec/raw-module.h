@@ -1,11 +1,11 @@
 // The camera RAW decoder (LibRaw) is built twice: into a static library that
-// tests link directly, and as a loadable module, libtessera-raw.so, that the
+// tests link directly, and as a loadable module, tessera-raw (a .so or .dll), that the
 // tool loads beside its executable the first time a camera RAW file is
 // decoded. Other runs then never map LibRaw, whose relocations alone cost
 // every run start-up time and a few megabytes of memory.
 //
 // The module exports one C function, RawModuleTable::kEntryName, returning
-// the table below. The loader (raw-module-dlopen.cc) defines
+// the table below. The loader (raw-module-loader.cc) defines
 // CreateRawDecoder() and DecodeCameraRaw() by calling it; when the module
 // cannot be loaded, after one ERROR line, CreateRawDecoder() returns nullptr
 // (no decoder: the file is refused cleanly) and DecodeCameraRaw() refuses
@@ -30,7 +30,7 @@ namespace codec {
 struct RawModuleTable {
   static constexpr uint32_t kAbiVersion = 2;
   static constexpr char kKind[] = "RAW";
-  static constexpr char kFileName[] = "libtessera-raw.so";
+  static constexpr char kFileStem[] = "tessera-raw";
   static constexpr char kEntryName[] = "TesseraRawModuleTable";
 
   uint32_t abi_version;

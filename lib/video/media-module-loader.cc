@@ -1,10 +1,9 @@
-// Loads libtessera-media.so on first use and forwards the media entry points
+// Loads the media module (tessera-media) on first use and forwards the media entry points
 // to it. Linked into the tool instead of the FFmpeg code itself.
 #include <memory>
 #include <string>
 
 #include "lib/utility/module-loader.h"
-#include "lib/utility/run-deadline.h"
 #include "lib/video/media-module.h"
 #include "lib/video/video-thumbnail.h"
 
@@ -13,7 +12,7 @@ namespace thumbnail {
 namespace {
 
 utility::ModuleLoader& Loader() {
-  static auto* loader = new utility::ModuleLoader("media", kMediaModuleFileName, kMediaModuleEntry,
+  static auto* loader = new utility::ModuleLoader("media", kMediaModuleFileStem, kMediaModuleEntry,
                                                    kMediaModuleAbiVersion);
   return *loader;
 }
@@ -38,9 +37,9 @@ class UnavailableMediaSource : public MediaSource {
 
 void SetMediaModulePath(const std::string& path) { Loader().SetPath(path); }
 
-std::unique_ptr<MediaSource> MediaSource::Create() {
+std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::time_point deadline) {
   const MediaModuleTable* module = Module();
-  MediaSource* source = module ? module->create_media_source(utility::RunDeadline()) : nullptr;
+  MediaSource* source = module ? module->create_media_source(deadline) : nullptr;
   if (source == nullptr) return std::make_unique<UnavailableMediaSource>();
   return std::unique_ptr<MediaSource>(source);
 }

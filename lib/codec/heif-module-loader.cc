@@ -1,4 +1,4 @@
-// Loads libtessera-heif.so on the first HEIF decode and creates decoders
+// Loads the HEIF module (tessera-heif) on the first HEIF decode and creates decoders
 // from it. Linked into the tool instead of the HEIF decoder itself.
 #include <memory>
 #include <string>

@@ -1,4 +1,4 @@
-// Loads libtessera-raw.so on the first camera RAW decode and forwards to it.
+// Loads the RAW module (tessera-raw) on the first camera RAW decode and forwards to it.
 // Linked into the tool instead of the RAW decoder itself.
 #include <memory>
 #include <string>

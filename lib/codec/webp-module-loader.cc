@@ -1,4 +1,4 @@
-// Loads libtessera-webp.so on the first WebP decode and creates decoders
+// Loads the WebP module (tessera-webp) on the first WebP decode and creates decoders
 // from it. Linked into the tool instead of the WebP decoder itself.
 #include <memory>
 #include <string>

@@ -1,4 +1,4 @@
-// Loads libtessera-tiff.so on the first TIFF decode and creates decoders
+// Loads the TIFF module (tessera-tiff) on the first TIFF decode and creates decoders
 // from it. Linked into the tool instead of the TIFF decoder itself.
 #include <memory>
 #include <string>

@@ -1,4 +1,4 @@
-// Loads libtessera-gif.so on the first GIF decode and creates decoders
+// Loads the GIF module (tessera-gif) on the first GIF decode and creates decoders
 // from it. Linked into the tool instead of the GIF decoder itself.
 #include <memory>
 #include <string>
