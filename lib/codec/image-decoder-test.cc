@@ -1,8 +1,3 @@
-#include <fcntl.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <webp/encode.h>
 
 #include <algorithm>
@@ -193,54 +188,6 @@ TEST(ImageDecoderTest, CancelledSourcesFailInEveryFormat) {
       EXPECT_TRUE(none.empty());
     }
   }
-}
-
-class FileSourceTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* base = getenv("TESSERA_TEST_TMPDIR");
-    std::string root = base && *base ? base : "/tmp";
-    mkdir(root.c_str(), 0700);
-    std::string pattern = root + "/byte-source-XXXXXX";
-    ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    for (const char* name : {"/data", "/fifo"}) unlink((dir_ + name).c_str());
-    rmdir(dir_.c_str());
-  }
-  std::string dir_;
-};
-
-TEST_F(FileSourceTest, ReadsRegularFilesAndRefusesEverythingElseAtOnce) {
-  const std::string path = dir_ + "/data";
-  {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(write(fd, "0123456789", 10), 10);
-    close(fd);
-  }
-  std::unique_ptr<ByteSource> source;
-  ASSERT_TRUE(ByteSource::OpenFile(path, &source).ok());
-  EXPECT_EQ(source->size(), 10u);
-  char buf[8] = {};
-  EXPECT_EQ(source->ReadAt(6, buf, 8), 4);
-  EXPECT_EQ(std::string(buf, 4), "6789");
-  EXPECT_EQ(source->ReadAt(10, buf, 8), 0);
-  EXPECT_EQ(source->ReadAt(1000, buf, 8), 0);
-  std::string all;
-  EXPECT_TRUE(source->ReadAll(10, &all).ok());
-  EXPECT_EQ(all, "0123456789");
-  EXPECT_FALSE(source->ReadAll(9, &all).ok());
-
-  std::unique_ptr<ByteSource> other;
-  EXPECT_EQ(ByteSource::OpenFile(dir_ + "/missing", &other).code(), Status::Code::kNotFound);
-  // A FIFO without a writer would block a plain open() forever.
-  ASSERT_EQ(mkfifo((dir_ + "/fifo").c_str(), 0600), 0);
-  EXPECT_EQ(ByteSource::OpenFile(dir_ + "/fifo", &other).code(), Status::Code::kInvalidArgument);
-  EXPECT_EQ(ByteSource::OpenFile(dir_, &other).code(), Status::Code::kInvalidArgument);
-  EXPECT_EQ(ByteSource::OpenFile("/dev/null", &other).code(), Status::Code::kInvalidArgument);
-  EXPECT_EQ(other, nullptr);
 }
 
 }  // namespace

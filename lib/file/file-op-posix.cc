@@ -182,6 +182,8 @@ int RemoveTreeAt(int parent_fd, const char* name, int depth) {
 
 }  // namespace
 
+std::string ToNativePath(const std::string& path) { return path; }
+
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;
   std::string stripped = StripTrailingSlashes(path);
@@ -282,6 +284,25 @@ bool OpenForWriting(const std::string& path, int* descriptor) {
     return false;
   }
   *descriptor = fd;
+  return true;
+}
+
+bool WriteAll(const std::string& /*path*/, int descriptor, const void* data, size_t size) {
+  if (descriptor < 0) {
+    errno = EBADF;
+    return false;
+  }
+  if (ftruncate(descriptor, 0) != 0) return false;
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t written = pwrite(descriptor, bytes + done, size - done, static_cast<off_t>(done));
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(written);
+  }
   return true;
 }
 

@@ -8,6 +8,8 @@
 #include <windows.h>
 #include <io.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -198,6 +200,8 @@ int RemoveTree(const std::string& dir, int depth) {
 
 }  // namespace
 
+std::string ToNativePath(const std::string& path) { return LongPath(path).text; }
+
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;
   if (path.size() <= 3) {
@@ -308,6 +312,35 @@ bool OpenForWriting(const std::string& path, int* descriptor) {
   if (file == nullptr) return false;
   fclose(file);
   *descriptor = -1;
+  return true;
+}
+
+bool WriteAll(const std::string& path, int /*descriptor*/, const void* data, size_t size) {
+  // No handle is kept on this platform (OpenForWriting made the file): the
+  // file at the path is emptied and written.
+  LongPath long_path(path);
+  ScopedHandle handle(CreateFileW(Wide(long_path.wide), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                  TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (handle.get() == INVALID_HANDLE_VALUE) {
+    handle.release();
+    errno = IsNotFound(GetLastError()) ? ENOENT : EACCES;
+    return false;
+  }
+  if (GetFileType(handle.get()) != FILE_TYPE_DISK) {
+    errno = EINVAL;
+    return false;
+  }
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  size_t done = 0;
+  while (done < size) {
+    const DWORD chunk = size - done > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size - done);
+    DWORD written = 0;
+    if (!WriteFile(handle.get(), bytes + done, chunk, &written, nullptr) || written == 0) {
+      errno = GetLastError() == ERROR_DISK_FULL ? ENOSPC : EIO;
+      return false;
+    }
+    done += written;
+  }
   return true;
 }
 
