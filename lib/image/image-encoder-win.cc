@@ -1,5 +1,7 @@
-// Saving bitmaps with GDI+ (flat API). GDI+ is started once per process, on
-// first use, and stays up until the process ends.
+// The encoder table on Windows: the platform's own image encoders, GDI+'s
+// (flat API), as the frame writer looks them up by MIME type. Thumbnails are
+// saved by image-encoder.cc, as on every platform. GDI+ is started once per
+// process, on first use, and stays up until the process ends.
 #include <windows.h>
 // GDI+ needs the Windows types first.
 #include <gdiplus.h>
@@ -75,9 +77,7 @@ Status Save(const Bitmap& bitmap, const std::string& utf8_path, const wchar_t* m
   return Status::OK();
 }
 
-}  // namespace
-
-Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
+Status GdiplusSaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
   ULONG quality = kJpegQuality;
   Gdiplus::EncoderParameters parameters;
   parameters.Count = 1;
@@ -88,18 +88,11 @@ Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
   return Save(bitmap, utf8_path, L"image/jpeg", &parameters);
 }
 
-Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
+Status GdiplusSavePng(const Bitmap& bitmap, const std::string& utf8_path) {
   return Save(bitmap, utf8_path, L"image/png", nullptr);
 }
 
-// GDI+ saves to a path; the file layer keeps no handle on this platform.
-Status SaveJpeg(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::string& utf8_path) {
-  return SaveJpeg(bitmap, utf8_path);
-}
-
-Status SavePng(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::string& utf8_path) {
-  return SavePng(bitmap, utf8_path);
-}
+}  // namespace
 
 const std::vector<ImageEncoder>& ImageEncoders() {
   // The formats this platform can save, in the order of the GDI+ table.
@@ -114,8 +107,8 @@ const std::vector<ImageEncoder>& ImageEncoders() {
     if (gdip::GdipGetImageEncoders(count, bytes, codecs) != Gdiplus::Ok) return list;
     for (UINT i = 0; i < count; ++i) {
       if (codecs[i].MimeType == nullptr) continue;
-      if (wcscmp(codecs[i].MimeType, L"image/jpeg") == 0) list.push_back({"image/jpeg", &SaveJpeg});
-      if (wcscmp(codecs[i].MimeType, L"image/png") == 0) list.push_back({"image/png", &SavePng});
+      if (wcscmp(codecs[i].MimeType, L"image/jpeg") == 0) list.push_back({"image/jpeg", &GdiplusSaveJpeg});
+      if (wcscmp(codecs[i].MimeType, L"image/png") == 0) list.push_back({"image/png", &GdiplusSavePng});
     }
     return list;
   }();
