@@ -170,6 +170,22 @@ TEST_F(JobTest, AbandonedWorkIsCancelledAtTheJobLimitAndAtTheRunDeadline) {
   EXPECT_EQ(3, CountOf(::testing::internal::GetCapturedStderr(), "GenerateThumbnail timeout '/p/slow.jpg'"));
 }
 
+// Guards the frame export's bound: a platform call that never returns holds
+// the caller up until the run's deadline, no longer.
+TEST_F(JobTest, WorkPastTheRunDeadlineIsLeftBehindAndWorkInTimeAnswers) {
+  EXPECT_THROW(RunBeforeRunDeadline([] { throw std::runtime_error("boom"); }, {}), std::runtime_error);
+  int answer = 0;
+  EXPECT_TRUE(RunBeforeRunDeadline([&answer] { answer = 42; }, {}));
+  EXPECT_EQ(42, answer);
+
+  auto never = std::make_shared<Gate>();
+  utility::SetRunBudget(std::chrono::milliseconds(30));
+  EXPECT_FALSE(RunBeforeRunDeadline([never] { never->Wait(); }, {"/p/frame.jpg"}));
+  utility::SetRunBudget(std::chrono::hours(24));
+  EXPECT_TRUE(HasAbandonedJobs());
+  never->Open();
+}
+
 TEST_F(JobTest, ExitWithAbandonedJobsRemovesTheirOutputs) {
 #ifdef _WIN32
   GTEST_SKIP() << "the death test's child shares the parent's files only where it is forked";

@@ -136,6 +136,25 @@ int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, cons
 
 std::shared_ptr<const utility::Cancellation> CurrentJobCancellation() { return current_job_cancellation; }
 
+void RecordAbandonedWork(const std::vector<std::string>& files) {
+  AbandonedJobs& jobs = Abandoned();
+  std::lock_guard<std::mutex> lock(jobs.mutex);
+  jobs.any = true;
+  jobs.paths.insert(jobs.paths.end(), files.begin(), files.end());
+}
+
+bool RunBeforeRunDeadline(std::function<void()> work, const std::vector<std::string>& files) {
+  std::packaged_task<void()> task(std::move(work));
+  std::future<void> done = task.get_future();
+  std::thread(std::move(task)).detach();
+  if (done.wait_until(utility::RunDeadline()) != std::future_status::ready) {
+    RecordAbandonedWork(files);
+    return false;
+  }
+  done.get();
+  return true;
+}
+
 bool HasAbandonedJobs() {
   AbandonedJobs& jobs = Abandoned();
   std::lock_guard<std::mutex> lock(jobs.mutex);
