@@ -185,7 +185,7 @@ TEST_F(ToolRunTest, NothingMadePrintsNullAndLeavesNothing) {
 // works again and a camera file in a TIFF container is read as the TIFF it
 // also is.
 TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
-  const std::string tool = in_.Join("thumbnail-tool");
+  const std::string tool = in_.Join(testing::ToolCopyName());
   std::filesystem::copy_file(ToolPath(), tool);
   const std::string jpeg = in_.Join("photo.jpg");
   if (!MakePicture(jpeg, 320, 240)) GTEST_SKIP() << "cannot make test pictures";
@@ -211,7 +211,7 @@ TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
     const char* missing_module;  // nullptr: none is loaded
   };
   auto check = [&](const Case& c) {
-    ProcessResult run = RunProcess(tool, {"--output_dir", out_.path(), "--src", c.src});
+    ProcessResult run = testing::RunToolCopy(tool, {"--output_dir", out_.path(), "--src", c.src});
     ASSERT_TRUE(run.exited) << c.src;
     EXPECT_EQ(0, run.status) << c.src;
     EXPECT_EQ(c.thumbnails, out_.List().size()) << c.src << "\n" << run.err;
@@ -230,9 +230,8 @@ TEST_F(ToolRunTest, WithoutItsModulesOnlyFilesThatNeedThemAreAffected) {
   };
   for (const Case& c : alone) check(c);
 
-  const std::filesystem::path tiff_module =
-      std::filesystem::path(ToolPath()).parent_path() / "libtessera-tiff.so";
-  std::filesystem::copy_file(tiff_module, in_.Join("libtessera-tiff.so"));
+  const std::string tiff_module = testing::ModuleFileName("tessera-tiff");
+  std::filesystem::copy_file(std::filesystem::path(ToolPath()).parent_path() / tiff_module, in_.Join(tiff_module));
   const Case with_tiff_module[] = {{tiff, 4, nullptr}, {camera_tiff, 4, "RAW"}};
   for (const Case& c : with_tiff_module) check(c);
 }
