@@ -10,7 +10,7 @@
 #include <string>
 
 #include "benchmark/benchmark.h"
-#include "lib/image/testing/image-fixtures.h"
+#include "lib/codec/testing/image-fixtures.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 
 namespace {
@@ -22,7 +22,7 @@ class CameraJpeg {
     path_ = std::string(base && *base ? base : "/tmp") + "/provider-bench-" +
             std::to_string(getpid()) + ".jpg";
     // Smooth shading with fine texture, so the entropy coder has real work.
-    tessera::image::testing::RgbImage image(6000, 4000);
+    tessera::codec::testing::RgbImage image(6000, 4000);
     uint32_t seed = 12345;
     for (int y = 0; y < image.height; ++y) {
       for (int x = 0; x < image.width; ++x) {
@@ -35,10 +35,10 @@ class CameraJpeg {
         p[2] = static_cast<uint8_t>(std::fmin(255, std::fmax(0, 90 + wave / 2 + noise)));
       }
     }
-    tessera::image::testing::JpegOptions options;
+    tessera::codec::testing::JpegOptions options;
     options.quality = 90;
     options.full_chroma = false;
-    std::ofstream(path_, std::ios::binary) << tessera::image::testing::EncodeJpeg(image, options);
+    std::ofstream(path_, std::ios::binary) << tessera::codec::testing::EncodeJpeg(image, options);
   }
   ~CameraJpeg() { unlink(path_.c_str()); }
   const std::string& path() const { return path_; }

@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <vector>
 
-#include "lib/image/color-profile.h"
-#include "lib/image/icc-profile-check.h"
+#include "lib/color/color-profile.h"
+#include "lib/color/icc-profile-check.h"
 
-using tessera::image::ColorTransform;
-using tessera::image::PixelLayout;
+using tessera::color::ColorTransform;
+using tessera::color::PixelLayout;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  tessera::image::IccProfileIsAffordable(data, size);
+  tessera::color::IccProfileIsAffordable(data, size);
   std::vector<uint8_t> pixels(64 * 4);
   for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<uint8_t>(i * 37 + size);
   for (PixelLayout layout : {PixelLayout::kBgra8, PixelLayout::kGrayBgra8, PixelLayout::kCmyk8}) {

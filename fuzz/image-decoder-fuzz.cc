@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
+#include "lib/codec/byte-source.h"
+#include "lib/codec/image-decoder.h"
 #include "lib/image/bitmap.h"
-#include "lib/image/byte-source.h"
-#include "lib/image/image-decoder.h"
 
 #ifndef TESSERA_FUZZ_FORMAT
 #error "TESSERA_FUZZ_FORMAT must name an ImageFormat enumerator"
@@ -28,8 +28,8 @@
 namespace {
 
 using tessera::image::Bitmap;
-using tessera::image::ByteSource;
-using tessera::image::ImageFormat;
+using tessera::codec::ByteSource;
+using tessera::codec::ImageFormat;
 
 // The edges the tool asks for (three times 120, 240, 320 and 1280), plus a
 // degenerate one.
@@ -61,9 +61,9 @@ constexpr bool kKeepsOtherEdges = kFormat == ImageFormat::kJpeg || kFormat == Im
 // What the provider tells decoders: results are reduced to a third of cx.
 constexpr uint32_t kEdgeDivisor = 3;
 
-std::unique_ptr<tessera::image::ImageDecoder> RunDecoder(const std::string& key,
+std::unique_ptr<tessera::codec::ImageDecoder> RunDecoder(const std::string& key,
                                                          const std::vector<uint32_t>& edges) {
-  std::unique_ptr<tessera::image::ImageDecoder> decoder = tessera::image::CreateImageDecoder(kFormat);
+  std::unique_ptr<tessera::codec::ImageDecoder> decoder = tessera::codec::CreateImageDecoder(kFormat);
   decoder->SetContentKey(key);
   decoder->SetAnticipatedRequests(edges);
   decoder->SetCallerEdgeDivisor(kEdgeDivisor);
@@ -103,12 +103,12 @@ void CheckKeptResults(const uint8_t* data, size_t size, uint32_t cx) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::unique_ptr<tessera::image::ImageDecoder> decoder = tessera::image::CreateImageDecoder(kFormat);
+  std::unique_ptr<tessera::codec::ImageDecoder> decoder = tessera::codec::CreateImageDecoder(kFormat);
   if (decoder == nullptr) return 0;  // the family is not built into this configuration
 
   // The sniffer must never read past what it is given.
-  (void)tessera::image::SniffImageFormat(data, size < 16 ? size : 16);
-  (void)tessera::image::SniffImageFormat(data, size);
+  (void)tessera::codec::SniffImageFormat(data, size < 16 ? size : 16);
+  (void)tessera::codec::SniffImageFormat(data, size);
 
   const uint32_t cx = EdgeFor(data, size);
   std::unique_ptr<ByteSource> source = ByteSource::FromMemory(data, size);

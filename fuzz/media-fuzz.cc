@@ -11,8 +11,8 @@
 
 #include "fuzz/fuzz-file.h"
 #include "lib/image/bitmap.h"
-#include "lib/thumbnail/source-reader.h"
-#include "lib/thumbnail/video-thumbnail.h"
+#include "lib/video/source-reader.h"
+#include "lib/video/video-thumbnail.h"
 
 namespace {
 

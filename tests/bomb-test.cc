@@ -19,9 +19,11 @@
 #include <jpeglib.h>
 #include <libheif/heif.h>
 
-#include "lib/image/testing/heif-fixtures.h"
-#include "lib/image/testing/image-fixtures.h"
+#include "lib/codec/testing/heif-fixtures.h"
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/color/testing/icc-fixtures.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/byte-writers.h"
 #include "tests/clean-run.h"
 #include "tests/image-bytes.h"
 #include "tests/tool-runner.h"
@@ -36,8 +38,8 @@ using testing::RunProcess;
 using testing::RunTool;
 using testing::ZeroPng;
 using thumbnail::testing::ScratchDir;
-constexpr auto PutLe16 = image::testing::AppendLe16;
-constexpr auto PutLe32 = image::testing::AppendLe32;
+constexpr auto PutLe16 = tessera::testing::AppendLe16;
+constexpr auto PutLe32 = tessera::testing::AppendLe32;
 
 // Peak resident memory any run may reach.
 constexpr long kMaxRssBytes = long{1} << 30;
@@ -197,19 +199,19 @@ std::string HeifDeclaring(uint32_t width, uint32_t height) {
 }
 
 std::string PngWithProfile(const std::string& icc) {
-  image::testing::PngImage png;
+  codec::testing::PngImage png;
   png.width = 600;
   png.height = 400;
   png.color_type = 2;
   png.samples.assign(size_t{600} * 400 * 3, 140);
   png.icc = icc;
-  return image::testing::EncodePng(png);
+  return codec::testing::EncodePng(png);
 }
 
 std::string JpegWithProfile(const std::string& icc) {
-  image::testing::JpegOptions options;
+  codec::testing::JpegOptions options;
   options.icc = icc;
-  return image::testing::EncodeJpeg(image::testing::RgbImage(600, 400, 40, 90, 200), options);
+  return codec::testing::EncodeJpeg(codec::testing::RgbImage(600, 400, 40, 90, 200), options);
 }
 
 // A Matroska element: its ID, an eight-byte size and the payload.
@@ -333,11 +335,11 @@ TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
       {"declared.webp", WebpDeclaring(16383, 16383)},
       {"declared.heic", HeifDeclaring(30000, 30000)},
       // 500 scans, each a pass over every block of the picture.
-      {"many-scans.jpg", image::testing::ManyScanJpeg(4096, 500)},
+      {"many-scans.jpg", codec::testing::ManyScanJpeg(4096, 500)},
       // Colour profiles whose float pipelines repeat one matrix 100 000 and
       // 10 000 times: a transform of them takes minutes to build.
-      {"pipeline-profile.png", PngWithProfile(image::testing::MultiProcessIccProfile(100000))},
-      {"pipeline-profile.jpg", JpegWithProfile(image::testing::MultiProcessIccProfile(10000))},
+      {"pipeline-profile.png", PngWithProfile(color::testing::MultiProcessIccProfile(100000))},
+      {"pipeline-profile.jpg", JpegWithProfile(color::testing::MultiProcessIccProfile(10000))},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -370,11 +372,11 @@ TEST(BombTest, HeifTileBombsEndQuickly) {
   ScratchDir scratch;
   ASSERT_FALSE(scratch.path().empty());
   const std::string out = scratch.Join("out");
-  image::testing::HeifFixture fixture;
+  codec::testing::HeifFixture fixture;
   fixture.width = fixture.height = 64;
-  fixture.paint = image::testing::SolidHeif(90, 120, 200);
-  image::testing::HeifGrid grid;
-  ASSERT_TRUE(image::testing::ExtractCodedTile(image::testing::EncodeHeif(fixture), 64, 64, &grid.tile));
+  fixture.paint = codec::testing::SolidHeif(90, 120, 200);
+  codec::testing::HeifGrid grid;
+  ASSERT_TRUE(codec::testing::ExtractCodedTile(codec::testing::EncodeHeif(fixture), 64, 64, &grid.tile));
 
   struct Case {
     const char* name;
@@ -392,7 +394,7 @@ TEST(BombTest, HeifTileBombsEndQuickly) {
     grid.columns = c.columns;
     grid.tile_items = c.tile_items;
     const std::string src = scratch.Join(c.name);
-    std::ofstream(src, std::ios::binary) << image::testing::BuildHeifGrid(grid);
+    std::ofstream(src, std::ios::binary) << codec::testing::BuildHeifGrid(grid);
     std::filesystem::remove_all(out);
     mkdir(out.c_str(), 0755);
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "lib/thumbnail/testing/scratch-dir.h"
-#include "lib/thumbnail/testing/video-test-files.h"
+#include "lib/video/testing/video-test-files.h"
 #include "tests/tool-runner.h"
 
 namespace tessera {

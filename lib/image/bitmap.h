@@ -1,3 +1,10 @@
+// lib/image: pictures in memory and what is done to every picture whatever
+// it came from — this bitmap, its pixel memory, the area-average resampler
+// and its streaming and pipelined reducers, quarter turns and mirrors, EXIF
+// orientation, the size limits, and the JPEG/PNG encoders. Nothing here
+// decodes a file format (lib/codec does) or converts colour (lib/color).
+// Namespace tessera::image; depends on lib/utility, lib/file and lib/log only.
+//
 // An owned 32-bit BGRA pixel buffer: the picture format that thumbnail
 // providers hand out and that every step after them works on.
 //

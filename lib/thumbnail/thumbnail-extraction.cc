@@ -9,6 +9,7 @@
 #include "lib/image/image-encoder.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-job.h"
+#include "lib/utility/com-init.h"
 #include "lib/utility/text-conversion.h"
 
 namespace tessera {
@@ -110,13 +111,13 @@ bool ExtractShellThumbnails(const ThumbnailProviderFactory& factory, const std::
   // The provider's bitmap goes last of all, whether or not one was obtained.
   cleanup.Add([&source] { source = image::Bitmap(); });
 
-  const int32_t com = ComInitialize(kCoinitApartmentThreaded | kCoinitDisableOle1Dde);
+  const int32_t com = utility::ComInitialize(utility::kCoinitApartmentThreaded | utility::kCoinitDisableOle1Dde);
   if (com < 0) {
     LOG_ERROR_AT(66, kComponent, "Failed to init COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE, '%d'",
                  com);
     return false;
   }
-  cleanup.Add([] { ComUninitialize(); });
+  cleanup.Add([] { utility::ComUninitialize(); });
 
   // The provider object holds the item and, once bound, the handler:
   // releasing it releases both.

@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "lib/file/unreported-files.h"
-#include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/testing/count-of.h"
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
 #include "lib/thumbnail/testing/image-size.h"
 #include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/video/exported-frames.h"
 
 namespace tessera {
 namespace thumbnail {

@@ -7,14 +7,15 @@
 #include "lib/file/file-op.h"
 #include "lib/file/unreported-files.h"
 #include "lib/log/log.h"
-#include "lib/thumbnail/exported-frames.h"
 #include "lib/thumbnail/source-classification.h"
-#include "lib/thumbnail/source-reader.h"
 #include "lib/thumbnail/thumbnail-extraction.h"
 #include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/utility/com-init.h"
 #include "lib/utility/temp-file.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/exported-frames.h"
+#include "lib/video/source-reader.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -45,12 +46,12 @@ bool JobError(int32_t result, ThumbnailError* error) {
 
 int32_t ExportVideoFrame(const std::string& src, const std::string& frame_path) {
   CleanupList cleanup;
-  const int32_t com = ComInitialize(kCoinitApartmentThreaded);
+  const int32_t com = utility::ComInitialize(utility::kCoinitApartmentThreaded);
   if (com < 0) {
     LOG_ERROR(kComponent, "Failed to CoInitializeEx: %d", com);
     return com;
   }
-  cleanup.Add([] { ComUninitialize(); });
+  cleanup.Add([] { utility::ComUninitialize(); });
 
   const std::u16string wide_src = utility::UTF8ToUTF16(src);
   const std::u16string wide_frame = utility::UTF8ToUTF16(frame_path);

@@ -1,3 +1,10 @@
+// lib/thumbnail: the thumbnail generator — sizes (thumbnail-size.h),
+// classification by extension, this per-size generator with its video
+// fallback, the time-limited job (thumbnail-job.h), the extraction cascade
+// (thumbnail-extraction.h) and the thumbnail providers behind it
+// (thumbnail-provider.h: the Shell's on Windows, our own decoders'). It sits
+// on lib/video and lib/codec.
+//
 // The per-size thumbnail generator: checks the source's type, creates the
 // output file, runs the time-limited job and, for a video whose own
 // thumbnail failed, retries through a frame exported from it.

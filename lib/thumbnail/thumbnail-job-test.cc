@@ -18,6 +18,7 @@
 #include "lib/thumbnail/testing/scratch-dir.h"
 #include "lib/thumbnail/thumbnail-extraction.h"
 #include "lib/thumbnail/thumbnail-helper.h"
+#include "lib/utility/run-deadline.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -160,10 +161,10 @@ TEST_F(JobTest, AbandonedWorkIsCancelledAtTheJobLimitAndAtTheRunDeadline) {
 
   // A run budget shorter than the job's own limit ends the wait early; once
   // it is spent, later jobs do not wait at all.
-  SetRunBudget(std::chrono::milliseconds(30));
+  utility::SetRunBudget(std::chrono::milliseconds(30));
   EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {MakeOutput()}));
   EXPECT_EQ(1, GenerateThumbnail(helper_, "/p/slow.jpg", "jpg", {120}, false, {MakeOutput()}));
-  SetRunBudget(std::chrono::hours(24));
+  utility::SetRunBudget(std::chrono::hours(24));
   record_->WaitDestroyed(3);
   EXPECT_EQ(3, stopped->load());
   EXPECT_EQ(3, CountOf(::testing::internal::GetCapturedStderr(), "GenerateThumbnail timeout '/p/slow.jpg'"));

@@ -15,6 +15,7 @@
 #include "lib/file/file-op.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-extraction.h"
+#include "lib/utility/run-deadline.h"
 #include "lib/utility/text-conversion.h"
 
 namespace tessera {
@@ -30,9 +31,6 @@ using ExtractionTask = std::packaged_task<bool(const std::u16string&, std::vecto
                                                std::vector<std::shared_ptr<utility::TempFile>>)>;
 
 using Clock = std::chrono::steady_clock;
-
-// RunDeadline() as ticks of the steady clock, for a lock-free read.
-std::atomic<Clock::rep> run_deadline_ticks{Clock::time_point::max().time_since_epoch().count()};
 
 // Set on a job's thread for the length of its extraction.
 thread_local std::shared_ptr<const utility::Cancellation> current_job_cancellation;
@@ -90,7 +88,7 @@ int32_t GenerateThumbnail(const ThumbnailHelper& /*helper*/, const std::string& 
   std::future<bool> result = task.get_future();
   std::u16string wide_path = utility::UTF8ToUTF16(path);
   const Clock::time_point now = Clock::now();
-  const Clock::time_point run_deadline = RunDeadline();
+  const Clock::time_point run_deadline = utility::RunDeadline();
   const Clock::time_point deadline =
       timeout >= run_deadline - now ? run_deadline : now + std::chrono::duration_cast<Clock::duration>(timeout);
   // Cancelled by this side once it stops waiting, so the work never sees a
@@ -135,12 +133,6 @@ int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, cons
   return GenerateThumbnail(helper, path, extension, std::vector<uint32_t>{size}, as_png,
                            std::vector<std::shared_ptr<utility::TempFile>>{std::move(output)});
 }
-
-void SetRunBudget(Clock::duration budget) {
-  run_deadline_ticks.store((Clock::now() + budget).time_since_epoch().count());
-}
-
-Clock::time_point RunDeadline() { return Clock::time_point(Clock::duration(run_deadline_ticks.load())); }
 
 std::shared_ptr<const utility::Cancellation> CurrentJobCancellation() { return current_job_cancellation; }
 

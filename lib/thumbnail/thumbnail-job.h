@@ -22,13 +22,16 @@ class ThumbnailHelper;
 // How long a caller waits for one job, on the steady clock.
 constexpr std::chrono::seconds kThumbnailTimeout{60};
 
-// What the tool gives one run, all sizes and attempts together: one
-// attempt's time limit and a little more for the attempts that follow it.
+// What the tool gives one run (utility::SetRunBudget), all sizes and attempts
+// together: one attempt's time limit and a little more for the attempts that
+// follow it. No job waits past the run's deadline, and the work of every job
+// is cancelled when it comes, so that a run of several sizes, each with its
+// own time limit, still ends within one bound.
 constexpr std::chrono::seconds kRunBudget{62};
 
 // Runs ExtractShellThumbnails(UTF-16 path, sizes, as_png, outputs) on a new,
 // detached thread and waits for it at most kThumbnailTimeout, and never past
-// the run's deadline (SetRunBudget). When the wait ends the job's
+// the run's deadline (utility::SetRunBudget, lib/utility/run-deadline.h). When the wait ends the job's
 // cancellation (CurrentJobCancellation on its thread) is cancelled, so the
 // abandoned work stops at its next check instead of running on. The helper and
 // the extension are accepted and not used. Returns 0 when the extraction
@@ -53,15 +56,6 @@ int32_t GenerateThumbnail(const ThumbnailHelper& helper, const std::string& path
 // GenerateThumbnail for one size and one output file.
 int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, const std::string& extension,
                     uint32_t size, bool as_png, std::shared_ptr<utility::TempFile> output);
-
-// Gives the whole run `budget` from now: no job waits past that time, and
-// the work of every job is cancelled when it comes, so that a run of several
-// sizes, each with its own time limit, still ends within one bound. Without
-// a call there is no run deadline. Call before the first job.
-void SetRunBudget(std::chrono::steady_clock::duration budget);
-
-// The run's deadline (time_point::max() without a budget).
-std::chrono::steady_clock::time_point RunDeadline();
 
 // The cancellation of the job running on the calling thread: cancelled
 // when the job's caller stops waiting for it (time-out or run deadline).

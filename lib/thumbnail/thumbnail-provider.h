@@ -2,8 +2,8 @@
 // request: an item for the path, a thumbnail handler for the item, and one
 // bitmap of longer side <= cx from the handler. The extraction cascade is
 // written once against this interface; Windows implements it with the Shell
-// (thumbnail-provider-win.cc), POSIX with our own decoders
-// (thumbnail-provider-posix.cc), tests with fakes.
+// (shell-thumbnail-provider-win.cc), POSIX with our own decoders
+// (decoder-thumbnail-provider.cc), tests with fakes.
 //
 // Codes: 0 (or any non-negative value) is success; failures are negative —
 // an HRESULT on Windows, a negated errno or one of the kProvider* codes on
@@ -61,16 +61,6 @@ inline std::vector<uint32_t> RunRequestEdges() {
 
 // The platform's provider (one definition per platform).
 std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider();
-
-// COM initialisation of the calling thread (CoInitializeEx / CoUninitialize
-// on Windows; on POSIX a no-op that reports success). Returns the HRESULT-style
-// code: non-negative is success.
-int32_t ComInitialize(uint32_t coinit_flags);
-void ComUninitialize();
-
-// Flag values of CoInitializeEx, usable on every platform.
-constexpr uint32_t kCoinitApartmentThreaded = 0x2;
-constexpr uint32_t kCoinitDisableOle1Dde = 0x4;
 
 }  // namespace thumbnail
 }  // namespace tessera

@@ -11,6 +11,7 @@
 #include "lib/file/unreported-files.h"
 #include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/utility/run-deadline.h"
 #include "tool/thumbnail-tool/process-limits.h"
 #include "tool/thumbnail-tool/report.h"
 
@@ -81,7 +82,7 @@ int main(int argc, char** argv) {
 
   const std::string src = parsed.Get("src").front();
   const std::string output_dir = parsed.Get("output_dir").front();
-  tessera::thumbnail::SetRunBudget(tessera::thumbnail::kRunBudget);
+  tessera::utility::SetRunBudget(tessera::thumbnail::kRunBudget);
   const Json::Value report = tessera::tool::BuildReport(src, output_dir);
   std::cout << tessera::tool::ReportText(report) << std::endl;
   // Flushed by the endl: only a report that went out hands its files over.

@@ -1,0 +1,166 @@
+#include <errno.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "lib/codec/reduction-cache.h"
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/thumbnail/thumbnail-provider.h"
+#include "lib/thumbnail/thumbnail-size.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+class PosixProviderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* base = getenv("TESSERA_TEST_TMPDIR");
+    std::string root = base && *base ? base : "/tmp";
+    mkdir(root.c_str(), 0700);
+    std::string pattern = root + "/provider-XXXXXX";
+    ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    for (const std::string& path : created_) unlink(path.c_str());
+    rmdir(dir_.c_str());
+  }
+
+  std::u16string Write(const std::string& name, const std::string& bytes) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path, std::ios::binary) << bytes;
+    created_.push_back(path);
+    return std::u16string(path.begin(), path.end());
+  }
+
+  std::unique_ptr<ThumbnailProvider> provider_ = CreatePlatformThumbnailProvider();
+  std::string dir_;
+  std::vector<std::string> created_;
+};
+
+TEST_F(PosixProviderTest, ChoosesTheDecoderByContentNotByName) {
+  codec::testing::PngImage png;
+  png.width = 300;
+  png.height = 100;
+  png.color_type = 2;
+  png.samples.assign(300 * 100 * 3, 90);
+  ASSERT_EQ(provider_->CreateItem(Write("picture.jpg", codec::testing::EncodePng(png))), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  image::Bitmap bitmap;
+  ASSERT_EQ(provider_->GetThumbnail(150, &bitmap), 0);
+  EXPECT_EQ(bitmap.width(), 150);
+  EXPECT_EQ(bitmap.height(), 50);
+
+  // A JPEG under a foreign name, never enlarged.
+  auto jpeg = CreatePlatformThumbnailProvider();
+  ASSERT_EQ(jpeg->CreateItem(Write("photo.png", codec::testing::EncodeJpeg(
+                                                    codec::testing::RgbImage(40, 30)))),
+            0);
+  ASSERT_EQ(jpeg->BindToHandler(), 0);
+  ASSERT_EQ(jpeg->GetThumbnail(360, &bitmap), 0);
+  EXPECT_EQ(bitmap.width(), 40);
+  EXPECT_EQ(bitmap.height(), 30);
+}
+
+// Each size of a run uses a new provider; one that finds the file rewritten
+// since the last request must decode the new content, not a kept result.
+// Results come at the size the extraction makes of them: a shorter side of
+// a third of cx.
+TEST_F(PosixProviderTest, RewrittenFileIsDecodedAfresh) {
+  auto thumbnail = [](const std::u16string& path, uint32_t cx, image::Bitmap* out) {
+    auto provider = CreatePlatformThumbnailProvider();
+    ASSERT_EQ(provider->CreateItem(path), 0);
+    ASSERT_EQ(provider->BindToHandler(), 0);
+    ASSERT_EQ(provider->GetThumbnail(cx, out), 0);
+  };
+  const std::u16string path = Write("photo.jpg", codec::testing::EncodeJpeg(
+                                                     codec::testing::RgbImage(800, 600, 250, 0, 0)));
+  image::Bitmap bitmap;
+  thumbnail(path, 90, &bitmap);
+  EXPECT_EQ(bitmap.height(), 30);
+  EXPECT_GT(bitmap.row(15)[2], 200);  // red
+  Write("photo.jpg", codec::testing::EncodeJpeg(codec::testing::RgbImage(800, 608, 0, 0, 250)));
+  thumbnail(path, 60, &bitmap);
+  EXPECT_EQ(bitmap.height(), 20);
+  EXPECT_GT(bitmap.row(10)[0], 200);  // blue
+  EXPECT_LT(bitmap.row(10)[2], 50);
+}
+
+// The tool asks a new provider for each size in turn. A PNG is read whole
+// for the first; that decode leaves the other sizes' results, which their
+// requests then take.
+TEST_F(PosixProviderTest, FirstSizeOfARunLeavesTheOthers) {
+  codec::testing::PngImage png;
+  png.width = 1500;
+  png.height = 1000;
+  png.color_type = 2;
+  png.samples.assign(1500 * 1000 * 3, 90);
+  const std::u16string path = Write("picture.png", codec::testing::EncodePng(png));
+  codec::ReductionCache& kept = codec::TheReductionCache();
+  for (ThumbnailSize size : AllSizes()) {
+    auto provider = CreatePlatformThumbnailProvider();
+    ASSERT_EQ(provider->CreateItem(path), 0);
+    ASSERT_EQ(provider->BindToHandler(), 0);
+    image::Bitmap bitmap;
+    const uint32_t cx = ProviderRequestEdge(PixelSize(size));
+    ASSERT_EQ(provider->GetThumbnail(cx, &bitmap), 0);
+    EXPECT_EQ(static_cast<uint32_t>(bitmap.height()), std::min<uint32_t>(PixelSize(size), 1000));
+    EXPECT_EQ(kept.size(), AllSizes().size() - 1 - size);
+  }
+}
+
+TEST_F(PosixProviderTest, VideoContentGoesToTheVideoPath) {
+  const std::string clip = dir_ + "/clip.bin";
+  created_.push_back(clip);
+  ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -y -f lavfi -i color=c=red:s=96x64:d=2 "
+                         "-c:v mpeg4 -f mp4 '" + clip + "' >/dev/null 2>&1").c_str()),
+            0);
+  ASSERT_EQ(provider_->CreateItem(std::u16string(clip.begin(), clip.end())), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  image::Bitmap bitmap;
+  ASSERT_EQ(provider_->GetThumbnail(48, &bitmap), 0);
+  EXPECT_EQ(bitmap.width(), 48);
+  EXPECT_EQ(bitmap.height(), 32);
+  const uint8_t* center = bitmap.row(16) + 24 * 4;
+  EXPECT_GT(center[2], 200);
+  EXPECT_LT(center[1], 60);
+}
+
+TEST_F(PosixProviderTest, FailsEachStepWithItsOwnCode) {
+  image::Bitmap bitmap;
+  EXPECT_EQ(provider_->BindToHandler(), kProviderNotReady);
+  EXPECT_EQ(provider_->GetThumbnail(100, &bitmap), kProviderNotReady);
+
+  const std::u16string missing = Write("x", "");
+  EXPECT_EQ(provider_->CreateItem(missing + u"-missing"), -ENOENT);
+
+  // A FIFO with no writer is refused at once instead of blocking the job.
+  const std::string fifo = dir_ + "/pipe.jpg";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  created_.push_back(fifo);
+  EXPECT_EQ(provider_->CreateItem(std::u16string(fifo.begin(), fifo.end())), -EINVAL);
+
+  ASSERT_EQ(provider_->CreateItem(Write("notes.jpg", "just some text, not a picture")), 0);
+  EXPECT_EQ(provider_->BindToHandler(), kProviderNoHandler);
+  EXPECT_EQ(provider_->GetThumbnail(100, &bitmap), kProviderNotReady);
+
+  ASSERT_EQ(provider_->CreateItem(Write("bomb.png", codec::testing::PngDeclaring(50000, 50000))), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  EXPECT_EQ(provider_->GetThumbnail(360, &bitmap), kProviderTooLarge);
+
+  ASSERT_EQ(provider_->CreateItem(Write("broken.jpg", std::string("\xFF\xD8\xFF\xE0\0\x10JFIF", 10))), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  EXPECT_EQ(provider_->GetThumbnail(360, &bitmap), kProviderDecodeFailed);
+  EXPECT_TRUE(bitmap.empty());
+}
+
+}  // namespace
+}  // namespace thumbnail
+}  // namespace tessera

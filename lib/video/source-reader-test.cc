@@ -1,0 +1,143 @@
+#include "lib/video/source-reader.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "lib/utility/text-conversion.h"
+#include "lib/video/testing/fake-media-source.h"
+#include "lib/video/testing/video-test-files.h"
+
+namespace tessera {
+namespace thumbnail {
+namespace {
+
+using testing_util::ReadJpeg;
+using testing_util::RgbImage;
+using testing_util::ScratchDir;
+
+constexpr std::chrono::milliseconds kShortWait{5};
+constexpr int64_t kSecond = 10000000;
+
+// Frame times every `step` from 0 to `end` (exclusive), in 100-ns units.
+std::vector<int64_t> Times(int64_t step, int64_t end) {
+  std::vector<int64_t> times;
+  for (int64_t t = 0; t < end; t += step) times.push_back(t);
+  return times;
+}
+
+class SourceReaderTest : public ::testing::Test {
+ protected:
+  // Exports with seek time 1 through a fake; returns the exception text, or
+  // "" on success (the image then in image_).
+  std::string Export(const FakeMediaScript& script, int32_t seek_seconds = 1) {
+    const std::string path = dir_.File("frame.jpg");
+    try {
+      SourceReader reader(std::make_unique<FakeMediaSource>(script, log_), u"clip.mp4", kShortWait);
+      reader.ExportFrame(utility::UTF8ToUTF16(path), seek_seconds);
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    EXPECT_TRUE(ReadJpeg(path, &image_));
+    return "";
+  }
+  // The fake fills frame n (1-based) with the grey value 10 * n.
+  int FrameNumber() const { return (image_.At(0, 0)[1] + 5) / 10; }
+
+  ScratchDir dir_;
+  std::shared_ptr<FakeMediaLog> log_ = std::make_shared<FakeMediaLog>();
+  RgbImage image_;
+};
+
+TEST_F(SourceReaderTest, SeekableSourceSeeksAndReturnsFirstFrameAtTarget) {
+  FakeMediaScript script;
+  script.frame_times_hns = Times(kSecond / 4, 3 * kSecond);
+  EXPECT_EQ("", Export(script));
+  EXPECT_EQ(1, log_->seeks.load());
+  EXPECT_EQ(kSecond, log_->last_seek_hns.load());
+  EXPECT_EQ(5, FrameNumber());  // the frame at exactly 1 s
+  EXPECT_EQ(1, log_->reads.load());
+  EXPECT_EQ(8, image_.width);
+  EXPECT_EQ(4, image_.height);
+}
+
+TEST_F(SourceReaderTest, SlowSeekingSourceIsReadForwardUpToTheSkipLimit) {
+  FakeMediaScript script;
+  script.characteristics = kCharacteristicCanSeek | kCharacteristicHasSlowSeek;
+  script.frame_times_hns = Times(kSecond / 10, 3 * kSecond);
+  EXPECT_EQ("", Export(script));
+  EXPECT_EQ(0, log_->seeks.load());
+  EXPECT_EQ(11, log_->reads.load());  // frames 0.0 .. 1.0 s
+
+  // At 100 frames a second the target lies beyond 60 skipped frames.
+  log_ = std::make_shared<FakeMediaLog>();
+  script.frame_times_hns = Times(kSecond / 100, 3 * kSecond);
+  EXPECT_EQ("", Export(script));
+  EXPECT_EQ(SourceReader::kMaxSkipFrames + 1, log_->reads.load());
+}
+
+TEST_F(SourceReaderTest, ClipShorterThanSeekTimeGivesItsLastFrame) {
+  FakeMediaScript script;
+  script.characteristics = 0;
+  script.frame_times_hns = {0, kSecond / 5, 2 * kSecond / 5};
+  EXPECT_EQ("", Export(script));
+  EXPECT_EQ(3, FrameNumber());
+}
+
+TEST_F(SourceReaderTest, EndOfStreamBeforeAnySampleFails) {
+  FakeMediaScript script;
+  EXPECT_EQ("Failed to get desired frame", Export(script));
+}
+
+TEST_F(SourceReaderTest, ReaderThatNeverAnswersTimesOutAndIsParked) {
+  FakeMediaScript script;
+  script.never_answer = true;
+  script.frame_times_hns = Times(kSecond, 3 * kSecond);
+  const size_t parked = AbandonedReaderCount();
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ("Failed to get sample from listener [timeout]", Export(script));
+  const std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(std::string::npos, log.find("ReadSample stuck for more than 10 seconds")) << log;
+  EXPECT_NE(std::string::npos, log.find("(40): Failed to get sample from listener [timeout]: 0")) << log;
+  EXPECT_EQ(1, log_->reads.load());
+  EXPECT_EQ(parked + 1, AbandonedReaderCount());
+}
+
+TEST_F(SourceReaderTest, OnlyHevcWithBt2020PrimariesAndMatrixIsRefusedAsHdr) {
+  FakeMediaScript script;
+  script.frame_times_hns = Times(kSecond / 2, 2 * kSecond);
+  script.native = {true, VideoCodec::kHevc, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
+  EXPECT_EQ("HDR video is not supported", Export(script));
+  EXPECT_EQ(0, log_->reads.load());
+  script.native.matrix = kMatrixBt2020Twelve;
+  EXPECT_EQ("HDR video is not supported", Export(script));
+
+  script.native.matrix = 1;
+  EXPECT_EQ("", Export(script));
+  script.native = {true, VideoCodec::kH264, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
+  EXPECT_EQ("", Export(script));
+}
+
+TEST_F(SourceReaderTest, RotationTurnsTheFrameAndMissingRotationKeepsIt) {
+  FakeMediaScript script;
+  script.frame_times_hns = Times(kSecond / 2, 2 * kSecond);
+  script.rotation = 90;
+  EXPECT_EQ("", Export(script));
+  EXPECT_EQ(4, image_.width);
+  EXPECT_EQ(8, image_.height);
+
+  script.has_rotation = false;
+  EXPECT_EQ("", Export(script));
+  EXPECT_EQ(8, image_.width);
+  EXPECT_EQ(4, image_.height);
+}
+
+TEST_F(SourceReaderTest, OpenFailureIsReported) {
+  FakeMediaScript script;
+  script.open_status = kMediaNotFound;
+  EXPECT_EQ("Failed to create source reader", Export(script));
+}
+
+}  // namespace
+}  // namespace thumbnail
+}  // namespace tessera
