@@ -1,13 +1,8 @@
 #include <lcms2.h>
-#include <stdlib.h>
 #include <tiffio.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +11,7 @@
 #include "lib/codec/image-decoder.h"
 #include "lib/codec/testing/bitmap-probe.h"
 #include "lib/codec/testing/served-ahead.h"
+#include "lib/codec/testing/tiff-fixtures.h"
 
 namespace tessera {
 namespace codec {
@@ -24,135 +20,14 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 using testing::ServedAhead;
+using testing::Solid;
+using testing::WriteTiff;
+using Page = testing::TiffPage;
 using Sizes = std::vector<uint32_t>;
-
-struct Page {
-  int width = 0;
-  int height = 0;
-  // Samples per pixel and bits; pixel(x, y, sample) gives the value.
-  int samples = 3;
-  int bits = 8;
-  int photometric = PHOTOMETRIC_RGB;
-  bool tiled = false;
-  bool planar = false;   // separate planes (strips only)
-  bool reduced = false;  // a reduced-resolution copy of the page before
-  int orientation = 0;   // 0: no tag
-  int rows_per_strip = 7;  // 0: the whole image in one strip
-  int compression = COMPRESSION_LZW;  // JPEG takes RGB rows and stores YCbCr
-  std::function<int(int x, int y, int s)> pixel;
-  std::vector<uint16_t> colormap;  // 3 * 2^bits entries for palette images
-  std::string icc;                 // embedded when not empty
-};
-
-// Packs one row of samples as libtiff expects them: bytes, 16-bit words in
-// host order, or other depths most significant bit first.
-std::vector<uint8_t> PackRow(const std::vector<int>& values, int bits) {
-  std::vector<uint8_t> out((values.size() * bits + 7) / 8);
-  if (bits == 16) {
-    for (size_t i = 0; i < values.size(); ++i) {
-      const uint16_t w = static_cast<uint16_t>(values[i]);
-      std::memcpy(out.data() + i * 2, &w, 2);
-    }
-    return out;
-  }
-  size_t bit = 0;
-  for (int v : values) {
-    for (int b = bits - 1; b >= 0; --b, ++bit) {
-      if ((v >> b) & 1) out[bit / 8] |= static_cast<uint8_t>(0x80 >> (bit % 8));
-    }
-  }
-  return out;
-}
-
-// Writes the pages with libtiff into a scratch file and returns its bytes;
-// `mode` is libtiff's ("wb": big-endian).
-std::string WriteTiff(const std::vector<Page>& pages, const char* mode = "w") {
-  char path[] = "/tmp/tiff-decoder-test-XXXXXX";
-  const int fd = mkstemp(path);
-  if (fd < 0) return "";
-  close(fd);
-  TIFF* tif = TIFFOpen(path, mode);
-  for (const Page& page : pages) {
-    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, page.width);
-    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, page.height);
-    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, page.samples);
-    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, page.bits);
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, page.photometric);
-    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, page.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, page.compression);
-    if (page.compression == COMPRESSION_JPEG) TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
-    if (page.reduced) TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
-    if (page.orientation) TIFFSetField(tif, TIFFTAG_ORIENTATION, page.orientation);
-    if (page.samples == 4 && page.photometric == PHOTOMETRIC_RGB) {
-      const uint16_t extra = EXTRASAMPLE_UNASSALPHA;
-      TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &extra);
-    }
-    if (page.photometric == PHOTOMETRIC_PALETTE) {
-      const size_t n = size_t{1} << page.bits;
-      TIFFSetField(tif, TIFFTAG_COLORMAP, page.colormap.data(), page.colormap.data() + n,
-                   page.colormap.data() + 2 * n);
-    }
-    if (!page.icc.empty()) {
-      TIFFSetField(tif, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(page.icc.size()), page.icc.data());
-    }
-    // Samples of one row of pixels [x0, x0 + count), zero outside the page.
-    auto row_values = [&](int x0, int count, int y) {
-      std::vector<int> values;
-      for (int x = x0; x < x0 + count; ++x) {
-        for (int s = 0; s < page.samples; ++s) {
-          values.push_back(x < page.width && y < page.height ? page.pixel(x, y, s) : 0);
-        }
-      }
-      return values;
-    };
-    if (page.tiled) {
-      const int tile = 16;
-      TIFFSetField(tif, TIFFTAG_TILEWIDTH, tile);
-      TIFFSetField(tif, TIFFTAG_TILELENGTH, tile);
-      for (int ty = 0; ty < page.height; ty += tile) {
-        for (int tx = 0; tx < page.width; tx += tile) {
-          std::vector<uint8_t> buf;
-          for (int y = 0; y < tile; ++y) {
-            const std::vector<uint8_t> row = PackRow(row_values(tx, tile, ty + y), page.bits);
-            buf.insert(buf.end(), row.begin(), row.end());
-          }
-          TIFFWriteTile(tif, buf.data(), tx, ty, 0, 0);
-        }
-      }
-    } else if (page.planar) {
-      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, page.rows_per_strip > 0 ? page.rows_per_strip : page.height);
-      for (int s = 0; s < page.samples; ++s) {
-        for (int y = 0; y < page.height; ++y) {
-          std::vector<int> values;
-          for (int x = 0; x < page.width; ++x) values.push_back(page.pixel(x, y, s));
-          std::vector<uint8_t> row = PackRow(values, page.bits);
-          TIFFWriteScanline(tif, row.data(), y, static_cast<uint16_t>(s));
-        }
-      }
-    } else {
-      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, page.rows_per_strip > 0 ? page.rows_per_strip : page.height);
-      for (int y = 0; y < page.height; ++y) {
-        std::vector<uint8_t> row = PackRow(row_values(0, page.width, y), page.bits);
-        TIFFWriteScanline(tif, row.data(), y, 0);
-      }
-    }
-    TIFFWriteDirectory(tif);
-  }
-  TIFFClose(tif);
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  unlink(path);
-  return content.str();
-}
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateTiffDecoder()->Decode(source.get(), cx, out);
-}
-
-std::function<int(int, int, int)> Solid(std::vector<int> value) {
-  return [value](int, int, int s) { return value[s]; };
 }
 
 void ExpectColor(const Rgb& c, double r, double g, double b) {
@@ -499,6 +374,7 @@ TEST(TiffDecoderTest, HostileInputFailsCleanly) {
   tiled.pixel = [](int x, int y, int s) { return (x * 97 + y * 31 + s * 1000) & 4095; };
   const std::string tiles = WriteTiff({tiled});
   for (size_t n = 0; n < tiles.size(); n += 29) Decode(tiles.substr(0, n), 30, &bitmap);
+
 
   // A declared size over the limits is refused before decoding.
   Page big = page;
