@@ -703,7 +703,7 @@ class TiffDecoder : public ReducingDecoder {
     if (camera_raw) {
       // A develop keeps what it makes for the other sizes where TakeKept
       // above finds it.
-      status = DecodeCameraRaw(source, cx, true, AnticipatedRequests(), out);
+      status = DecodeCameraRaw(source, cx, RawContainer::kTiff, AnticipatedRequests(), out);
       if (status.ok() || IsImageTooLarge(status)) return status;
       if (source->cancelled()) return DecodeCancelledError();
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
