@@ -271,14 +271,14 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, RawContainer container, 
   // LibRaw takes a non-const pointer but only reads through it.
   auto open = [&] { return raw->open_buffer(const_cast<uint8_t*>(data), size) == LIBRAW_SUCCESS; };
   if (!open()) {
-    return source->cancelled() ? DecodeCancelledError() : Status::InvalidArgument("not a camera RAW file");
+    return source->cancelled() ? DecodeCancelledError() : NotCameraRawError("LibRaw does not open it");
   }
   const libraw_iparams_t& idata = raw->imgdata.idata;
   // A TIFF that merely names its maker (scanners, camera-made TIFFs, gray
   // frames of thermal cameras) is no RAW: it has neither a colour filter
   // array nor a DNG version.
   if (container != RawContainer::kOwn && idata.dng_version == 0 && idata.filters == 0) {
-    return Status::NotSupported("TIFF without RAW data");
+    return NotCameraRawError("TIFF without RAW data");
   }
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   if (!image::WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {

@@ -6,6 +6,7 @@
 #define TESSERA_LIB_CODEC_RAW_DECODER_H_
 
 #include <cstdint>
+#include <string>
 
 #include "lib/codec/byte-source.h"
 #include "lib/codec/reducing-sink.h"
@@ -47,6 +48,14 @@ enum class RawContainer : uint32_t {
 // request of a run.
 Status DecodeCameraRaw(ByteSource* source, uint32_t cx, RawContainer container, const FanOutRequest& fan_out,
                        image::Bitmap* out);
+
+// The status with which DecodeCameraRaw refuses a file for its content
+// alone, whatever the size asked for: LibRaw does not open it, it is a TIFF
+// without RAW data, or there is no RAW module. A caller that then reads the
+// file another way may serve every size of the run from one decode. (A
+// NotSupported status; defined in decode-status.cc.)
+Status NotCameraRawError(const std::string& why);
+bool IsNotCameraRaw(const Status& status);
 
 }  // namespace codec
 }  // namespace tessera

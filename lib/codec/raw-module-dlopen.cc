@@ -21,7 +21,7 @@ std::unique_ptr<ImageDecoder> CreateRawDecoder() { return RawModule::CreateDecod
 Status DecodeCameraRaw(ByteSource* source, uint32_t cx, RawContainer container, const FanOutRequest& fan_out,
                        image::Bitmap* out) {
   const RawModuleTable* module = RawModule::Get();
-  if (module == nullptr) return Status::NotSupported("the RAW module is not available");
+  if (module == nullptr) return NotCameraRawError("the RAW module is not available");
   // A request without a cache of its own names this copy's.
   FanOutRequest request = fan_out;
   if (request.cache == nullptr) request.cache = &TheReductionCache();

@@ -324,6 +324,20 @@ TEST(TiffDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
   jpeg.rows_per_strip = 16;
   EXPECT_EQ(ServedAhead(tiff, WriteTiff({jpeg}), {120, 60, 1280}), (Sizes{60, 1280}));
 
+  // A gray frame that names its maker: the RAW decoder refuses it for its
+  // content alone, which holds for every size.
+  Page frame;
+  frame.width = 300;
+  frame.height = 200;
+  frame.samples = 1;
+  frame.bits = 16;
+  frame.photometric = PHOTOMETRIC_MINISBLACK;
+  frame.compression = COMPRESSION_NONE;
+  frame.rows_per_strip = 0;
+  frame.make = "FLIR Systems AB";
+  frame.pixel = [](int x, int y, int) { return 7534 + (x + y) % 478; };
+  EXPECT_EQ(ServedAhead(tiff, WriteTiff({frame}), {60, 120, 320}), (Sizes{120, 320}));
+
   // A damaged strip: every size shows the same grey below it.
   std::string damaged = WriteTiff({strips});
   damaged.replace(damaged.size() / 2, 64, 64, '\xFF');

@@ -1104,8 +1104,10 @@ class TiffDecoder : public ReducingDecoder {
     Status status = OpenTiff(&client, &tif);
     if (!status.ok()) return status;
     const bool names_maker = NamesMaker(tif.get());
-    const bool camera_raw = names_maker || IsDng(tif.get());
-    if (camera_raw) {
+    // Whether the RAW decoder refused the file for what it may decode
+    // differently at another size.
+    bool raw_failed = false;
+    if (names_maker || IsDng(tif.get())) {
       // A develop keeps what it makes for the other sizes where TakeKept
       // above finds it.
       const RawContainer container =
@@ -1114,6 +1116,7 @@ class TiffDecoder : public ReducingDecoder {
       if (status.ok() || IsImageTooLarge(status)) return status;
       if (source->cancelled()) return DecodeCancelledError();
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
+      raw_failed = !IsNotCameraRaw(status);
       if (!TIFFSetDirectory(tif.get(), 0)) return Status::InvalidArgument("TIFF directory lost");
     }
     ImageChoices choices;
@@ -1124,7 +1127,7 @@ class TiffDecoder : public ReducingDecoder {
     // Every other size that picks the same image reads the same rows; not
     // so after a failed RAW decode, which may succeed at another size.
     FanOutRequest fan_out;
-    if (!camera_raw) {
+    if (!raw_failed) {
       fan_out = AnticipatedRequests();
       fan_out.cx_values.erase(std::remove_if(fan_out.cx_values.begin(), fan_out.cx_values.end(),
                                              [&](uint32_t other) {
