@@ -4,8 +4,11 @@
 //                  FIFOs and devices are refused at once)
 //   BindToHandler  sniffs the first bytes and picks a decoder, telling it
 //                  every request a run makes of a file; content that is no
-//                  image format goes to the video path when a demuxer
-//                  recognises it as a video (or a file with cover art)
+//                  image format goes to the RAW decoder when the name has a
+//                  camera RAW extension (headerless RAW files have no
+//                  signature: LibRaw knows them by their size), else to the
+//                  video path when a demuxer recognises it as a video (or a
+//                  file with cover art)
 //   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
 #include <errno.h>
 #include <malloc.h>
@@ -22,6 +25,7 @@
 #include "lib/codec/byte-source.h"
 #include "lib/codec/image-decoder.h"
 #include "lib/log/log.h"
+#include "lib/thumbnail/source-classification.h"
 #include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/thumbnail/thumbnail-size.h"
@@ -121,7 +125,10 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     uint8_t head[kHeadBytes];
     const int64_t got = source_->ReadAt(0, head, sizeof(head));
     if (got < 0) return -EIO;
-    const codec::ImageFormat format = codec::SniffImageFormat(head, static_cast<size_t>(got));
+    const codec::ImageFormat sniffed = codec::SniffImageFormat(head, static_cast<size_t>(got));
+    // Content first; then a RAW name gets one try with the RAW decoder.
+    const codec::ImageFormat format =
+        sniffed == codec::ImageFormat::kUnknown && IsCameraRawPath(path_) ? codec::ImageFormat::kRaw : sniffed;
     decoder_ = codec::CreateImageDecoder(format);
     if (decoder_) {
       decoder_->SetContentKey(content_key_);
@@ -131,7 +138,7 @@ class PosixThumbnailProvider : public ThumbnailProvider {
       decoder_->SetCallerEdgeDivisor(kProviderRequestFactor);
       return 0;
     }
-    if (format == codec::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
+    if (sniffed == codec::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
       video_ = true;
       return 0;
     }
