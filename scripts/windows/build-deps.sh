@@ -63,18 +63,69 @@ prepare_apt() {
   apt_ready=1
 }
 
+# The Sources record of version $2 of source package $1, as a .dsc needs it.
+source_record() {
+  apt-cache "${apt_opts[@]}" showsrc --only-source "$1" 2>/dev/null |
+    awk -v v="$2" 'BEGIN { RS = ""; ORS = "\n" } index($0 "\n", "\nVersion: " v "\n") { print; exit }'
+}
+
+# A security update's source package has been seen with only its own
+# .debian.tar.xz in the archive, the .dsc and the .orig tarball (which it
+# shares with the version it updates) missing. Then each missing file is taken
+# from another version of the same source that lists the same SHA-256, the
+# .dsc is written from the Sources record, every file is checked against that
+# record, and dpkg-source unpacks it as apt-get source would have.
+assemble_source() {  # <source package> <version> <work dir>
+  local source=$1 version=$2 work=$3
+  local record
+  record=$(source_record "$source" "$version")
+  [ -n "$record" ] || return 1
+  local sums
+  sums=$(printf '%s\n' "$record" | awk '/^[^ ]/ { in_sums = ($1 == "Checksums-Sha256:") } in_sums && /^ / && $3 !~ /\.dsc$/ { print $1, $3 }')
+  [ -n "$sums" ] || return 1
+  local hash file other
+  while read -r hash file; do
+    [ -f "$work/$file" ] && [ "$(sha256sum <"$work/$file" | cut -d' ' -f1)" = "$hash" ] && continue
+    rm -f "$work/$file"
+    for other in $(apt-cache "${apt_opts[@]}" showsrc --only-source "$source" 2>/dev/null |
+                   awk -v h="$hash" 'BEGIN { RS = "" } index($0, " " h " ") { if (match($0, /\nVersion: [^\n]*/)) print substr($0, RSTART + 10, RLENGTH - 10) }'); do
+      [ "$other" = "$version" ] && continue
+      mkdir -p "$work/.other"
+      (cd "$work/.other" && apt-get "${apt_opts[@]}" source -q --download-only "$source=$other") >>"$work/.other.log" 2>&1 || true
+      [ -f "$work/.other/$file" ] && mv "$work/.other/$file" "$work/$file" && break
+    done
+    rm -rf "$work/.other"
+    [ -f "$work/$file" ] || return 1
+  done <<<"$sums"
+  (cd "$work" && printf '%s\n' "$sums" | sed 's/ /  /' | sha256sum --quiet -c -) || return 1
+  local dsc=$work/${source}_${version#*:}.dsc
+  {
+    printf '%s\n' "$record" | awk '/^[^ ]/ { keep = ($1 != "Checksums-Sha256:" && $1 != "Directory:") }
+                                    keep' | sed 's/^Package:/Source:/'
+    echo "Checksums-Sha256:"
+    while read -r hash file; do echo " $hash $(stat -c %s "$work/$file") $file"; done <<<"$sums"
+    echo "Files:"
+    while read -r hash file; do echo " $(md5sum <"$work/$file" | cut -d' ' -f1) $(stat -c %s "$work/$file") $file"; done <<<"$sums"
+  } >"$dsc"
+  (cd "$work" && dpkg-source -x "$(basename "$dsc")" "$source-$version" >>"$work/.other.log" 2>&1)
+}
+
 # Unpacks the Debian source of the installed binary package $1 into $src/$2.
 fetch_source() {
   local package=$1 name=$2
   [ -d "$src/$name" ] && return
   prepare_apt
-  local version
+  local version source source_version
   version=$(dpkg-query -W -f='${Version}' "$package")
+  source=$(dpkg-query -W -f='${source:Package}' "$package")
+  source_version=$(dpkg-query -W -f='${source:Version}' "$package")
   local work=$src/.fetch-$name
   rm -rf "$work" && mkdir -p "$work"
   echo "build-deps: apt-get source $package=$version" >&2
-  (cd "$work" && apt-get "${apt_opts[@]}" source -q "$package=$version" >"$work.log" 2>&1) || {
+  (cd "$work" && apt-get "${apt_opts[@]}" source -q "$package=$version" >"$work.log" 2>&1) ||
+    assemble_source "$source" "$source_version" "$work" || {
     cat "$work.log" >&2
+    [ -f "$work/.other.log" ] && cat "$work/.other.log" >&2
     echo "build-deps: could not fetch the source of $package" >&2
     exit 1
   }
