@@ -27,6 +27,25 @@ cross_cmake() {  # <source dir> <build dir> [cmake args...]
   cmake --install "$build" >/dev/null
 }
 
+# pkg-config, for the builds that are not CMake (Meson, configure scripts),
+# answers only from the prefix, as the toolchain file has CMake's do.
+export PKG_CONFIG_LIBDIR=$prefix/lib/pkgconfig PKG_CONFIG_PATH="" PKG_CONFIG_SYSROOT_DIR=""
+mingw=x86_64-w64-mingw32
+
+cross_meson() {  # <source dir> <build dir> [meson options...]
+  local source=$1 build=$2; shift 2
+  rm -rf "$build"
+  meson setup "$build" "$source" --cross-file "$here/meson-mingw-w64.ini" --prefix "$prefix" --libdir lib \
+    --buildtype release --default-library static --wrap-mode nofallback "$@" >/dev/null
+  ninja -C "$build" -j"$jobs" >/dev/null
+  meson install -C "$build" --no-rebuild >/dev/null
+}
+
+# Each library's section: "building" tells what starts, "built" writes the
+# stamp and how long it took (the cold build counts against CI's time).
+building() { step_start=$SECONDS; echo "build-deps: building $1" >&2; }
+built() { touch "$deps/$1.stamp"; echo "build-deps: $1 took $((SECONDS - step_start)) s" >&2; }
+
 # --- scratch apt: the machine's archives, as source entries -------------------
 apt_dir=$deps/apt
 apt_opts=(
@@ -139,11 +158,11 @@ fetch_source() {
 # --- JsonCpp ------------------------------------------------------------------
 if [ ! -f "$deps/jsoncpp.stamp" ]; then
   fetch_source libjsoncpp-dev jsoncpp
-  echo "build-deps: building JsonCpp" >&2
+  building "JsonCpp"
   cross_cmake "$src/jsoncpp" "$deps/build/jsoncpp" -DJSONCPP_WITH_TESTS=OFF \
     -DJSONCPP_WITH_POST_BUILD_UNITTEST=OFF -DJSONCPP_WITH_PKGCONFIG_SUPPORT=ON \
     -DJSONCPP_WITH_CMAKE_PACKAGE=OFF -DBUILD_STATIC_LIBS=ON -DBUILD_OBJECT_LIBS=OFF
-  touch "$deps/jsoncpp.stamp"
+  built jsoncpp
 fi
 
 # --- ICU common + stub data -----------------------------------------------------
@@ -151,23 +170,80 @@ if [ ! -f "$deps/icu.stamp" ]; then
   fetch_source libicu-dev icu
   icu_source=$src/icu/source
   [ -d "$icu_source/common" ] || icu_source=$src/icu/icu4c/source
-  echo "build-deps: building ICU's common library (about two minutes)" >&2
+  building "ICU's common library (about two minutes)"
   cross_cmake "$here/icu" "$deps/build/icu" -DICU_SOURCE_DIR="$icu_source"
-  touch "$deps/icu.stamp"
+  built icu
 fi
 
 # --- lcms2 --------------------------------------------------------------------
 if [ ! -f "$deps/lcms2.stamp" ]; then
   fetch_source liblcms2-dev lcms2
-  echo "build-deps: building lcms2" >&2
+  building "lcms2"
   cross_cmake "$here/lcms2" "$deps/build/lcms2" -DLCMS2_SOURCE_DIR="$src/lcms2"
-  touch "$deps/lcms2.stamp"
+  built lcms2
 fi
 
 # --- GoogleTest -----------------------------------------------------------------
 if [ ! -f "$deps/googletest.stamp" ]; then
   [ -f /usr/src/googletest/CMakeLists.txt ] || { echo "build-deps: /usr/src/googletest is missing (googletest package)" >&2; exit 1; }
-  echo "build-deps: building GoogleTest" >&2
+  building "GoogleTest"
   cross_cmake /usr/src/googletest "$deps/build/googletest" -Dgtest_disable_pthreads=OFF
-  touch "$deps/googletest.stamp"
+  built googletest
+fi
+
+# --- zlib -----------------------------------------------------------------------
+if [ ! -f "$deps/zlib.stamp" ]; then
+  fetch_source zlib1g-dev zlib
+  building "zlib"
+  rm -rf "$deps/build/zlib" && cp -r "$src/zlib" "$deps/build/zlib"
+  # zlib's configure takes the target from CHOST; only the static library is built.
+  (cd "$deps/build/zlib" && CHOST=$mingw CC=$mingw-gcc-posix AR=$mingw-ar RANLIB=$mingw-ranlib CFLAGS=-O2 \
+     ./configure --static --prefix="$prefix" >/dev/null && make -j"$jobs" libz.a >/dev/null && make install >/dev/null)
+  built zlib
+fi
+
+# --- libjpeg-turbo (SIMD with nasm; libjpeg.pc) -----------------------------------
+if [ ! -f "$deps/libjpeg-turbo.stamp" ]; then
+  fetch_source libjpeg62-turbo-dev libjpeg-turbo
+  building "libjpeg-turbo"
+  cross_cmake "$src/libjpeg-turbo" "$deps/build/libjpeg-turbo" -DENABLE_SHARED=OFF -DENABLE_STATIC=ON \
+    -DWITH_TURBOJPEG=OFF -DWITH_SIMD=ON -DREQUIRE_SIMD=ON -DCMAKE_ASM_NASM_COMPILER=nasm
+  built libjpeg-turbo
+fi
+
+# --- libspng (spng.pc, with -DSPNG_STATIC) ----------------------------------------
+if [ ! -f "$deps/libspng.stamp" ]; then
+  fetch_source libspng-dev libspng
+  building "libspng"
+  cross_meson "$src/libspng" "$deps/build/libspng" -Dbuild_examples=false -Dstatic_zlib=true
+  built libspng
+fi
+
+# --- libtiff (libtiff-4.pc): deflate and JPEG, old-style JPEG included ---------------
+if [ ! -f "$deps/tiff.stamp" ]; then
+  fetch_source libtiff-dev tiff
+  building "libtiff"
+  cross_cmake "$src/tiff" "$deps/build/tiff" -Dtiff-tools=OFF -Dtiff-tests=OFF -Dtiff-contrib=OFF \
+    -Dtiff-docs=OFF -Dcxx=OFF -Dzlib=ON -Djpeg=ON -Dold-jpeg=ON -Dlibdeflate=OFF -Dpixarlog=ON \
+    -Dlzma=OFF -Dzstd=OFF -Djbig=OFF -Dwebp=OFF -Dlerc=OFF -Djpeg12=OFF -Dsphinx=OFF \
+    -DCMAKE_DISABLE_FIND_PACKAGE_OpenGL=ON -DCMAKE_DISABLE_FIND_PACKAGE_GLUT=ON
+  built tiff
+fi
+
+# --- giflib (gif_lib.h and libgif.a, for CMake's FindGIF) -------------------------------
+if [ ! -f "$deps/giflib.stamp" ]; then
+  fetch_source libgif-dev giflib
+  building "giflib"
+  cross_cmake "$here/giflib" "$deps/build/giflib" -DGIFLIB_SOURCE_DIR="$src/giflib"
+  built giflib
+fi
+
+# --- libwebp (libwebp.pc, libwebpdemux.pc, libwebpmux.pc) -------------------------------
+if [ ! -f "$deps/libwebp.stamp" ]; then
+  fetch_source libwebp-dev libwebp
+  building "libwebp"
+  cross_cmake "$src/libwebp" "$deps/build/libwebp" -DWEBP_BUILD_ANIM_UTILS=OFF -DWEBP_BUILD_CWEBP=OFF \
+    -DWEBP_BUILD_DWEBP=OFF -DWEBP_BUILD_GIF2WEBP=OFF -DWEBP_BUILD_IMG2WEBP=OFF -DWEBP_BUILD_VWEBP=OFF \
+    -DWEBP_BUILD_WEBPINFO=OFF -DWEBP_BUILD_WEBPMUX=OFF -DWEBP_BUILD_EXTRAS=OFF -DWEBP_BUILD_LIBWEBPMUX=ON
+  built libwebp
 fi
