@@ -247,3 +247,36 @@ if [ ! -f "$deps/libwebp.stamp" ]; then
     -DWEBP_BUILD_WEBPINFO=OFF -DWEBP_BUILD_WEBPMUX=OFF -DWEBP_BUILD_EXTRAS=OFF -DWEBP_BUILD_LIBWEBPMUX=ON
   built libwebp
 fi
+
+# --- libde265 (HEVC, for libheif) ----------------------------------------------------------
+if [ ! -f "$deps/libde265.stamp" ]; then
+  fetch_source libde265-dev libde265
+  building "libde265"
+  cross_cmake "$src/libde265" "$deps/build/libde265" -DENABLE_SDL=OFF -DENABLE_DECODER=OFF -DENABLE_ENCODER=OFF
+  built libde265
+fi
+
+# --- dav1d (AV1, for AVIF in libheif and for FFmpeg) ----------------------------------------
+if [ ! -f "$deps/dav1d.stamp" ]; then
+  fetch_source libdav1d-dev dav1d
+  building "dav1d"
+  cross_meson "$src/dav1d" "$deps/build/dav1d" -Denable_tools=false -Denable_tests=false \
+    -Denable_examples=false -Denable_docs=false
+  built dav1d
+fi
+
+# --- libheif (libheif.pc): HEIC through libde265, AVIF through dav1d --------------------
+# Both decoders are compiled in: a static library has no plugins to load.
+# Encoders are not needed.
+if [ ! -f "$deps/libheif.stamp" ]; then
+  fetch_source libheif-dev libheif
+  building "libheif"
+  cross_cmake "$src/libheif" "$deps/build/libheif" -DENABLE_PLUGIN_LOADING=OFF -DWITH_EXAMPLES=OFF \
+    -DBUILD_TESTING=OFF -DWITH_LIBDE265=ON -DWITH_LIBDE265_PLUGIN=OFF -DWITH_DAV1D=ON -DWITH_DAV1D_PLUGIN=OFF \
+    -DWITH_X265=OFF -DWITH_AOM_ENCODER=OFF -DWITH_AOM_DECODER=OFF -DWITH_SvtEnc=OFF -DWITH_RAV1E=OFF
+  # libheif's desktop-integration files (GNOME) have no use in this prefix.
+  rm -rf "$prefix/share/thumbnailers"
+  grep -q 'Requires.private:.*libde265.*dav1d' "$prefix/lib/pkgconfig/libheif.pc" || {
+    echo "build-deps: libheif was built without libde265 or dav1d" >&2; exit 1; }
+  built libheif
+fi
