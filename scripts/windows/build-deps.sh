@@ -280,3 +280,11 @@ if [ ! -f "$deps/libheif.stamp" ]; then
     echo "build-deps: libheif was built without libde265 or dav1d" >&2; exit 1; }
   built libheif
 fi
+
+# --- LibRaw (libraw_r.pc) ------------------------------------------------------------------
+if [ ! -f "$deps/libraw.stamp" ]; then
+  fetch_source libraw-dev libraw
+  building "LibRaw"
+  cross_cmake "$here/libraw" "$deps/build/libraw" -DLIBRAW_SOURCE_DIR="$src/libraw"
+  built libraw
+fi
