@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
 # Cross-builds, for mingw-w64, the libraries that Debian packages only for
 # Linux: JsonCpp, ICU's common library (with its stub data: the UTF-8/UTF-16
-# conversions need no data), lcms2 and GoogleTest. The sources are the Debian
-# source packages of the versions installed on this machine (GoogleTest from
-# /usr/src/googletest), fetched with a scratch apt configuration inside the
-# deps folder, so the machine's own apt set-up is left untouched.
+# conversions need no data), lcms2, GoogleTest, and the codecs: zlib,
+# libjpeg-turbo (with its SIMD code), libspng, libtiff, giflib, libwebp,
+# libde265 and dav1d under libheif, LibRaw, and a minimal FFmpeg (ffmpeg.sh).
+# The sources are the Debian source packages of the versions installed on this
+# machine (GoogleTest from /usr/src/googletest), fetched with a scratch apt
+# configuration inside the deps folder, so the machine's own apt set-up is
+# left untouched.
+#
+# Everything is static: each library installs lib<name>.a, its headers and a
+# pkg-config file into the prefix, and `pkg-config --static` lists what a
+# program must link, so an .exe needs no DLL beyond Windows' own.
 #
 # Usage: build-deps.sh <deps dir>. Installs into <deps dir>/prefix; each
 # library is built once and then skipped (stamp files), so a warm run is quick.
@@ -288,3 +295,12 @@ if [ ! -f "$deps/libraw.stamp" ]; then
   cross_cmake "$here/libraw" "$deps/build/libraw" -DLIBRAW_SOURCE_DIR="$src/libraw"
   built libraw
 fi
+
+# --- FFmpeg (libavformat, libavcodec, libavutil, libswscale) -------------------------------
+if [ ! -f "$deps/ffmpeg.stamp" ]; then
+  fetch_source libavcodec-dev ffmpeg
+  building "FFmpeg (a few minutes)"
+  "$here/ffmpeg.sh" "$src/ffmpeg" "$deps/build/ffmpeg" "$prefix"
+  built ffmpeg
+fi
+
