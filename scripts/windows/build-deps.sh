@@ -10,8 +10,9 @@
 # left untouched.
 #
 # Everything is static: each library installs lib<name>.a, its headers and a
-# pkg-config file into the prefix, and `pkg-config --static` lists what a
-# program must link, so an .exe needs no DLL beyond Windows' own.
+# pkg-config file into the prefix, whose plain `pkg-config --libs` lists all
+# that a program must link (see the end of this script), so an .exe needs no
+# DLL beyond Windows' own.
 #
 # Usage: build-deps.sh <deps dir>. Installs into <deps dir>/prefix; each
 # library is built once and then skipped (stamp files), so a warm run is quick.
@@ -304,3 +305,25 @@ if [ ! -f "$deps/ffmpeg.stamp" ]; then
   built ffmpeg
 fi
 
+# --- pkg-config files for static links ---------------------------------------------------
+# The prefix holds static libraries only, so what each .pc keeps for static
+# links (Requires.private, Libs.private) is what every link needs: it is
+# moved into Requires and Libs, so that a plain `pkg-config --libs`, which is
+# what CMake's pkg_check_modules targets link, is enough.
+for pc in "$prefix"/lib/pkgconfig/*.pc; do
+  grep -q '^\(Requires\|Libs\)\.private:' "$pc" || continue
+  awk '
+    /^Requires\.private:/ { sub(/^Requires\.private:[ \t]*/, ""); requires_private = $0; next }
+    /^Libs\.private:/     { sub(/^Libs\.private:[ \t]*/, ""); libs_private = $0; next }
+    { lines[++n] = $0 }
+    END {
+      for (i = 1; i <= n; i++) {
+        line = lines[i]
+        if (line ~ /^Requires:/) { has_requires = 1; if (requires_private ~ /[^ \t]/) line = line (line ~ /:[ \t]*$/ ? " " : ", ") requires_private }
+        if (line ~ /^Libs:/ && libs_private ~ /[^ \t]/) line = line " " libs_private
+        print line
+      }
+      if (!has_requires && requires_private ~ /[^ \t]/) print "Requires: " requires_private
+    }' "$pc" >"$pc.tmp"
+  mv "$pc.tmp" "$pc"
+done
