@@ -23,7 +23,7 @@ toolchain=$here/../../cmake/toolchain-mingw-w64.cmake
 deps=$(mkdir -p "$1" && cd "$1" && pwd)
 prefix=$deps/prefix
 src=$deps/src
-mkdir -p "$prefix/lib/pkgconfig" "$prefix/include" "$src"
+mkdir -p "$prefix/lib/pkgconfig" "$prefix/include" "$src" "$deps/build"
 jobs=$(nproc)
 
 cross_cmake() {  # <source dir> <build dir> [cmake args...]
@@ -163,6 +163,39 @@ fetch_source() {
   rm -rf "$work" "$work.log"
 }
 
+# --- zlib -----------------------------------------------------------------------
+if [ ! -f "$deps/zlib.stamp" ]; then
+  fetch_source zlib1g-dev zlib
+  building "zlib"
+  rm -rf "$deps/build/zlib" && cp -r "$src/zlib" "$deps/build/zlib"
+  # zlib's configure takes the target from CHOST; only the static library is built.
+  (cd "$deps/build/zlib" && CHOST=$mingw CC=$mingw-gcc-posix AR=$mingw-ar RANLIB=$mingw-ranlib CFLAGS=-O2 \
+     ./configure --static --prefix="$prefix" >/dev/null && make -j"$jobs" libz.a >/dev/null && make install >/dev/null)
+  built zlib
+fi
+
+# --- dav1d (AV1, for AVIF in libheif and for FFmpeg) ----------------------------------------
+if [ ! -f "$deps/dav1d.stamp" ]; then
+  fetch_source libdav1d-dev dav1d
+  building "dav1d"
+  cross_meson "$src/dav1d" "$deps/build/dav1d" -Denable_tools=false -Denable_tests=false \
+    -Denable_examples=false -Denable_docs=false
+  built dav1d
+fi
+
+# FFmpeg's configure is minutes of one compiler check after another, on one
+# core, so it runs in the background beside the next builds as soon as zlib
+# and dav1d, which it checks for, are in the prefix; the FFmpeg section at
+# the end waits for it and compiles. Should this script stop early, it still
+# waits for the configure rather than leave it running.
+ffmpeg_configure=""
+trap '[ -z "$ffmpeg_configure" ] || wait "$ffmpeg_configure" 2>/dev/null || true' EXIT
+if [ ! -f "$deps/ffmpeg.stamp" ]; then
+  fetch_source libavcodec-dev ffmpeg
+  "$here/ffmpeg.sh" "$src/ffmpeg" "$deps/build/ffmpeg" "$prefix" configure &
+  ffmpeg_configure=$!
+fi
+
 # --- JsonCpp ------------------------------------------------------------------
 if [ ! -f "$deps/jsoncpp.stamp" ]; then
   fetch_source libjsoncpp-dev jsoncpp
@@ -197,17 +230,6 @@ if [ ! -f "$deps/googletest.stamp" ]; then
   building "GoogleTest"
   cross_cmake /usr/src/googletest "$deps/build/googletest" -Dgtest_disable_pthreads=OFF
   built googletest
-fi
-
-# --- zlib -----------------------------------------------------------------------
-if [ ! -f "$deps/zlib.stamp" ]; then
-  fetch_source zlib1g-dev zlib
-  building "zlib"
-  rm -rf "$deps/build/zlib" && cp -r "$src/zlib" "$deps/build/zlib"
-  # zlib's configure takes the target from CHOST; only the static library is built.
-  (cd "$deps/build/zlib" && CHOST=$mingw CC=$mingw-gcc-posix AR=$mingw-ar RANLIB=$mingw-ranlib CFLAGS=-O2 \
-     ./configure --static --prefix="$prefix" >/dev/null && make -j"$jobs" libz.a >/dev/null && make install >/dev/null)
-  built zlib
 fi
 
 # --- libjpeg-turbo (SIMD with nasm; libjpeg.pc) -----------------------------------
@@ -264,15 +286,6 @@ if [ ! -f "$deps/libde265.stamp" ]; then
   built libde265
 fi
 
-# --- dav1d (AV1, for AVIF in libheif and for FFmpeg) ----------------------------------------
-if [ ! -f "$deps/dav1d.stamp" ]; then
-  fetch_source libdav1d-dev dav1d
-  building "dav1d"
-  cross_meson "$src/dav1d" "$deps/build/dav1d" -Denable_tools=false -Denable_tests=false \
-    -Denable_examples=false -Denable_docs=false
-  built dav1d
-fi
-
 # --- libheif (libheif.pc): HEIC through libde265, AVIF through dav1d --------------------
 # Both decoders are compiled in: a static library has no plugins to load.
 # Encoders are not needed.
@@ -299,9 +312,10 @@ fi
 
 # --- FFmpeg (libavformat, libavcodec, libavutil, libswscale) -------------------------------
 if [ ! -f "$deps/ffmpeg.stamp" ]; then
-  fetch_source libavcodec-dev ffmpeg
   building "FFmpeg (a few minutes)"
-  "$here/ffmpeg.sh" "$src/ffmpeg" "$deps/build/ffmpeg" "$prefix"
+  [ -n "$ffmpeg_configure" ] && wait "$ffmpeg_configure" || { echo "build-deps: FFmpeg's configure failed" >&2; exit 1; }
+  ffmpeg_configure=""
+  "$here/ffmpeg.sh" "$src/ffmpeg" "$deps/build/ffmpeg" "$prefix" make
   built ffmpeg
 fi
 
