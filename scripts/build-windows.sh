@@ -12,6 +12,7 @@ packages=(
   g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 mingw-w64-x86-64-dev
   wine wine64 gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav
   dpkg-dev  # apt-get source unpacks with dpkg-source
+  nasm meson make  # the cross-built codecs: their SIMD code, Meson and configure/make builds
 )
 missing=()
 for package in "${packages[@]}"; do

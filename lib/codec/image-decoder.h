@@ -6,9 +6,12 @@
 // tessera::codec; depends on lib/image and lib/color below it.
 //
 // The decoders behind the thumbnail provider. A decoder is chosen by
-// content (magic bytes), never by file name, and produces what the provider
-// hands out: an upright, opaque (alpha flattened over white), 8-bit sRGB BGRA
-// bitmap whose longer side is at most cx and which is never enlarged.
+// content (magic bytes), never by file name, except that a file no
+// signature matches may go to the RAW decoder when its name is a camera
+// RAW one (headerless RAW files have no signature; LibRaw knows them by
+// their size). A decoder produces what the provider hands out: an upright,
+// opaque (alpha flattened over white), 8-bit sRGB BGRA bitmap whose longer
+// side is at most cx and which is never enlarged.
 //
 // Decoders shrink on load where the format allows and check the declared
 // size against limits.h before allocating. Every failure is a Status, never a

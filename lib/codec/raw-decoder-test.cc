@@ -1,6 +1,7 @@
 #include <tiffio.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -10,6 +11,7 @@
 #include "gtest/gtest.h"
 #include "lib/codec/decoders.h"
 #include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/camera-fixtures.h"
 #include "lib/codec/testing/image-fixtures.h"
 #include "lib/codec/testing/served-ahead.h"
 
@@ -224,11 +226,19 @@ TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
   EXPECT_EQ(bitmap.height(), 48);
 }
 
-// One develop serves the other sizes that would develop the file the same
-// way, through either decoder (a DNG sniffs as TIFF; other RAW formats go
-// to the RAW decoder): not those the preview serves, nor those that develop
-// at another size.
-TEST(RawDecoderTest, OneDevelopServesTheSizesThatDevelopAlike) {
+Status DecodeWith(const testing::DecoderFactory& factory, const std::string& bytes, uint32_t cx,
+                  const std::vector<uint32_t>& run, image::Bitmap* out) {
+  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  std::unique_ptr<ImageDecoder> decoder = factory();
+  decoder->SetAnticipatedRequests(run);
+  return decoder->Decode(source.get(), cx, out);
+}
+
+// When the largest size of a run needs a develop, that one develop serves
+// every size, through either decoder (a DNG sniffs as TIFF; other RAW
+// formats go to the RAW decoder), at the scale the largest needs; when the
+// preview reaches the largest, it serves them all.
+TEST(RawDecoderTest, OneDecodeServesTheRun) {
   using Sizes = std::vector<uint32_t>;
   // 300x200: half size (150 wide) serves cx up to 225; a 96x64 preview
   // serves cx up to 144.
@@ -238,11 +248,63 @@ TEST(RawDecoderTest, OneDevelopServesTheSizesThatDevelopAlike) {
   ASSERT_FALSE(previewed.empty());
   const testing::DecoderFactory factories[] = {[] { return CreateTiffDecoder(); }, [] { return CreateRawDecoder(); }};
   for (const testing::DecoderFactory& factory : factories) {
-    EXPECT_EQ(testing::ServedAhead(factory, bare, {60, 120, 300, 900}), (Sizes{120}));
-    EXPECT_EQ(testing::ServedAhead(factory, bare, {300, 60, 120, 900}), (Sizes{900}));
-    EXPECT_EQ(testing::ServedAhead(factory, previewed, {300, 60, 900}), (Sizes{900}));
-    EXPECT_EQ(testing::ServedAhead(factory, previewed, {60, 120, 300}), Sizes{});
+    EXPECT_EQ(testing::ServedAhead(factory, bare, {60, 120, 200}, true), (Sizes{120, 200}));
+    EXPECT_EQ(testing::ServedAhead(factory, bare, {300, 60, 120, 900}, true), (Sizes{60, 120, 900}));
+    EXPECT_EQ(testing::ServedAhead(factory, previewed, {60, 300, 900}, true), (Sizes{300, 900}));
+    EXPECT_EQ(testing::ServedAhead(factory, previewed, {60, 120}, true), Sizes{});
   }
+}
+
+// The thumbnails of one file look alike: a size the camera's preview could
+// serve comes from the develop the run needs anyway, not from the preview,
+// whose tone and colour differ (here a flat (200, 100, 50)).
+TEST(RawDecoderTest, SizesOfOneRunLookAlike) {
+  const std::string dng = MakeBayerDng(300, 200, 96, 64);
+  ASSERT_FALSE(dng.empty());
+  const testing::DecoderFactory tiff = [] { return CreateTiffDecoder(); };
+  image::Bitmap small;
+  image::Bitmap large;
+  ASSERT_TRUE(DecodeWith(tiff, dng, 60, {60, 900}, &small).ok());
+  ASSERT_TRUE(DecodeWith(tiff, dng, 900, {60, 900}, &large).ok());
+  EXPECT_EQ(small.width(), 60);
+  EXPECT_EQ(large.width(), 300);
+  const Rgb small_mean = MeanColor(small);
+  const Rgb large_mean = MeanColor(large);
+  ExpectColor(small_mean, large_mean.r, large_mean.g, large_mean.b);
+  EXPECT_GT(std::fabs(small_mean.r - 200) + std::fabs(small_mean.g - 100) + std::fabs(small_mean.b - 50), 60)
+      << testing::ToString(small_mean);
+  // Asked alone, the small size is the preview's.
+  ASSERT_TRUE(DecodeWith(tiff, dng, 60, {}, &small).ok());
+  ExpectColor(MeanColor(small), 200, 100, 50);
+}
+
+// Files LibRaw knows by their size or their camera show their picture
+// (bright on the left, dark on the right): a headerless Kodak DC20 file,
+// and a Kodak DC120 file of less than a bit per photosite, as the small
+// JPEG-coded DC120 files are.
+TEST(RawDecoderTest, CameraFilesLibRawKnows) {
+  struct Case {
+    const char* what;
+    std::string bytes;
+    testing::DecoderFactory factory;
+  };
+  const Case cases[] = {
+      {"Kodak DC20 .raw", testing::KodakDc20Raw(), [] { return CreateRawDecoder(); }},
+      {"Kodak DC120 .kdc", testing::KodakDc120Kdc(), [] { return CreateTiffDecoder(); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_FALSE(c.bytes.empty());
+    image::Bitmap bitmap;
+    const Status status = DecodeWith(c.factory, c.bytes, 600, {600}, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    const int w = bitmap.width();
+    const int h = bitmap.height();
+    const Rgb left = MeanColor(bitmap, w / 8, h / 8, w * 3 / 8, h * 7 / 8);
+    const Rgb right = MeanColor(bitmap, w * 5 / 8, h / 8, w * 7 / 8, h * 7 / 8);
+    EXPECT_GT(left.g, right.g + 60) << testing::ToString(left) << " " << testing::ToString(right);
+  }
+  EXPECT_LT(testing::KodakDc120Kdc().size(), 848u * 976 / 8);
 }
 
 TEST(RawDecoderTest, RawWithoutImageDataFailsCleanly) {

@@ -1,15 +1,18 @@
 // Camera RAW through LibRaw (thread-safe build): the embedded preview when it
-// is large enough, else a half-size develop, which also serves the run's
-// other sizes that would develop the same way.
+// is large enough for the run, else one develop (at half size when that is
+// enough) that serves every size of the run.
 //
 // Size rule: a thumbnail asked for at cx is made from an image whose longer
 // side is at least two thirds of cx (enough for any aspect up to 2:1 at the
 // thumbnail sizes), or the whole sensor when that is smaller. A preview that
-// reaches it is used, as it is much faster than developing; otherwise the
-// develop runs at half size when that still reaches it, else at full size.
-// A preview's aspect must match the sensor's (either way round, 5% slack for
-// cropped margins) so that a letterboxed or tiny index preview is never
-// taken.
+// reaches it for the largest request of the run serves every request, as it
+// is much faster than developing; otherwise one develop serves them all, so
+// that no thumbnail of the file shows the camera's rendering and another
+// LibRaw's. The develop runs at half size when that still reaches the
+// largest request, else at full size; when it fails, the preview serves
+// the sizes it reaches. A preview's aspect must match the sensor's (either
+// way round, 5% slack for cropped margins) so that a letterboxed or tiny
+// index preview is never taken.
 #include <libraw/libraw.h>
 
 #include <algorithm>
@@ -158,25 +161,6 @@ bool DevelopsAtHalfSize(const libraw_image_sizes_t& sizes, uint32_t cx) {
   return std::max(sizes.width, sizes.height) / 2 >= NeededLonger(sizes, cx);
 }
 
-// The sizes of `fan_out` that a develop for cx serves too: those whose own
-// decode would develop the file just as this one does, because the preview
-// cannot serve them (known before it is read) and they need the same
-// develop size. A size that would try the preview is left out even when
-// this request's preview failed after it was read: it might not fail at
-// that size.
-FanOutRequest DevelopedAlike(const LibRaw& raw, uint32_t cx, const FanOutRequest& fan_out) {
-  const libraw_image_sizes_t& sizes = raw.imgdata.sizes;
-  FanOutRequest alike = fan_out;
-  alike.cx_values.clear();
-  for (uint32_t other : fan_out.cx_values) {
-    if (!CheckPreview(sizes, raw.imgdata.thumbnail, other).ok() &&
-        DevelopsAtHalfSize(sizes, other) == DevelopsAtHalfSize(sizes, cx)) {
-      alike.cx_values.push_back(other);
-    }
-  }
-  return alike;
-}
-
 Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, image::Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   const libraw_thumbnail_t& thumb = raw->imgdata.thumbnail;
@@ -221,18 +205,19 @@ Status DecodePreview(LibRaw* raw, ByteSource* file, uint32_t cx, image::Bitmap* 
   return ReduceMemImage(*image, file, cx, orientation, FanOutRequest(), 0, out);
 }
 
-Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx, const FanOutRequest& fan_out,
-               image::Bitmap* out) {
+// Develops the file at the size the request `develop_for` needs and reduces
+// it to cx and to the sizes of `fan_out`.
+Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx, uint32_t develop_for,
+               const FanOutRequest& fan_out, image::Bitmap* out) {
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
-  // Even lossy RAW codecs spend more than a bit per photosite: a file
-  // smaller than that has had its image data stripped, and LibRaw would
-  // "develop" whatever bytes follow the header.
-  if (file_size < uint64_t{sizes.raw_width} * sizes.raw_height / 8) {
+  // No RAW codec spends less than an eighth of a bit per photosite (the
+  // JPEG-coded data of Kodak's DC120, the most frugal, takes about half a
+  // bit): a file smaller than that has had its image data stripped, and
+  // LibRaw would "develop" whatever bytes follow the header.
+  if (file_size < uint64_t{sizes.raw_width} * sizes.raw_height / 64) {
     return Status::InvalidArgument("RAW file without its image data");
   }
-  const bool half_size = DevelopsAtHalfSize(sizes, cx);
-  // Decided before developing, which changes the sizes LibRaw reports.
-  const FanOutRequest alike = DevelopedAlike(*raw, cx, fan_out);
+  const bool half_size = DevelopsAtHalfSize(sizes, develop_for);
   // Unpacked raw data (16-bit), the working image and the 8-bit output.
   const uint64_t raw_samples = raw->imgdata.idata.filters != 0 ? 1 : 4;
   const uint64_t raw_bytes = uint64_t{sizes.raw_width} * sizes.raw_height * 2 * raw_samples;
@@ -249,20 +234,20 @@ Status Develop(LibRaw* raw, ByteSource* source, uint64_t file_size, uint32_t cx,
   MemImagePtr image(raw->dcraw_make_mem_image(&error));
   if (!image) return Status::Internal("RAW develop output");
   // LibRaw has applied the flip already.
-  return ReduceMemImage(*image, source, cx, 1, alike, raw_bytes + work_bytes, out);
+  return ReduceMemImage(*image, source, cx, 1, fan_out, raw_bytes + work_bytes, out);
 }
 
 class RawDecoder : public ReducingDecoder {
  public:
   Status Decode(ByteSource* source, uint32_t cx, image::Bitmap* out) override {
     if (TakeKept(cx, out)) return Status::OK();
-    return DecodeCameraRaw(source, cx, false, AnticipatedRequests(), out);
+    return DecodeCameraRaw(source, cx, RawContainer::kOwn, AnticipatedRequests(), out);
   }
 };
 
 }  // namespace
 
-Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, RawContainer container, const FanOutRequest& fan_out,
                        image::Bitmap* out) {
   std::string bytes;
   const uint8_t* data = source->contiguous_data();
@@ -277,27 +262,54 @@ Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, con
   if (!raw) return Status::Internal("out of memory");
   raw->set_dataerror_handler(SilentDataError, nullptr);
   raw->set_progress_handler(CancelWithSource, source);
+  // A gray picture whose camera LibRaw does not know would otherwise be
+  // taken for a sensor mosaic of the usual pattern, developed, stretched to
+  // its brightest value and given a gamma curve on top.
+  if (container == RawContainer::kPictureTiff) {
+    raw->imgdata.params.raw_processing_options |= LIBRAW_PROCESSING_ZEROFILTERS_FOR_MONOCHROMETIFFS;
+  }
   // LibRaw takes a non-const pointer but only reads through it.
-  if (raw->open_buffer(const_cast<uint8_t*>(data), size) != LIBRAW_SUCCESS) {
-    return source->cancelled() ? DecodeCancelledError() : Status::InvalidArgument("not a camera RAW file");
+  auto open = [&] { return raw->open_buffer(const_cast<uint8_t*>(data), size) == LIBRAW_SUCCESS; };
+  if (!open()) {
+    return source->cancelled() ? DecodeCancelledError() : NotCameraRawError("LibRaw does not open it");
   }
   const libraw_iparams_t& idata = raw->imgdata.idata;
-  // A TIFF that merely names its maker (scanners, camera-made TIFFs) is no
-  // RAW: it has neither a colour filter array nor a DNG version.
-  if (tiff_container && idata.dng_version == 0 && idata.filters == 0) {
-    return Status::NotSupported("TIFF without RAW data");
+  // A TIFF that merely names its maker (scanners, camera-made TIFFs, gray
+  // frames of thermal cameras) is no RAW: it has neither a colour filter
+  // array nor a DNG version.
+  if (container != RawContainer::kOwn && idata.dng_version == 0 && idata.filters == 0) {
+    return NotCameraRawError("TIFF without RAW data");
   }
   const libraw_image_sizes_t& sizes = raw->imgdata.sizes;
   if (!image::WithinPixelLimits(sizes.raw_width, sizes.raw_height)) {
     return ImageTooLargeError(sizes.raw_width, sizes.raw_height);
   }
-  Status status = DecodePreview(raw.get(), source, cx, out);
+  // The largest request of the run decides between preview and develop.
+  uint32_t largest = cx;
+  for (uint32_t other : fan_out.cx_values) largest = std::max(largest, other);
+  const bool preview_serves_cx = CheckPreview(sizes, raw->imgdata.thumbnail, cx).ok();
+  Status status;
+  if (CheckPreview(sizes, raw->imgdata.thumbnail, largest).ok()) {
+    status = DecodePreview(raw.get(), source, cx, out);
+    if (status.ok()) return status;
+    if (source->cancelled()) return DecodeCancelledError();
+    LOG_DEBUG(kLogComponent, "RAW preview unusable (%s); developing", status.ToString().c_str());
+    // Alone: the run's other requests try the preview first, which may not
+    // fail for them.
+    status = Develop(raw.get(), source, size, cx, cx, FanOutRequest(), out);
+    return !status.ok() && source->cancelled() ? DecodeCancelledError() : status;
+  }
+  status = Develop(raw.get(), source, size, cx, largest, fan_out, out);
   if (status.ok()) return status;
   if (source->cancelled()) return DecodeCancelledError();
-  LOG_DEBUG(kLogComponent, "RAW preview not used (%s); developing", status.ToString().c_str());
-  status = Develop(raw.get(), source, size, cx, fan_out, out);
-  if (!status.ok() && source->cancelled()) return DecodeCancelledError();
-  return status;
+  if (!preview_serves_cx) return status;
+  // Data that cannot be developed: the preview serves what it reaches.
+  LOG_DEBUG(kLogComponent, "RAW not developed (%s); its preview serves %u", status.ToString().c_str(), cx);
+  raw->recycle();
+  if (!open()) return status;
+  const Status preview = DecodePreview(raw.get(), source, cx, out);
+  if (preview.ok()) return preview;
+  return source->cancelled() ? DecodeCancelledError() : status;
 }
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return std::make_unique<RawDecoder>(); }

@@ -18,14 +18,14 @@ void SetRawModulePath(const std::string& path) { RawModule::Loader().SetPath(pat
 
 std::unique_ptr<ImageDecoder> CreateRawDecoder() { return RawModule::CreateDecoder(); }
 
-Status DecodeCameraRaw(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+Status DecodeCameraRaw(ByteSource* source, uint32_t cx, RawContainer container, const FanOutRequest& fan_out,
                        image::Bitmap* out) {
   const RawModuleTable* module = RawModule::Get();
-  if (module == nullptr) return Status::NotSupported("the RAW module is not available");
+  if (module == nullptr) return NotCameraRawError("the RAW module is not available");
   // A request without a cache of its own names this copy's.
   FanOutRequest request = fan_out;
   if (request.cache == nullptr) request.cache = &TheReductionCache();
-  return module->decode_camera_raw(source, cx, tiff_container, request, out);
+  return module->decode_camera_raw(source, cx, container, request, out);
 }
 
 }  // namespace codec

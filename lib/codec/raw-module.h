@@ -19,6 +19,7 @@
 
 #include "lib/codec/byte-source.h"
 #include "lib/codec/image-decoder.h"
+#include "lib/codec/raw-decoder.h"
 #include "lib/codec/reducing-sink.h"
 #include "lib/image/bitmap.h"
 #include "lib/utility/status.h"
@@ -28,7 +29,7 @@ namespace codec {
 
 // A decoder module's table (decoder-module.h).
 struct RawModuleTable {
-  static constexpr uint32_t kAbiVersion = 2;
+  static constexpr uint32_t kAbiVersion = 3;
   static constexpr char kKind[] = "RAW";
   static constexpr char kFileStem[] = "tessera-raw";
   static constexpr char kEntryName[] = "TesseraRawModuleTable";
@@ -37,7 +38,7 @@ struct RawModuleTable {
   ImageDecoder* (*create_decoder)();
   // DecodeCameraRaw() of raw-decoder.h. The request's cache belongs to
   // the caller's copy of lib/codec.
-  Status (*decode_camera_raw)(ByteSource* source, uint32_t cx, bool tiff_container, const FanOutRequest& fan_out,
+  Status (*decode_camera_raw)(ByteSource* source, uint32_t cx, RawContainer container, const FanOutRequest& fan_out,
                               image::Bitmap* out);
 };
 

@@ -1,13 +1,9 @@
 #include <lcms2.h>
-#include <stdlib.h>
 #include <tiffio.h>
-#include <unistd.h>
 
-#include <cstdio>
+#include <cmath>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,7 +11,10 @@
 #include "lib/codec/decoders.h"
 #include "lib/codec/image-decoder.h"
 #include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/camera-fixtures.h"
 #include "lib/codec/testing/served-ahead.h"
+#include "lib/codec/testing/tiff-fixtures.h"
+#include "lib/color/testing/icc-fixtures.h"
 
 namespace tessera {
 namespace codec {
@@ -24,135 +23,14 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 using testing::ServedAhead;
+using testing::Solid;
+using testing::WriteTiff;
+using Page = testing::TiffPage;
 using Sizes = std::vector<uint32_t>;
-
-struct Page {
-  int width = 0;
-  int height = 0;
-  // Samples per pixel and bits; pixel(x, y, sample) gives the value.
-  int samples = 3;
-  int bits = 8;
-  int photometric = PHOTOMETRIC_RGB;
-  bool tiled = false;
-  bool planar = false;   // separate planes (strips only)
-  bool reduced = false;  // a reduced-resolution copy of the page before
-  int orientation = 0;   // 0: no tag
-  int rows_per_strip = 7;  // 0: the whole image in one strip
-  int compression = COMPRESSION_LZW;  // JPEG takes RGB rows and stores YCbCr
-  std::function<int(int x, int y, int s)> pixel;
-  std::vector<uint16_t> colormap;  // 3 * 2^bits entries for palette images
-  std::string icc;                 // embedded when not empty
-};
-
-// Packs one row of samples as libtiff expects them: bytes, 16-bit words in
-// host order, or other depths most significant bit first.
-std::vector<uint8_t> PackRow(const std::vector<int>& values, int bits) {
-  std::vector<uint8_t> out((values.size() * bits + 7) / 8);
-  if (bits == 16) {
-    for (size_t i = 0; i < values.size(); ++i) {
-      const uint16_t w = static_cast<uint16_t>(values[i]);
-      std::memcpy(out.data() + i * 2, &w, 2);
-    }
-    return out;
-  }
-  size_t bit = 0;
-  for (int v : values) {
-    for (int b = bits - 1; b >= 0; --b, ++bit) {
-      if ((v >> b) & 1) out[bit / 8] |= static_cast<uint8_t>(0x80 >> (bit % 8));
-    }
-  }
-  return out;
-}
-
-// Writes the pages with libtiff into a scratch file and returns its bytes;
-// `mode` is libtiff's ("wb": big-endian).
-std::string WriteTiff(const std::vector<Page>& pages, const char* mode = "w") {
-  char path[] = "/tmp/tiff-decoder-test-XXXXXX";
-  const int fd = mkstemp(path);
-  if (fd < 0) return "";
-  close(fd);
-  TIFF* tif = TIFFOpen(path, mode);
-  for (const Page& page : pages) {
-    TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, page.width);
-    TIFFSetField(tif, TIFFTAG_IMAGELENGTH, page.height);
-    TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, page.samples);
-    TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, page.bits);
-    TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, page.photometric);
-    TIFFSetField(tif, TIFFTAG_PLANARCONFIG, page.planar ? PLANARCONFIG_SEPARATE : PLANARCONFIG_CONTIG);
-    TIFFSetField(tif, TIFFTAG_COMPRESSION, page.compression);
-    if (page.compression == COMPRESSION_JPEG) TIFFSetField(tif, TIFFTAG_JPEGCOLORMODE, JPEGCOLORMODE_RGB);
-    if (page.reduced) TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
-    if (page.orientation) TIFFSetField(tif, TIFFTAG_ORIENTATION, page.orientation);
-    if (page.samples == 4 && page.photometric == PHOTOMETRIC_RGB) {
-      const uint16_t extra = EXTRASAMPLE_UNASSALPHA;
-      TIFFSetField(tif, TIFFTAG_EXTRASAMPLES, 1, &extra);
-    }
-    if (page.photometric == PHOTOMETRIC_PALETTE) {
-      const size_t n = size_t{1} << page.bits;
-      TIFFSetField(tif, TIFFTAG_COLORMAP, page.colormap.data(), page.colormap.data() + n,
-                   page.colormap.data() + 2 * n);
-    }
-    if (!page.icc.empty()) {
-      TIFFSetField(tif, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(page.icc.size()), page.icc.data());
-    }
-    // Samples of one row of pixels [x0, x0 + count), zero outside the page.
-    auto row_values = [&](int x0, int count, int y) {
-      std::vector<int> values;
-      for (int x = x0; x < x0 + count; ++x) {
-        for (int s = 0; s < page.samples; ++s) {
-          values.push_back(x < page.width && y < page.height ? page.pixel(x, y, s) : 0);
-        }
-      }
-      return values;
-    };
-    if (page.tiled) {
-      const int tile = 16;
-      TIFFSetField(tif, TIFFTAG_TILEWIDTH, tile);
-      TIFFSetField(tif, TIFFTAG_TILELENGTH, tile);
-      for (int ty = 0; ty < page.height; ty += tile) {
-        for (int tx = 0; tx < page.width; tx += tile) {
-          std::vector<uint8_t> buf;
-          for (int y = 0; y < tile; ++y) {
-            const std::vector<uint8_t> row = PackRow(row_values(tx, tile, ty + y), page.bits);
-            buf.insert(buf.end(), row.begin(), row.end());
-          }
-          TIFFWriteTile(tif, buf.data(), tx, ty, 0, 0);
-        }
-      }
-    } else if (page.planar) {
-      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, page.rows_per_strip > 0 ? page.rows_per_strip : page.height);
-      for (int s = 0; s < page.samples; ++s) {
-        for (int y = 0; y < page.height; ++y) {
-          std::vector<int> values;
-          for (int x = 0; x < page.width; ++x) values.push_back(page.pixel(x, y, s));
-          std::vector<uint8_t> row = PackRow(values, page.bits);
-          TIFFWriteScanline(tif, row.data(), y, static_cast<uint16_t>(s));
-        }
-      }
-    } else {
-      TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, page.rows_per_strip > 0 ? page.rows_per_strip : page.height);
-      for (int y = 0; y < page.height; ++y) {
-        std::vector<uint8_t> row = PackRow(row_values(0, page.width, y), page.bits);
-        TIFFWriteScanline(tif, row.data(), y, 0);
-      }
-    }
-    TIFFWriteDirectory(tif);
-  }
-  TIFFClose(tif);
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream content;
-  content << in.rdbuf();
-  unlink(path);
-  return content.str();
-}
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   return CreateTiffDecoder()->Decode(source.get(), cx, out);
-}
-
-std::function<int(int, int, int)> Solid(std::vector<int> value) {
-  return [value](int, int, int s) { return value[s]; };
 }
 
 void ExpectColor(const Rgb& c, double r, double g, double b) {
@@ -446,6 +324,20 @@ TEST(TiffDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
   jpeg.rows_per_strip = 16;
   EXPECT_EQ(ServedAhead(tiff, WriteTiff({jpeg}), {120, 60, 1280}), (Sizes{60, 1280}));
 
+  // A gray frame that names its maker: the RAW decoder refuses it for its
+  // content alone, which holds for every size.
+  Page frame;
+  frame.width = 300;
+  frame.height = 200;
+  frame.samples = 1;
+  frame.bits = 16;
+  frame.photometric = PHOTOMETRIC_MINISBLACK;
+  frame.compression = COMPRESSION_NONE;
+  frame.rows_per_strip = 0;
+  frame.make = "FLIR Systems AB";
+  frame.pixel = [](int x, int y, int) { return 7534 + (x + y) % 478; };
+  EXPECT_EQ(ServedAhead(tiff, WriteTiff({frame}), {60, 120, 320}), (Sizes{120, 320}));
+
   // A damaged strip: every size shows the same grey below it.
   std::string damaged = WriteTiff({strips});
   damaged.replace(damaged.size() / 2, 64, 64, '\xFF');
@@ -474,6 +366,271 @@ TEST(TiffDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
   EXPECT_EQ(ServedAhead(tiff, pyramid, {300, 90, 120, 80}), (Sizes{120}));
 }
 
+// Integer samples are sRGB levels as stored unless the file declares
+// otherwise: a range of values, the light of each value (a transfer
+// function) or a gray ICC profile. A thermal camera's frame, a narrow band
+// of 16-bit values, is such a gray picture whether or not it names its
+// maker, and no sensor mosaic to develop.
+TEST(TiffDecoderTest, GraySamplesMeanWhatTheFileDeclares) {
+  // 7534 on the left to 8011 on the right: 30 of 255 on average.
+  const auto band = [](int x, int, int) { return 7534 + x * 477 / 95; };
+  const auto declare_band = [](TIFF* tif) {
+    TIFFSetField(tif, TIFFTAG_SMINSAMPLEVALUE, 7534.0);
+    TIFFSetField(tif, TIFFTAG_SMAXSAMPLEVALUE, 8011.0);
+  };
+  std::vector<uint16_t> linear(256);
+  for (int v = 0; v < 256; ++v) linear[v] = static_cast<uint16_t>(v * 257);
+  const auto declare_linear = [&linear](TIFF* tif) { TIFFSetField(tif, TIFFTAG_TRANSFERFUNCTION, linear.data()); };
+  struct Case {
+    const char* what;
+    int bits;
+    int photometric;
+    std::string make;
+    std::function<void(TIFF*)> tags;
+    std::string icc;
+    std::function<double(int, int, int)> pixel;
+    double expected;
+  };
+  const Case cases[] = {
+      {"thermal frame", 16, PHOTOMETRIC_MINISBLACK, "FLIR Systems AB", nullptr, "", band, 30.2},
+      {"thermal frame, no maker", 16, PHOTOMETRIC_MINISBLACK, "", nullptr, "", band, 30.2},
+      {"declared range", 16, PHOTOMETRIC_MINISBLACK, "FLIR Systems AB", declare_band, "", band, 127.5},
+      {"linear light by transfer function", 8, PHOTOMETRIC_MINISBLACK, "", declare_linear, "", Solid({128}), 188},
+      {"linear gray profile", 8, PHOTOMETRIC_MINISBLACK, "", nullptr, color::testing::GrayGammaProfile(1.0),
+       Solid({128}), 188},
+      {"linear gray profile, 16 bits", 16, PHOTOMETRIC_MINISBLACK, "", nullptr,
+       color::testing::GrayGammaProfile(1.0), Solid({32896}), 188},
+      {"min is white, declared range", 16, PHOTOMETRIC_MINISWHITE, "", declare_band, "", band, 127.5},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    // Uncompressed in one strip, as the cameras write them.
+    Page page;
+    page.width = 96;
+    page.height = 64;
+    page.samples = 1;
+    page.bits = c.bits;
+    page.compression = COMPRESSION_NONE;
+    page.rows_per_strip = 0;
+    page.photometric = c.photometric;
+    page.make = c.make;
+    page.more_tags = c.tags;
+    page.icc = c.icc;
+    page.pixel = c.pixel;
+    image::Bitmap bitmap;
+    const Status status = Decode(WriteTiff({page}), 96, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    EXPECT_EQ(bitmap.width(), 96);
+    ExpectColor(MeanColor(bitmap), c.expected, c.expected, c.expected);
+  }
+}
+
+// CMYK goes through its embedded profile (a press profile like FOGRA39,
+// where magenta and yellow print as (237, 28, 36)) however it is stored,
+// JPEG-coded and in planes of tiles included.
+TEST(TiffDecoderTest, CmykGoesThroughItsProfileInEveryLayout) {
+  struct Case {
+    const char* what;
+    int compression;
+    bool tiled, planar;
+    int bits, samples;
+  };
+  const Case cases[] = {
+      {"LZW strips", COMPRESSION_LZW, false, false, 8, 4},
+      {"JPEG strips", COMPRESSION_JPEG, false, false, 8, 4},
+      {"JPEG tiles", COMPRESSION_JPEG, true, false, 8, 4},
+      {"planes of tiles", COMPRESSION_LZW, true, true, 8, 4},
+      {"16-bit planes of strips", COMPRESSION_NONE, false, true, 16, 4},
+      {"with alpha", COMPRESSION_ADOBE_DEFLATE, false, false, 8, 5},
+  };
+  const std::string press = color::testing::PressCmykProfile();
+  ASSERT_FALSE(press.empty());
+  const int(&overprint)[3] = color::testing::kPressOverprints[3];  // M + Y
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Page page;
+    page.width = 48;
+    page.height = 32;
+    page.samples = c.samples;
+    page.bits = c.bits;
+    page.photometric = PHOTOMETRIC_SEPARATED;
+    page.compression = c.compression;
+    page.rows_per_strip = 16;
+    page.tiled = c.tiled;
+    page.planar = c.planar;
+    page.icc = press;
+    const int full = (1 << c.bits) - 1;
+    page.pixel = [full](int, int, int s) { return s == 1 || s == 2 || s == 4 ? full : 0; };
+    image::Bitmap bitmap;
+    const Status status = Decode(WriteTiff({page}), 48, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    ExpectColor(MeanColor(bitmap), overprint[0], overprint[1], overprint[2]);
+  }
+}
+
+// CIE L*a*b* becomes sRGB with white staying white (D50 adapted to sRGB's
+// D65), whatever the encoding: CIELab's signed a* and b*, ICCLab's offset
+// ones (16-bit L* 100 at 65280), ITULab's ranges; in 8 and 16 bits.
+TEST(TiffDecoderTest, LabBecomesSrgbInEachEncoding) {
+  const double grey[3] = {50, 0, 0};
+  const double violet[3] = {60, 40, -30};
+  // What lcms2 makes of them from floating-point Lab.
+  uint8_t expected_violet[3];
+  {
+    cmsHPROFILE lab = cmsCreateLab4Profile(nullptr);
+    cmsHPROFILE srgb = cmsCreate_sRGBProfile();
+    cmsHTRANSFORM transform =
+        cmsCreateTransform(lab, TYPE_Lab_DBL, srgb, TYPE_RGB_8, INTENT_RELATIVE_COLORIMETRIC, 0);
+    cmsDoTransform(transform, violet, expected_violet, 1);
+    cmsDeleteTransform(transform);
+    cmsCloseProfile(lab);
+    cmsCloseProfile(srgb);
+  }
+  using Encode = std::function<double(double value, int sample)>;
+  struct Case {
+    const char* what;
+    int photometric, bits;
+    bool planar;
+    Encode encode;
+  };
+  const Case cases[] = {
+      {"CIELab, 8 bits", PHOTOMETRIC_CIELAB, 8, false,
+       [](double v, int s) { return s == 0 ? v * 255 / 100 : static_cast<uint8_t>(static_cast<int8_t>(v)); }},
+      {"CIELab, 16 bits", PHOTOMETRIC_CIELAB, 16, false,
+       [](double v, int s) {
+         return s == 0 ? v * 65535 / 100 : static_cast<uint16_t>(static_cast<int16_t>(v * 256));
+       }},
+      {"ICCLab, 8 bits", PHOTOMETRIC_ICCLAB, 8, false,
+       [](double v, int s) { return s == 0 ? v * 255 / 100 : v + 128; }},
+      {"ICCLab, 16 bits, planes", PHOTOMETRIC_ICCLAB, 16, true,
+       [](double v, int s) { return s == 0 ? v * 65280 / 100 : (v + 128) * 256; }},
+      {"ITULab, 8 bits", PHOTOMETRIC_ITULAB, 8, false,
+       [](double v, int s) {
+         return s == 0 ? v * 255 / 100 : s == 1 ? (v + 85) * 255 / 170 : (v + 75) * 255 / 200;
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Page page;
+    page.width = 32;
+    page.height = 16;
+    page.bits = c.bits;
+    page.photometric = c.photometric;
+    page.planar = c.planar;
+    const Encode encode = c.encode;
+    page.pixel = [&](int x, int, int s) { return std::round(encode((x < 16 ? grey : violet)[s], s)); };
+    image::Bitmap bitmap;
+    const Status status = Decode(WriteTiff({page}), 32, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    ExpectColor(MeanColor(bitmap, 0, 0, 14, 16), 119, 119, 119);
+    ExpectColor(MeanColor(bitmap, 18, 0, 32, 16), expected_violet[0], expected_violet[1], expected_violet[2]);
+  }
+}
+
+// Floating-point samples are linear light, clamped to 0..1 (or to the
+// range the file declares) and encoded as sRGB: 0.214 shows as 128, 0.5
+// as 188.
+TEST(TiffDecoderTest, FloatingPointSamplesAreLinearLight) {
+  struct Case {
+    const char* what;
+    int bits, samples;
+    bool planar, tiled;
+    int compression;
+    const char* mode;
+    double range;  // declared maximum, 0 for none
+  };
+  const Case cases[] = {
+      {"32-bit RGB", 32, 3, false, false, COMPRESSION_LZW, "w", 0},
+      {"16-bit RGB tiles", 16, 3, false, true, COMPRESSION_ADOBE_DEFLATE, "w", 0},
+      {"64-bit gray", 64, 1, false, false, COMPRESSION_NONE, "w", 0},
+      {"32-bit RGB planes, big-endian", 32, 3, true, false, COMPRESSION_NONE, "wb", 0},
+      {"32-bit RGBA", 32, 4, false, false, COMPRESSION_LZW, "w", 0},
+      {"32-bit RGB of a declared range 0..4", 32, 3, false, false, COMPRESSION_LZW, "w", 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Page page;
+    page.width = 32;
+    page.height = 16;
+    page.bits = c.bits;
+    page.samples = c.samples;
+    page.sample_format = SAMPLEFORMAT_IEEEFP;
+    page.photometric = c.samples == 1 ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB;
+    page.planar = c.planar;
+    page.tiled = c.tiled;
+    page.compression = c.compression;
+    const double scale = c.range > 0 ? c.range : 1;
+    if (c.range > 0) {
+      page.more_tags = [&c](TIFF* tif) {
+        TIFFSetField(tif, TIFFTAG_SMINSAMPLEVALUE, 0.0);
+        TIFFSetField(tif, TIFFTAG_SMAXSAMPLEVALUE, c.range);
+      };
+    }
+    // Left: grey of 0.214. Right: red over the top, green 0.5, blue below
+    // zero (gray: 0.5).
+    page.pixel = [scale, &c](int x, int, int s) {
+      static const double kRight[3] = {1.5, 0.5, -0.2};
+      if (s == 3) return 1.0;
+      return scale * (x < 16 ? 0.214 : c.samples == 1 ? 0.5 : kRight[s]);
+    };
+    image::Bitmap bitmap;
+    const Status status = Decode(WriteTiff({page}, c.mode), 32, &bitmap);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    ExpectColor(MeanColor(bitmap, 0, 0, 14, 16), 128, 128, 128);
+    if (c.samples == 1) {
+      ExpectColor(MeanColor(bitmap, 18, 0, 32, 16), 188, 188, 188);
+    } else {
+      ExpectColor(MeanColor(bitmap, 18, 0, 32, 16), 255, 188, 0);
+    }
+  }
+}
+
+// A page whose data cannot be read is served by a smaller copy of it for
+// the sizes the copy is large enough for (a longer side of two thirds of
+// the request, as for camera RAW previews), and by nothing for the others:
+// a reduced copy, or in a scanner's or camera's file the preview that
+// follows the page unmarked (Nikon Scan's NEF).
+TEST(TiffDecoderTest, UnreadablePageIsServedByASmallerCopy) {
+  const std::string garbage(600, '\x5a');
+  Page main;
+  main.width = 400;
+  main.height = 200;
+  main.compression = COMPRESSION_ADOBE_DEFLATE;
+  main.pixel = nullptr;
+  main.more_tags = [&garbage](TIFF* tif) {
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 200);
+    TIFFWriteRawStrip(tif, 0, const_cast<char*>(garbage.data()), static_cast<tmsize_t>(garbage.size()));
+  };
+  Page reduced;
+  reduced.width = 100;
+  reduced.height = 50;
+  reduced.reduced = true;
+  reduced.pixel = Solid({0, 255, 0});
+  const std::string tiff = WriteTiff({main, reduced});
+  image::Bitmap bitmap;
+  ASSERT_TRUE(Decode(tiff, 150, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 100);
+  EXPECT_EQ(bitmap.height(), 50);
+  ExpectColor(MeanColor(bitmap), 0, 255, 0);
+  EXPECT_FALSE(Decode(tiff, 160, &bitmap).ok());
+  EXPECT_FALSE(Decode(WriteTiff({main}), 150, &bitmap).ok());
+
+  // A film scan cut short: its 320x218 preview serves the smallest size of
+  // the tool (cx 360), not the next (720).
+  const uint8_t preview_rgb[3] = {30, 160, 90};
+  const std::string nef = testing::NikonScanNef(480, 327, 320, 218, preview_rgb, false);
+  ASSERT_FALSE(nef.empty());
+  ASSERT_TRUE(Decode(nef, 360, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 320);
+  EXPECT_EQ(bitmap.height(), 218);
+  ExpectColor(MeanColor(bitmap), 30, 160, 90);
+  EXPECT_FALSE(Decode(nef, 720, &bitmap).ok());
+  // With its scan, the scan shows.
+  ASSERT_TRUE(Decode(testing::NikonScanNef(480, 327, 320, 218, preview_rgb, true), 720, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 480);
+  EXPECT_GT(std::fabs(MeanColor(bitmap).g - 160), 20);
+}
+
 TEST(TiffDecoderTest, HostileInputFailsCleanly) {
   Page page;
   page.width = 30;
@@ -499,6 +656,26 @@ TEST(TiffDecoderTest, HostileInputFailsCleanly) {
   tiled.pixel = [](int x, int y, int s) { return (x * 97 + y * 31 + s * 1000) & 4095; };
   const std::string tiles = WriteTiff({tiled});
   for (size_t n = 0; n < tiles.size(); n += 29) Decode(tiles.substr(0, n), 30, &bitmap);
+
+  // And for planes of tiles, floats and Lab.
+  Page planes = tiled;
+  planes.planar = true;
+  planes.compression = COMPRESSION_JPEG;
+  planes.bits = 8;
+  Page floats = page;
+  floats.bits = 16;
+  floats.sample_format = SAMPLEFORMAT_IEEEFP;
+  floats.planar = true;
+  floats.tiled = true;
+  floats.pixel = [](int x, int y, int s) { return (x * 7 + y * 13 + s) / 300.0; };
+  Page lab = page;
+  lab.photometric = PHOTOMETRIC_CIELAB;
+  lab.bits = 16;
+  for (const Page& layout : {planes, floats, lab}) {
+    const std::string bytes = WriteTiff({layout});
+    ASSERT_TRUE(Decode(bytes, 30, &bitmap).ok());
+    for (size_t n = 0; n < bytes.size(); n += 31) Decode(bytes.substr(0, n), 30, &bitmap);
+  }
 
   // A declared size over the limits is refused before decoding.
   Page big = page;

@@ -1,15 +1,20 @@
-// TIFF in two ways. Gray, RGB, CMYK and palette images of 1 to 16 bits,
-// interleaved or (in strips) planar-separate, are unpacked here, scanline by
-// scanline for strips and one row of tiles at a time for tiles: CMYK goes through the colour-managed conversion
-// (the embedded profile, else the built-in press model), other depths are
-// scaled to 8 bits. Reading scanlines in order decodes each strip once, so a
-// file written as one huge strip costs no more than one cut into many.
-// What needs libtiff's own colour handling (YCbCr, JPEG and old-style JPEG
-// compression, planar-separate tiles, LogLuv, Lab) goes through the RGBA
-// interface a slice of whole strips or one row of tiles at a time. Either
-// way rows are reduced on the fly, so memory is bounded by the raw data of
-// one strip or tile row plus the output. The rows of one decode also serve
-// the run's other sizes that pick the same image (ReducingSink::FanOut).
+// TIFF in two ways. Gray, RGB, CMYK, CIE L*a*b* and palette images of 1 to
+// 16 bits, and gray and RGB ones of 16-, 32- or 64-bit floats, interleaved
+// or planar-separate, uncompressed or with any codec but old-style JPEG,
+// are unpacked here, scanline by scanline for strips and one row of tiles
+// at a time for tiles. Integer samples are sRGB levels unless the file
+// declares otherwise (a range of values, a transfer function, a gray ICC
+// profile); floats are linear light. CMYK and Lab go through the
+// colour-managed conversion (the embedded profile, else the built-in press
+// model or CIE Lab to sRGB). Reading scanlines in order decodes each strip
+// once, so a file written as one huge strip costs no more than one cut into
+// many. What needs libtiff's own colour handling (YCbCr, old-style JPEG,
+// LogLuv) goes through the RGBA interface a slice of whole strips or one
+// row of tiles at a time. Either way rows are reduced on the fly, so memory
+// is bounded by the raw data of one strip or tile row plus the output. The
+// rows of one decode also serve the run's other sizes that pick the same
+// image (ReducingSink::FanOut). A page whose data cannot be read is served
+// by a smaller copy of it for the sizes that copy is large enough for.
 #include <tiffio.h>
 
 #include <algorithm>
@@ -138,20 +143,36 @@ bool RgbaReadable(TIFF* tif) {
   return TIFFRGBAImageOK(tif, message) != 0;
 }
 
-// What the sample path reads: unsigned integer samples of 1 to 16 bits,
-// interleaved (or planar-separate in strips), as gray, RGB, CMYK or palette
-// indices (up to 8 bits) with an optional alpha sample after the colour
-// ones.
+// How the colour samples of a pixel become a colour.
+enum class ColorModel { kGray, kRgb, kCmyk, kLab, kPalette };
+
+// What the sample path reads: unsigned integer samples of 1 to 16 bits, or
+// floating-point ones of 16, 32 or 64 bits (gray and RGB), interleaved or
+// planar-separate, as gray, RGB, CMYK, CIE L*a*b* (8 and 16 bits) or
+// palette indices (up to 8 bits) with an optional alpha sample after the
+// colour ones.
 struct SampleLayout {
   uint16_t photometric = 0;
   int bits = 0;
+  bool floating = false;  // IEEE floating point: linear light, 0 to 1
   int samples = 0;        // per pixel, extra samples included
-  bool planar = false;    // one plane of strips per sample
+  bool planar = false;    // one plane of strips or tiles per sample
+  ColorModel model = ColorModel::kGray;
   int color_samples = 0;  // 1, 3 or 4
   int alpha_index = -1;   // sample index of alpha, -1 when none
   bool associated_alpha = false;
+  // Gray whose scaled samples are inverted (MinIsWhite without maps).
+  bool invert = false;
   // Palette images: 8-bit B, G, R per index (2^bits entries).
   std::vector<uint8_t> palette;
+  // Filled by PrepareSampleMaps. Per sample, the 8-bit value of each stored
+  // value (2^bits entries; for 16-bit floats, of each bit pattern); empty
+  // when every sample is only scaled to 8 bits.
+  std::vector<std::vector<uint8_t>> maps;
+  // Floating samples v show as (v - float_offset) * float_scale, clamped to
+  // 0..1.
+  double float_offset = 0;
+  double float_scale = 1;
 };
 
 // The colour map as 8-bit BGR triples. Maps whose entries all fit in 8 bits
@@ -185,35 +206,48 @@ bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
   TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &samples);
   TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
   TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &format);
-  if (bits < 1 || bits > 16 || format != SAMPLEFORMAT_UINT) return false;
-  // Tiles of separate planes stay with libtiff, which holds one tile of
-  // each plane at a time.
-  const bool separate = planar == PLANARCONFIG_SEPARATE && samples > 1;
-  if (planar != PLANARCONFIG_CONTIG && samples > 1 && (!separate || TIFFIsTiled(tif))) return false;
+  const bool floating = format == SAMPLEFORMAT_IEEEFP;
+  if (floating ? bits != 16 && bits != 32 && bits != 64 : format != SAMPLEFORMAT_UINT || bits < 1 || bits > 16) {
+    return false;
+  }
+  if (planar != PLANARCONFIG_CONTIG && planar != PLANARCONFIG_SEPARATE) return false;
   SampleLayout layout;
-  layout.planar = separate;
+  layout.planar = planar == PLANARCONFIG_SEPARATE && samples > 1;
   layout.photometric = photometric;
   layout.bits = bits;
+  layout.floating = floating;
   layout.samples = samples;
   switch (photometric) {
     case PHOTOMETRIC_MINISBLACK:
     case PHOTOMETRIC_MINISWHITE:
+      layout.model = ColorModel::kGray;
       layout.color_samples = 1;
+      layout.invert = photometric == PHOTOMETRIC_MINISWHITE;
       break;
     case PHOTOMETRIC_RGB:
+      layout.model = ColorModel::kRgb;
       layout.color_samples = 3;
       break;
     case PHOTOMETRIC_PALETTE:
-      if (bits > 8 || !ReadPalette(tif, bits, &layout.palette)) return false;
+      if (floating || bits > 8 || !ReadPalette(tif, bits, &layout.palette)) return false;
+      layout.model = ColorModel::kPalette;
       layout.color_samples = 1;
       break;
     case PHOTOMETRIC_SEPARATED: {
       uint16_t inkset = INKSET_CMYK;
       TIFFGetFieldDefaulted(tif, TIFFTAG_INKSET, &inkset);
-      if (inkset != INKSET_CMYK) return false;
+      if (floating || inkset != INKSET_CMYK) return false;
+      layout.model = ColorModel::kCmyk;
       layout.color_samples = 4;
       break;
     }
+    case PHOTOMETRIC_CIELAB:
+    case PHOTOMETRIC_ICCLAB:
+    case PHOTOMETRIC_ITULAB:
+      if (floating || (bits != 8 && bits != 16)) return false;
+      layout.model = ColorModel::kLab;
+      layout.color_samples = 3;
+      break;
     default:
       return false;
   }
@@ -230,12 +264,188 @@ bool ParseSampleLayout(TIFF* tif, SampleLayout* out) {
   return true;
 }
 
-// Every layout the sample path reads takes it, except JPEG-compressed data:
-// libtiff's JPEG codecs convert colour themselves and their strips are small.
+uint8_t Clamp8(double v) { return v <= 0 ? 0 : v >= 255 ? 255 : static_cast<uint8_t>(std::lrint(v)); }
+
+// Linear light (0..1 in 65536 steps) encoded with the sRGB curve.
+const uint8_t* SrgbEncodingTable() {
+  static const std::vector<uint8_t>* table = [] {
+    auto* t = new std::vector<uint8_t>(65536);
+    for (int i = 0; i < 65536; ++i) {
+      const double v = i / 65535.0;
+      (*t)[i] = Clamp8(255 * (v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055));
+    }
+    return t;
+  }();
+  return table->data();
+}
+
+// Linear light in 0..1 (clamped; NaN is black) as an 8-bit sRGB level.
+uint8_t EncodeSrgb(double linear) {
+  if (!(linear > 0)) return 0;
+  if (linear >= 1) return 255;
+  return SrgbEncodingTable()[static_cast<int>(linear * 65535 + 0.5)];
+}
+
+// The value of a 16-bit IEEE float.
+double HalfValue(uint16_t h) {
+  const int exponent = (h >> 10) & 0x1F;
+  const int mantissa = h & 0x3FF;
+  double v;
+  if (exponent == 0) {
+    v = std::ldexp(mantissa, -24);
+  } else if (exponent == 31) {
+    v = mantissa != 0 ? std::nan("") : HUGE_VAL;
+  } else {
+    v = std::ldexp(mantissa + 1024, exponent - 25);
+  }
+  return (h & 0x8000) ? -v : v;
+}
+
+// A declared range of sample values (SMinSampleValue, SMaxSampleValue; the
+// lowest and highest over all samples) that is usable: finite and not
+// empty. Integer samples also need it to lie within their values.
+bool DeclaredRange(TIFF* tif, const SampleLayout& layout, double* low, double* high) {
+  double smin = 0;
+  double smax = 0;
+  if (!TIFFGetField(tif, TIFFTAG_SMINSAMPLEVALUE, &smin) || !TIFFGetField(tif, TIFFTAG_SMAXSAMPLEVALUE, &smax)) {
+    return false;
+  }
+  if (!std::isfinite(smin) || !std::isfinite(smax) || !(smax > smin)) return false;
+  if (!layout.floating && (smin < 0 || smax > (1 << layout.bits) - 1)) return false;
+  *low = smin;
+  *high = smax;
+  return true;
+}
+
+// CIE L*a*b* samples of `layout.bits` bits as the 8-bit ICC encoding the
+// Lab transform takes (L* 0..100 as 0..255, a* and b* offset by 128), per
+// photometric interpretation: CIELab stores a* and b* signed (16-bit ones
+// in 256ths), ICCLab offset by 128 (16-bit ones by 32768, in 256ths, and
+// L* 100 as 65280), ITULab spans L* 0..100, a* -85..85 and b* -75..125 over
+// all values.
+void LabMaps(const SampleLayout& layout, std::vector<std::vector<uint8_t>>* maps) {
+  const uint32_t max = (1u << layout.bits) - 1;
+  const bool sixteen = layout.bits == 16;
+  // libtiff does not know the Decode tag; the defaults of TIFF-FX.
+  const double itu[6] = {0, 100, -85, 85, -75, 125};
+  for (int c = 0; c < 3; ++c) {
+    std::vector<uint8_t>& map = (*maps)[c];
+    map.resize(size_t{max} + 1);
+    for (uint32_t v = 0; v <= max; ++v) {
+      double lab = 0;  // L* or a*/b*
+      switch (layout.photometric) {
+        case PHOTOMETRIC_CIELAB:
+          lab = c == 0 ? v * 100.0 / max
+                       : sixteen ? static_cast<int16_t>(static_cast<uint16_t>(v)) / 256.0
+                                 : static_cast<int8_t>(static_cast<uint8_t>(v));
+          break;
+        case PHOTOMETRIC_ICCLAB:
+          lab = c == 0 ? v * 100.0 / (sixteen ? 65280 : 255) : (sixteen ? v / 256.0 : v) - 128;
+          break;
+        default:  // ITULab
+          lab = itu[c * 2] + v * (itu[c * 2 + 1] - itu[c * 2]) / max;
+          break;
+      }
+      map[v] = Clamp8(c == 0 ? lab * 255 / 100 : lab + 128);
+    }
+  }
+}
+
+// Fills layout->maps and the float range from what the file declares
+// about its values: gray and RGB samples span a declared range
+// (SMinSampleValue..SMaxSampleValue) rather than all values, gray and RGB
+// integer samples without an ICC profile may name the light of each value
+// (TransferFunction), and gray samples may come with a gray ICC profile;
+// CIE L*a*b* samples get their encoding's map. Integer samples that
+// declare none of this are scaled to 8 bits as they are, as sRGB levels.
+void PrepareSampleMaps(TIFF* tif, SampleLayout* layout, const uint8_t* icc, uint32_t icc_size) {
+  const bool gray_or_rgb = layout->model == ColorModel::kGray || layout->model == ColorModel::kRgb;
+  double low = 0;
+  double high = 0;
+  const bool ranged = gray_or_rgb && DeclaredRange(tif, *layout, &low, &high);
+  if (layout->floating) {
+    if (ranged) {
+      layout->float_offset = low;
+      layout->float_scale = 1 / (high - low);
+    }
+    if (layout->bits != 16) return;
+    // Half floats: a map over every bit pattern.
+    layout->maps.assign(static_cast<size_t>(layout->samples), std::vector<uint8_t>(65536));
+    for (int s = 0; s < layout->samples; ++s) {
+      for (uint32_t h = 0; h < 65536; ++h) {
+        const double v = HalfValue(static_cast<uint16_t>(h));
+        if (s < layout->color_samples) {
+          double x = (v - layout->float_offset) * layout->float_scale;
+          if (layout->invert) x = 1 - x;
+          layout->maps[s][h] = EncodeSrgb(x);
+        } else {
+          layout->maps[s][h] = std::isnan(v) ? 0 : Clamp8(v * 255);
+        }
+      }
+    }
+    layout->invert = false;
+    return;
+  }
+  const uint32_t max = (1u << layout->bits) - 1;
+  std::vector<std::vector<uint8_t>> maps(static_cast<size_t>(layout->samples));
+  if (layout->model == ColorModel::kLab) {
+    LabMaps(*layout, &maps);
+  } else if (gray_or_rgb) {
+    // A gray ICC profile, unless it describes sRGB's curve.
+    std::shared_ptr<const color::ColorTransform> gray_icc;
+    if (layout->model == ColorModel::kGray && icc != nullptr) {
+      gray_icc = color::ColorTransform::SharedFromIcc(icc, icc_size, color::PixelLayout::kGray16);
+      if (gray_icc->is_identity()) gray_icc.reset();
+    }
+    uint16_t* transfer[3] = {nullptr, nullptr, nullptr};
+    const bool has_transfer = icc == nullptr && TIFFGetField(tif, TIFFTAG_TRANSFERFUNCTION, &transfer[0], &transfer[1],
+                                                             &transfer[2]) && transfer[0] != nullptr;
+    if (ranged || gray_icc || has_transfer) {
+      for (int c = 0; c < layout->color_samples; ++c) {
+        const uint16_t* table = has_transfer ? (transfer[c] != nullptr ? transfer[c] : transfer[0]) : nullptr;
+        std::vector<uint8_t>& map = maps[c];
+        map.resize(size_t{max} + 1);
+        std::vector<uint16_t> levels(size_t{max} + 1);
+        for (uint32_t v = 0; v <= max; ++v) {
+          if (table != nullptr) {
+            // The light of each value, 0..65535, whatever the photometric
+            // interpretation.
+            map[v] = EncodeSrgb(table[v] / 65535.0);
+            continue;
+          }
+          // The declared range is one of stored values.
+          double x = ranged ? (v - low) / (high - low) : static_cast<double>(v) / max;
+          x = std::min(1.0, std::max(0.0, x));
+          if (layout->invert) x = 1 - x;
+          levels[v] = static_cast<uint16_t>(std::lrint(x * 65535));
+          map[v] = Clamp8(x * 255);
+        }
+        if (gray_icc && table == nullptr) {
+          std::vector<uint8_t> bgra(levels.size() * 4);
+          gray_icc->Apply(reinterpret_cast<const uint8_t*>(levels.data()), bgra.data(), levels.size());
+          for (size_t v = 0; v < levels.size(); ++v) map[v] = bgra[v * 4 + 1];
+        }
+      }
+      layout->invert = false;
+    }
+  }
+  if (maps[0].empty()) return;  // plain scaling throughout
+  // The other samples (alpha, extra ones) scaled as they are.
+  for (std::vector<uint8_t>& map : maps) {
+    if (!map.empty()) continue;
+    map.resize(size_t{max} + 1);
+    for (uint32_t v = 0; v <= max; ++v) map[v] = static_cast<uint8_t>((v * 255 + max / 2) / max);
+  }
+  layout->maps = std::move(maps);
+}
+
+// Every layout the sample path reads takes it, except old-style JPEG,
+// whose codec converts colour itself. (New-style JPEG hands over the
+// samples as stored, except YCbCr, which the sample path does not read.)
 bool PreferSamplePath(TIFF* tif) {
   uint16_t compression = COMPRESSION_NONE;
   TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
-  if (compression == COMPRESSION_JPEG || compression == COMPRESSION_OJPEG) return false;
+  if (compression == COMPRESSION_OJPEG) return false;
   SampleLayout layout;
   return ParseSampleLayout(tif, &layout);
 }
@@ -244,16 +454,22 @@ bool Readable(TIFF* tif) { return PreferSamplePath(tif) || RgbaReadable(tif); }
 
 // The images a request may be served from: the first full-resolution page
 // and the readable reduced-resolution copies of it (following reduced IFDs
-// and SubIFDs) with its aspect ratio, in file order.
+// and SubIFDs) with its aspect ratio, in file order; and the page after it
+// when that is a readable smaller image of the same aspect, which scanners
+// write as a preview of the page without marking it as a reduced copy.
 struct ImageChoices {
   Candidate main;
   std::vector<Candidate> reduced;
+  bool has_next_page = false;
+  Candidate next_page;
 };
 
 Status FindImages(TIFF* tif, ImageChoices* out) {
   Candidate main;
   bool found = false;
   std::vector<Candidate> reduced;
+  bool has_next_page = false;
+  Candidate next_page;
   for (int i = 0; i < kMaxDirectories; ++i) {
     Candidate c;
     c.directory = TIFFCurrentDirectory(tif);
@@ -264,7 +480,9 @@ Status FindImages(TIFF* tif, ImageChoices* out) {
       } else if (found && IsReduced(tif)) {
         reduced.push_back(c);
       } else if (found) {
-        break;  // the next page
+        next_page = c;
+        has_next_page = true;
+        break;
       }
     }
     if (!TIFFReadDirectory(tif)) break;
@@ -291,6 +509,10 @@ Status FindImages(TIFF* tif, ImageChoices* out) {
   for (const Candidate& c : reduced) {
     if (SameAspect(c, main) && Select(tif, c) && Readable(tif)) choices.reduced.push_back(c);
   }
+  choices.has_next_page = has_next_page && SameAspect(next_page, main) &&
+                          std::max(next_page.width, next_page.height) < std::max(main.width, main.height) &&
+                          Select(tif, next_page) && Readable(tif);
+  choices.next_page = next_page;
   *out = std::move(choices);
   return Status::OK();
 }
@@ -304,6 +526,26 @@ Candidate ChooseImage(const ImageChoices& choices, uint32_t cx) {
     if (longer >= cx && longer < std::max(best.width, best.height)) best = c;
   }
   return best;
+}
+
+// A smaller image to serve cx from when the page's own data cannot be
+// read: the smallest reduced copy (or, with `next_page_too`, the preview
+// page) large enough by the rule of camera RAW previews (raw-decoder.cc):
+// a longer side of at least two thirds of cx, or of the page's.
+bool ChooseStandIn(const ImageChoices& choices, uint32_t cx, bool next_page_too, Candidate* out) {
+  const uint32_t main_longer = std::max(choices.main.width, choices.main.height);
+  const uint64_t needed = std::min<uint64_t>((uint64_t{cx} * 2 + 2) / 3, main_longer);
+  std::vector<Candidate> copies = choices.reduced;
+  if (next_page_too && choices.has_next_page) copies.push_back(choices.next_page);
+  bool found = false;
+  for (const Candidate& c : copies) {
+    const uint32_t longer = std::max(c.width, c.height);
+    if (longer >= needed && longer < main_longer && (!found || longer < std::max(out->width, out->height))) {
+      *out = c;
+      found = true;
+    }
+  }
+  return found;
 }
 
 bool SameImage(const Candidate& a, const Candidate& b) {
@@ -393,11 +635,65 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, image::B
   return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
 }
 
-// Unpacks count samples of `bits` bits into 8-bit values, rounding (or, with
-// `scale` false, as they are: palette indices). Samples of other than 8 or
-// 16 bits are packed most significant bit first; 16-bit ones come in host
-// order (libtiff swaps them).
-void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst, bool scale = true) {
+// Unpacks `count` samples into 8-bit values: sample i belongs to sample
+// index `plane` of the layout, or with plane -1 (interleaved samples) to
+// index i % samples. Integer samples are scaled, rounding, or mapped
+// through layout.maps; palette indices stay as they are; floating-point
+// ones are encoded from linear light (alpha scaled). Integer samples of
+// other than 8 or 16 bits are packed most significant bit first; 16-bit
+// ones and floats come in host order (libtiff swaps them).
+void UnpackSamples(const uint8_t* src, size_t count, const SampleLayout& layout, int plane, uint8_t* dst) {
+  const int bits = layout.bits;
+  const size_t n = static_cast<size_t>(layout.samples);
+  auto index = [&](size_t i) { return plane >= 0 ? static_cast<size_t>(plane) : i % n; };
+  if (layout.floating && bits != 16) {
+    for (size_t i = 0; i < count; ++i) {
+      double v;
+      if (bits == 32) {
+        float f;
+        std::memcpy(&f, src + i * 4, 4);
+        v = f;
+      } else {
+        std::memcpy(&v, src + i * 8, 8);
+      }
+      const size_t s = index(i);
+      if (s < static_cast<size_t>(layout.color_samples)) {
+        double x = (v - layout.float_offset) * layout.float_scale;
+        if (layout.invert) x = 1 - x;
+        dst[i] = EncodeSrgb(x);
+      } else {
+        dst[i] = std::isnan(v) ? 0 : Clamp8(v * 255);
+      }
+    }
+    return;
+  }
+  if (!layout.maps.empty()) {
+    const std::vector<std::vector<uint8_t>>& maps = layout.maps;
+    if (bits == 8) {
+      for (size_t i = 0; i < count; ++i) dst[i] = maps[index(i)][src[i]];
+    } else if (bits == 16) {
+      for (size_t i = 0; i < count; ++i) {
+        uint16_t v;
+        std::memcpy(&v, src + i * 2, 2);
+        dst[i] = maps[index(i)][v];
+      }
+    } else {
+      const uint32_t max = (1u << bits) - 1;
+      uint32_t acc = 0;
+      int have = 0;
+      for (size_t i = 0; i < count; ++i) {
+        while (have < bits) {
+          acc = (acc << 8) | *src++;
+          have += 8;
+        }
+        have -= bits;
+        const uint32_t v = (acc >> have) & max;
+        acc &= (1u << have) - 1;
+        dst[i] = maps[index(i)][v];
+      }
+    }
+    return;
+  }
   if (bits == 8) {
     std::memcpy(dst, src, count);
     return;
@@ -410,6 +706,7 @@ void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst, boo
     }
     return;
   }
+  const bool scale = layout.palette.empty();
   const uint32_t max = (1u << bits) - 1;
   uint32_t acc = 0;
   int have = 0;
@@ -425,48 +722,66 @@ void UnpackSamples(const uint8_t* src, int bits, size_t count, uint8_t* dst, boo
   }
 }
 
-// Turns count pixels of 8-bit samples into BGRA, or into CMYK for CMYK
-// input without a transform (the sink converts it after the reduction).
-// cmyk is scratch of 4 bytes a pixel for CMYK input.
-void SamplesToBgra(const SampleLayout& layout, const color::ColorTransform* cmyk_transform, const uint8_t* s,
-                   size_t count, uint8_t* cmyk, uint8_t* bgra) {
+// Whether rows go to the sink in the colour space of the samples, four
+// bytes a pixel (CMYK; Lab as L, a, b and a spare byte), to be converted
+// after the reduction: when there is no alpha to flatten first.
+bool ReducesUnconverted(const SampleLayout& layout) {
+  return (layout.model == ColorModel::kCmyk || layout.model == ColorModel::kLab) && layout.alpha_index < 0;
+}
+
+// Turns count pixels of 8-bit samples into BGRA, or into four-byte CMYK or
+// Lab pixels when they are reduced unconverted. `convert` converts CMYK
+// and Lab pixels with alpha right here; scratch holds four bytes a pixel
+// for them.
+void SamplesToBgra(const SampleLayout& layout, const color::ColorTransform* convert, const uint8_t* s,
+                   size_t count, uint8_t* scratch, uint8_t* bgra) {
   const int n = layout.samples;
-  if (layout.color_samples == 4) {
-    if (cmyk_transform == nullptr) {
-      for (size_t x = 0; x < count; ++x) std::memcpy(bgra + x * 4, s + x * n, 4);
-      return;
+  switch (layout.model) {
+    case ColorModel::kCmyk:
+    case ColorModel::kLab: {
+      uint8_t* four = convert != nullptr ? scratch : bgra;
+      if (layout.model == ColorModel::kCmyk) {
+        for (size_t x = 0; x < count; ++x) std::memcpy(four + x * 4, s + x * n, 4);
+      } else {
+        for (size_t x = 0; x < count; ++x) {
+          std::memcpy(four + x * 4, s + x * n, 3);
+          four[x * 4 + 3] = 255;
+        }
+      }
+      if (convert != nullptr) convert->Apply(scratch, bgra, count);
+      break;
     }
-    for (size_t x = 0; x < count; ++x) std::memcpy(cmyk + x * 4, s + x * n, 4);
-    cmyk_transform->Apply(cmyk, bgra, count);
-  } else if (layout.color_samples == 3) {
-    for (size_t x = 0; x < count; ++x) {
-      bgra[x * 4] = s[x * n + 2];
-      bgra[x * 4 + 1] = s[x * n + 1];
-      bgra[x * 4 + 2] = s[x * n];
-      bgra[x * 4 + 3] = 255;
+    case ColorModel::kRgb:
+      for (size_t x = 0; x < count; ++x) {
+        bgra[x * 4] = s[x * n + 2];
+        bgra[x * 4 + 1] = s[x * n + 1];
+        bgra[x * 4 + 2] = s[x * n];
+        bgra[x * 4 + 3] = 255;
+      }
+      break;
+    case ColorModel::kPalette: {
+      const size_t entries = layout.palette.size() / 3;
+      for (size_t x = 0; x < count; ++x) {
+        const size_t index = std::min<size_t>(s[x * n], entries - 1);
+        std::memcpy(bgra + x * 4, layout.palette.data() + index * 3, 3);
+        bgra[x * 4 + 3] = 255;
+      }
+      break;
     }
-  } else if (!layout.palette.empty()) {
-    const size_t entries = layout.palette.size() / 3;
-    for (size_t x = 0; x < count; ++x) {
-      const size_t index = std::min<size_t>(s[x * n], entries - 1);
-      std::memcpy(bgra + x * 4, layout.palette.data() + index * 3, 3);
-      bgra[x * 4 + 3] = 255;
-    }
-  } else {
-    const uint8_t flip = layout.photometric == PHOTOMETRIC_MINISWHITE ? 255 : 0;
-    for (size_t x = 0; x < count; ++x) {
-      const uint8_t v = s[x * n] ^ flip;
-      bgra[x * 4] = bgra[x * 4 + 1] = bgra[x * 4 + 2] = v;
-      bgra[x * 4 + 3] = 255;
+    case ColorModel::kGray: {
+      const uint8_t flip = layout.invert ? 255 : 0;
+      for (size_t x = 0; x < count; ++x) {
+        const uint8_t v = s[x * n] ^ flip;
+        bgra[x * 4] = bgra[x * 4 + 1] = bgra[x * 4 + 2] = v;
+        bgra[x * 4 + 3] = 255;
+      }
+      break;
     }
   }
   if (layout.alpha_index >= 0) {
     for (size_t x = 0; x < count; ++x) bgra[x * 4 + 3] = s[x * n + layout.alpha_index];
   }
 }
-
-// CMYK rows without alpha go to the sink as CMYK; all others are BGRA.
-bool ReducesCmyk(const SampleLayout& layout) { return layout.color_samples == 4 && layout.alpha_index < 0; }
 
 // The rows of a planar-separate strip image, each plane read on its own and
 // front to back. A TIFF handle decodes one strip at a time, and taking turns
@@ -497,7 +812,7 @@ class PlaneRows {
     uint16_t fill_order = FILLORDER_MSB2LSB;
     TIFFGetFieldDefaulted(tif, TIFFTAG_FILLORDER, &fill_order);
     reverse_bits_ = fill_order == FILLORDER_LSB2MSB;
-    swab_ = TIFFIsByteSwapped(tif) && layout.bits == 16;
+    swab_bits_ = TIFFIsByteSwapped(tif) && layout.bits >= 16 ? layout.bits : 0;
     plane_.resize(width);
     if (uncompressed_) return Status::OK();
     Client* client = static_cast<Client*>(TIFFClientdata(tif));
@@ -520,7 +835,7 @@ class PlaneRows {
     const size_t width = plane_.size();
     for (int p = 0; p < layout.samples; ++p) {
       if (!ReadPlaneRow(p, y, line)) return false;
-      UnpackSamples(line, layout.bits, width, plane_.data(), layout.palette.empty());
+      UnpackSamples(line, width, layout, p, plane_.data());
       for (size_t x = 0; x < width; ++x) samples[x * layout.samples + p] = plane_[x];
     }
     return true;
@@ -540,14 +855,16 @@ class PlaneRows {
     }
     // What libtiff does to the rows it reads.
     if (reverse_bits_) TIFFReverseBits(line, static_cast<tmsize_t>(line_bytes_));
-    if (swab_) TIFFSwabArrayOfShort(reinterpret_cast<uint16_t*>(line), static_cast<tmsize_t>(line_bytes_ / 2));
+    if (swab_bits_ == 16) TIFFSwabArrayOfShort(reinterpret_cast<uint16_t*>(line), static_cast<tmsize_t>(line_bytes_ / 2));
+    if (swab_bits_ == 32) TIFFSwabArrayOfLong(reinterpret_cast<uint32_t*>(line), static_cast<tmsize_t>(line_bytes_ / 4));
+    if (swab_bits_ == 64) TIFFSwabArrayOfDouble(reinterpret_cast<double*>(line), static_cast<tmsize_t>(line_bytes_ / 8));
     return true;
   }
 
   TIFF* tif_ = nullptr;
   bool uncompressed_ = false;
   bool reverse_bits_ = false;
-  bool swab_ = false;
+  int swab_bits_ = 0;  // the width of the words to swap, 0 for none
   uint32_t rows_per_strip_ = 1;
   uint32_t strips_per_plane_ = 0;
   uint64_t line_bytes_ = 0;
@@ -557,7 +874,7 @@ class PlaneRows {
 };
 
 void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
-  if (ReducesCmyk(layout)) {
+  if (ReducesUnconverted(layout)) {
     sink->PushOpaqueRow(bgra);
   } else if (layout.associated_alpha) {
     sink->PushPremultipliedRow(bgra);
@@ -569,7 +886,7 @@ void PushRow(const SampleLayout& layout, ReducingSink* sink, uint8_t* bgra) {
 // The sample path: scanline by scanline for strips, one row of tiles at a
 // time for tiles. A read error after the first scanline or tile keeps what
 // was read.
-Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const FanOutRequest& fan_out,
+Status DecodeSamples(TIFF* tif, SampleLayout layout, uint32_t cx, const FanOutRequest& fan_out,
                      image::Bitmap* out) {
   uint32_t width = 0;
   uint32_t height = 0;
@@ -586,36 +903,52 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
     icc = nullptr;
     icc_size = 0;
   }
-  // Colour is converted after the reduction, but CMYK with alpha must be
-  // converted before it is flattened over white.
+  const uint8_t* icc_bytes = static_cast<const uint8_t*>(icc);
+  PrepareSampleMaps(tif, &layout, icc_bytes, icc_size);
+  // Colour is converted after the reduction, but CMYK and Lab with alpha
+  // must be converted before they are flattened over white. Gray profiles
+  // are part of the sample maps; floating-point samples are taken as linear
+  // sRGB.
   std::shared_ptr<const color::ColorTransform> transform;
-  if (layout.color_samples == 4) {
-    // Without a usable profile this is the built-in press model.
-    transform = color::ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, color::PixelLayout::kCmyk8);
-  } else if (layout.color_samples == 3 && icc != nullptr) {
-    transform = color::ColorTransform::SharedFromIcc(static_cast<const uint8_t*>(icc), icc_size, color::PixelLayout::kBgra8);
+  switch (layout.model) {
+    case ColorModel::kCmyk:
+      // Without a usable profile this is the built-in press model.
+      transform = color::ColorTransform::SharedFromIcc(icc_bytes, icc_size, color::PixelLayout::kCmyk8);
+      break;
+    case ColorModel::kLab:
+      transform = color::ColorTransform::SharedFromIcc(icc_bytes, icc_size, color::PixelLayout::kLab8);
+      break;
+    case ColorModel::kRgb:
+      if (icc != nullptr && !layout.floating) {
+        transform = color::ColorTransform::SharedFromIcc(icc_bytes, icc_size, color::PixelLayout::kBgra8);
+      }
+      break;
+    default:
+      break;
   }
-  const color::ColorTransform* cmyk_transform = nullptr;
-  if (layout.color_samples == 4 && !ReducesCmyk(layout)) {
-    cmyk_transform = transform.get();
+  const color::ColorTransform* convert = nullptr;
+  if ((layout.model == ColorModel::kCmyk || layout.model == ColorModel::kLab) && !ReducesUnconverted(layout)) {
+    convert = transform.get();
   } else {
     sink.SetColorTransform(transform);
   }
 
-  const uint64_t pixel_bits = uint64_t{static_cast<uint32_t>(layout.bits)} * layout.samples;
+  const uint64_t sample_bits = static_cast<uint32_t>(layout.bits);
+  const uint64_t pixel_bits = sample_bits * layout.samples;
   const uint64_t row_samples = uint64_t{width} * layout.samples;
-  const uint64_t cmyk_bytes = layout.color_samples == 4 ? uint64_t{width} * 4 : 0;
+  const uint64_t scratch_bytes =
+      layout.model == ColorModel::kCmyk || layout.model == ColorModel::kLab ? uint64_t{width} * 4 : 0;
   std::vector<uint8_t> samples;
-  std::vector<uint8_t> cmyk;
+  std::vector<uint8_t> scratch;
   std::vector<uint8_t> bgra;
 
   if (!TIFFIsTiled(tif)) {
     // A planar image's scanline is one plane's row.
     const uint64_t line_bytes = static_cast<uint64_t>(TIFFScanlineSize64(tif));
-    const uint64_t line_bits = uint64_t{width} * (layout.planar ? static_cast<uint64_t>(layout.bits) : pixel_bits);
+    const uint64_t line_bits = uint64_t{width} * (layout.planar ? sample_bits : pixel_bits);
     if (line_bytes < (line_bits + 7) / 8) return Status::InvalidArgument("TIFF scanline size");
     const uint64_t plane_bytes = layout.planar ? width : 0;
-    const uint64_t planned = line_bytes + plane_bytes + row_samples + cmyk_bytes + uint64_t{width} * 4;
+    const uint64_t planned = line_bytes + plane_bytes + row_samples + scratch_bytes + uint64_t{width} * 4;
     if (!WithinDecodeBudget(planned)) return Status::InvalidArgument("TIFF scanlines too large to decode");
     PlaneRows planes;
     if (layout.planar) {
@@ -625,7 +958,7 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
     sink.FanOut(fan_out, planned);
     std::vector<uint8_t> line(static_cast<size_t>(line_bytes));
     samples.resize(static_cast<size_t>(row_samples));
-    cmyk.resize(static_cast<size_t>(cmyk_bytes));
+    scratch.resize(static_cast<size_t>(scratch_bytes));
     bgra.resize(static_cast<size_t>(width) * 4);
     for (uint32_t y = 0; y < height; ++y) {
       if (Cancelled(tif)) return DecodeCancelledError();
@@ -636,10 +969,8 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
         if (y == 0) return Status::InvalidArgument("TIFF data unreadable");
         break;
       }
-      if (!layout.planar) {
-        UnpackSamples(line.data(), layout.bits, samples.size(), samples.data(), layout.palette.empty());
-      }
-      SamplesToBgra(layout, cmyk_transform, samples.data(), width, cmyk.data(), bgra.data());
+      if (!layout.planar) UnpackSamples(line.data(), samples.size(), layout, -1, samples.data());
+      SamplesToBgra(layout, convert, samples.data(), width, scratch.data(), bgra.data());
       PushRow(layout, &sink, bgra.data());
     }
     return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
@@ -651,44 +982,117 @@ Status DecodeSamples(TIFF* tif, const SampleLayout& layout, uint32_t cx, const F
       tile_width == 0 || tile_height == 0) {
     return Status::InvalidArgument("TIFF tile size");
   }
+  // Planar tiles: one of each plane at a time.
+  const int planes = layout.planar ? layout.samples : 1;
   const uint64_t tile_bytes = static_cast<uint64_t>(TIFFTileSize64(tif));
   const uint64_t tile_row_bytes = static_cast<uint64_t>(TIFFTileRowSize64(tif));
   const uint32_t band_rows = std::min(tile_height, height);
-  if (tile_row_bytes < (uint64_t{tile_width} * pixel_bits + 7) / 8 ||
+  const uint32_t tile_columns = std::min(tile_width, width);
+  if (tile_row_bytes < (uint64_t{tile_width} * (layout.planar ? sample_bits : pixel_bits) + 7) / 8 ||
       tile_bytes < tile_row_bytes * tile_height) {
     return Status::InvalidArgument("TIFF tile size");
   }
   const uint64_t band_bytes = uint64_t{width} * band_rows * 4;
-  const uint64_t planned = tile_bytes + band_bytes + row_samples + cmyk_bytes;
+  const uint64_t planned = tile_bytes * planes + band_bytes + row_samples + scratch_bytes + tile_columns;
   if (!WithinDecodeBudget(planned)) return Status::InvalidArgument("TIFF tiles too large to decode");
   sink.FanOut(fan_out, planned);
-  std::vector<uint8_t> tile(static_cast<size_t>(tile_bytes));
-  samples.resize(static_cast<size_t>(uint64_t{std::min(tile_width, width)} * layout.samples));
-  cmyk.resize(static_cast<size_t>(cmyk_bytes));
+  std::vector<uint8_t> tiles(static_cast<size_t>(tile_bytes * planes));
+  std::vector<uint8_t> plane_row(layout.planar ? tile_columns : 0);
+  samples.resize(static_cast<size_t>(uint64_t{tile_columns} * layout.samples));
+  scratch.resize(static_cast<size_t>(scratch_bytes));
   bgra.resize(static_cast<size_t>(band_bytes));
   bool truncated = false;
   for (uint32_t ty = 0; ty < height && !truncated; ty += tile_height) {
     const uint32_t rows = std::min(tile_height, height - ty);
     for (uint32_t tx = 0; tx < width; tx += tile_width) {
-      if (Cancelled(tif)) return DecodeCancelledError();
       const uint32_t cols = std::min(tile_width, width - tx);
-      if (TIFFReadTile(tif, tile.data(), tx, ty, 0, 0) < 0) {
+      for (int p = 0; p < planes; ++p) {
         if (Cancelled(tif)) return DecodeCancelledError();
-        if (ty == 0 && tx == 0) return Status::InvalidArgument("TIFF data unreadable");
-        // Keep this row of tiles with the unreadable one blank, then stop.
-        std::fill(tile.begin(), tile.end(), 0);
-        truncated = true;
+        if (TIFFReadTile(tif, tiles.data() + tile_bytes * p, tx, ty, 0, static_cast<uint16_t>(p)) < 0) {
+          if (Cancelled(tif)) return DecodeCancelledError();
+          if (ty == 0 && tx == 0) return Status::InvalidArgument("TIFF data unreadable");
+          // Keep this row of tiles with the unreadable one blank, then stop.
+          std::fill(tiles.begin(), tiles.end(), 0);
+          truncated = true;
+          break;
+        }
       }
       for (uint32_t r = 0; r < rows; ++r) {
-        UnpackSamples(tile.data() + r * tile_row_bytes, layout.bits, size_t{cols} * layout.samples, samples.data(),
-                      layout.palette.empty());
-        SamplesToBgra(layout, cmyk_transform, samples.data(), cols, cmyk.data(),
+        if (layout.planar) {
+          for (int p = 0; p < planes; ++p) {
+            UnpackSamples(tiles.data() + tile_bytes * p + r * tile_row_bytes, cols, layout, p, plane_row.data());
+            for (uint32_t x = 0; x < cols; ++x) samples[size_t{x} * layout.samples + p] = plane_row[x];
+          }
+        } else {
+          UnpackSamples(tiles.data() + r * tile_row_bytes, size_t{cols} * layout.samples, layout, -1, samples.data());
+        }
+        SamplesToBgra(layout, convert, samples.data(), cols, scratch.data(),
                       bgra.data() + (static_cast<size_t>(r) * width + tx) * 4);
       }
     }
     for (uint32_t r = 0; r < rows; ++r) PushRow(layout, &sink, bgra.data() + static_cast<size_t>(r) * width * 4);
   }
   return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
+}
+
+// Whether the current directory holds a picture: one of the photometric
+// interpretations a TIFF reader shows, stored with a codec libtiff has.
+bool HoldsPicture(TIFF* tif) {
+  uint16_t photometric = 0;
+  if (!TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric)) return false;
+  switch (photometric) {
+    case PHOTOMETRIC_MINISWHITE:
+    case PHOTOMETRIC_MINISBLACK:
+    case PHOTOMETRIC_RGB:
+    case PHOTOMETRIC_PALETTE:
+    case PHOTOMETRIC_SEPARATED:
+    case PHOTOMETRIC_YCBCR:
+    case PHOTOMETRIC_CIELAB:
+    case PHOTOMETRIC_ICCLAB:
+    case PHOTOMETRIC_ITULAB:
+    case PHOTOMETRIC_LOGL:
+    case PHOTOMETRIC_LOGLUV:
+      break;
+    default:
+      return false;
+  }
+  uint16_t compression = COMPRESSION_NONE;
+  TIFFGetFieldDefaulted(tif, TIFFTAG_COMPRESSION, &compression);
+  return TIFFIsCODECConfigured(compression) != 0;
+}
+
+// Whether every directory of the file (the chain and the SubIFDs of its
+// members) reads and holds a picture. Camera RAW data does not: it is a
+// colour filter array or linear raw image, stored with a codec of the
+// camera maker's, or in a directory libtiff cannot read (CR2). Leaves the
+// file on its first directory.
+bool OnlyPictures(TIFF* tif) {
+  const tdir_t count = TIFFNumberOfDirectories(tif);
+  bool pictures = count <= kMaxDirectories;
+  for (tdir_t d = 0; pictures && d < count; ++d) {
+    pictures = TIFFSetDirectory(tif, d) && HoldsPicture(tif);
+    uint16_t sub_count = 0;
+    uint64_t* sub_offsets = nullptr;
+    if (pictures && TIFFGetField(tif, TIFFTAG_SUBIFD, &sub_count, &sub_offsets) && sub_offsets != nullptr) {
+      const std::vector<uint64_t> offsets(sub_offsets, sub_offsets + std::min<uint16_t>(sub_count, 16));
+      pictures = sub_count <= 16;
+      for (size_t i = 0; pictures && i < offsets.size(); ++i) {
+        pictures = TIFFSetSubDirectory(tif, offsets[i]) && HoldsPicture(tif);
+      }
+    }
+  }
+  TIFFSetDirectory(tif, 0);
+  return pictures;
+}
+
+// The sample path where it reads the directory, else libtiff's RGBA
+// interface.
+Status DecodeImage(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, image::Bitmap* out) {
+  SampleLayout layout;
+  if (PreferSamplePath(tif) && ParseSampleLayout(tif, &layout)) {
+    return DecodeSamples(tif, std::move(layout), cx, fan_out, out);
+  }
+  return DecodeRgba(tif, cx, fan_out, out);
 }
 
 class TiffDecoder : public ReducingDecoder {
@@ -699,14 +1103,20 @@ class TiffDecoder : public ReducingDecoder {
     TiffPtr tif;
     Status status = OpenTiff(&client, &tif);
     if (!status.ok()) return status;
-    const bool camera_raw = LooksLikeCameraRaw(tif.get());
-    if (camera_raw) {
+    const bool names_maker = NamesMaker(tif.get());
+    // Whether the RAW decoder refused the file for what it may decode
+    // differently at another size.
+    bool raw_failed = false;
+    if (names_maker || IsDng(tif.get())) {
       // A develop keeps what it makes for the other sizes where TakeKept
       // above finds it.
-      status = DecodeCameraRaw(source, cx, true, AnticipatedRequests(), out);
+      const RawContainer container =
+          !IsDng(tif.get()) && OnlyPictures(tif.get()) ? RawContainer::kPictureTiff : RawContainer::kTiff;
+      status = DecodeCameraRaw(source, cx, container, AnticipatedRequests(), out);
       if (status.ok() || IsImageTooLarge(status)) return status;
       if (source->cancelled()) return DecodeCancelledError();
       LOG_DEBUG(kLogComponent, "not decodable as camera RAW (%s), trying TIFF", status.ToString().c_str());
+      raw_failed = !IsNotCameraRaw(status);
       if (!TIFFSetDirectory(tif.get(), 0)) return Status::InvalidArgument("TIFF directory lost");
     }
     ImageChoices choices;
@@ -717,7 +1127,7 @@ class TiffDecoder : public ReducingDecoder {
     // Every other size that picks the same image reads the same rows; not
     // so after a failed RAW decode, which may succeed at another size.
     FanOutRequest fan_out;
-    if (!camera_raw) {
+    if (!raw_failed) {
       fan_out = AnticipatedRequests();
       fan_out.cx_values.erase(std::remove_if(fan_out.cx_values.begin(), fan_out.cx_values.end(),
                                              [&](uint32_t other) {
@@ -725,26 +1135,38 @@ class TiffDecoder : public ReducingDecoder {
                                              }),
                               fan_out.cx_values.end());
     }
-    SampleLayout layout;
-    if (PreferSamplePath(tif.get()) && ParseSampleLayout(tif.get(), &layout)) {
-      return DecodeSamples(tif.get(), layout, cx, fan_out, out);
-    }
-    return DecodeRgba(tif.get(), cx, fan_out, out);
+    status = DecodeImage(tif.get(), cx, fan_out, out);
+    if (status.ok() || IsImageTooLarge(status) || !SameImage(chosen, choices.main)) return status;
+    if (source->cancelled()) return DecodeCancelledError();
+    // The page's own data cannot be read (cut short, or of a codec libtiff
+    // lacks): a smaller copy of it serves the sizes it is large enough for,
+    // as a camera RAW file's preview does when its data cannot be
+    // developed. Only a scanner's or camera's file (one that names its
+    // maker) has its preview as the next page.
+    Candidate stand_in;
+    if (!ChooseStandIn(choices, cx, names_maker, &stand_in) || !Select(tif.get(), stand_in)) return status;
+    LOG_DEBUG(kLogComponent, "TIFF page unreadable (%s); a %ux%u copy of it serves %u", status.ToString().c_str(),
+              stand_in.width, stand_in.height, cx);
+    return DecodeImage(tif.get(), cx, FanOutRequest(), out);
   }
 
  private:
-  // Camera RAW files in a TIFF container name the camera (Make) or are DNGs;
-  // they go to the RAW decoder first. Scanner TIFFs that name their maker
-  // fall back to the TIFF path when the RAW decoder does not know them. A
-  // TIFF that does neither never reaches the RAW decoder, so the tool does
-  // not load LibRaw for it.
-  static bool LooksLikeCameraRaw(TIFF* tif) {
-    char* make = nullptr;
+  // Camera RAW files in a TIFF container name the camera (Make) or are
+  // DNGs; they go to the RAW decoder first, which is told whether every
+  // image of the file looks like a picture. Scanner TIFFs that name their
+  // maker fall back to the TIFF path when the RAW decoder does not know
+  // them. A TIFF that does neither never reaches the RAW decoder, so the
+  // tool does not load LibRaw for it.
+  static bool IsDng(TIFF* tif) {
     // Pointer-sized slots for either calling form of an array tag (with or
     // without a count first), so no form writes past them.
     void* slot_a = nullptr;
     void* slot_b = nullptr;
-    if (TIFFGetField(tif, TIFFTAG_DNGVERSION, &slot_a, &slot_b)) return true;
+    return TIFFGetField(tif, TIFFTAG_DNGVERSION, &slot_a, &slot_b) != 0;
+  }
+
+  static bool NamesMaker(TIFF* tif) {
+    char* make = nullptr;
     return TIFFGetField(tif, TIFFTAG_MAKE, &make) && make != nullptr && make[0] != '\0';
   }
 };

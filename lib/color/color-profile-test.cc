@@ -190,6 +190,40 @@ TEST(ColorTransformTest, BuiltInCmykIsSensible) {
   for (int i = 0; i < 5; ++i) EXPECT_EQ(dst[i * 4 + 3], 255);
 }
 
+// Lab input always gets a conversion: white stays white (D50 adapted to
+// sRGB's D65, not taken as it is) and a neutral stays neutral.
+TEST(ColorTransformTest, LabBecomesSrgb) {
+  const ColorTransform lab = ColorTransform::FromIcc(nullptr, 0, PixelLayout::kLab8);
+  EXPECT_FALSE(lab.is_identity());
+  // L* 100, 50 and 0 with a* = b* = 0, then L* 50 with a* 60 (reddish);
+  // the fourth byte is ignored.
+  uint8_t pixels[16] = {255, 128, 128, 7, 128, 128, 128, 7, 0, 128, 128, 7, 128, 188, 128, 7};
+  lab.Apply(pixels, pixels, 4);
+  for (int c = 0; c < 3; ++c) EXPECT_GE(pixels[c], 254);
+  for (int c = 0; c < 3; ++c) EXPECT_NEAR(pixels[4 + c], 119, 2);
+  EXPECT_LE(pixels[8] + pixels[9] + pixels[10], 3);
+  EXPECT_GT(pixels[14], pixels[13] + 60);  // red over green
+  EXPECT_EQ(pixels[15], 255);
+}
+
+TEST(ColorTransformTest, SixteenBitGrayKeepsItsPrecision) {
+  cmsToneCurve* linear = cmsBuildGamma(nullptr, 1.0);
+  const std::vector<uint8_t> icc = Save(cmsCreateGrayProfile(cmsD50_xyY(), linear), linear);
+  const ColorTransform gray = ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kGray16);
+  ASSERT_FALSE(gray.is_identity());
+  // Linear light of 1/1000 and 1/2: 8-bit input could not tell the first
+  // from black.
+  const uint16_t src[2] = {66, 32768};
+  uint8_t dst[8];
+  gray.Apply(reinterpret_cast<const uint8_t*>(src), dst, 2);
+  EXPECT_NEAR(dst[0], 3, 1);
+  EXPECT_NEAR(dst[4], 188, 1);
+  // Without a profile, 16-bit gray is scaled as it is.
+  ColorTransform::FromIcc(nullptr, 0, PixelLayout::kGray16).Apply(reinterpret_cast<const uint8_t*>(src), dst, 2);
+  EXPECT_EQ(dst[0], 0);
+  EXPECT_EQ(dst[4], 128);
+}
+
 TEST(FlattenOverWhiteTest, CompositesExactlyOverWhite) {
   // Every colour and alpha pair against the rounded exact formula.
   std::vector<uint8_t> pixels;

@@ -46,9 +46,12 @@ cmsColorSpaceSignature ColorSpaceOf(PixelLayout layout) {
       return cmsSigRgbData;
     case PixelLayout::kGray8:
     case PixelLayout::kGrayBgra8:
+    case PixelLayout::kGray16:
       return cmsSigGrayData;
     case PixelLayout::kCmyk8:
       return cmsSigCmykData;
+    case PixelLayout::kLab8:
+      return cmsSigLabData;
   }
   return cmsSigRgbData;
 }
@@ -66,6 +69,10 @@ cmsUInt32Number LcmsFormatOf(PixelLayout layout) {
     case PixelLayout::kGrayBgra8:
       // The gray value is the first byte; the other three are skipped.
       return COLORSPACE_SH(PT_GRAY) | CHANNELS_SH(1) | BYTES_SH(1) | EXTRA_SH(3);
+    case PixelLayout::kGray16:
+      return TYPE_GRAY_16;
+    case PixelLayout::kLab8:
+      return COLORSPACE_SH(PT_Lab) | CHANNELS_SH(3) | BYTES_SH(1) | EXTRA_SH(1);
   }
   return TYPE_BGRA_8;
 }
@@ -81,9 +88,12 @@ size_t BytesPerPixel(PixelLayout layout) {
     case PixelLayout::kBgra8:
     case PixelLayout::kCmyk8:
     case PixelLayout::kGrayBgra8:
+    case PixelLayout::kLab8:
       return 4;
     case PixelLayout::kRgb8:
       return 3;
+    case PixelLayout::kGray16:
+      return 2;
     case PixelLayout::kGray8:
       return 1;
   }
@@ -161,7 +171,14 @@ bool MovesNoColour(cmsHTRANSFORM transform, PixelLayout layout) {
       case PixelLayout::kGrayBgra8:
         input.insert(input.end(), {static_cast<uint8_t>(g), static_cast<uint8_t>(g), static_cast<uint8_t>(g), 255});
         break;
+      case PixelLayout::kGray16: {
+        const uint16_t v = static_cast<uint16_t>(g * 257);
+        const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&v);
+        input.insert(input.end(), bytes, bytes + 2);
+        break;
+      }
       case PixelLayout::kCmyk8:
+      case PixelLayout::kLab8:
         return;
     }
     expected.insert(expected.end(), {static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r)});
@@ -224,6 +241,18 @@ TransformCache& TheTransformCache() {
   return *cache;
 }
 
+// CIE L*a*b* (D50, the ICC connection space) to sRGB, relative
+// colorimetric: lcms2 adapts D50 to sRGB's D65 white, so a neutral stays
+// neutral (converting Lab's XYZ with sRGB's matrix alone, as libtiff's
+// RGBA interface does, turns white yellow).
+TransformPtr BuiltInLabTransform(cmsContext context, PixelLayout layout) {
+  ProfilePtr lab(cmsCreateLab4ProfileTHR(context, nullptr));
+  ProfilePtr srgb(cmsCreate_sRGBProfileTHR(context));
+  if (!lab || !srgb) return nullptr;
+  return TransformPtr(cmsCreateTransformTHR(context, lab.get(), LcmsFormatOf(layout), srgb.get(), TYPE_BGRA_8,
+                                            INTENT_RELATIVE_COLORIMETRIC, TransformFlags(layout)));
+}
+
 }  // namespace
 
 struct ColorTransform::Impl {
@@ -240,6 +269,23 @@ ColorTransform& ColorTransform::operator=(ColorTransform&&) noexcept = default;
 ColorTransform::~ColorTransform() = default;
 
 ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLayout layout) {
+  if (layout == PixelLayout::kLab8) {
+    // Lab has no identity: a profile that cannot serve gives the built-in
+    // conversion instead.
+    ColorTransform result = FromIccOnly(icc, size, layout);
+    if (!result.is_identity()) return result;
+    ContextPtr context = NewContext();
+    if (!context) return result;
+    TransformPtr transform = BuiltInLabTransform(context.get(), layout);
+    if (!transform) return result;
+    result.impl_->context = std::move(context);
+    result.impl_->transform = std::move(transform);
+    return result;
+  }
+  return FromIccOnly(icc, size, layout);
+}
+
+ColorTransform ColorTransform::FromIccOnly(const uint8_t* icc, size_t size, PixelLayout layout) {
   ColorTransform result;
   result.impl_->layout = layout;
   result.impl_->built_in_cmyk = layout == PixelLayout::kCmyk8;
@@ -266,7 +312,9 @@ ColorTransform ColorTransform::FromIcc(const uint8_t* icc, size_t size, PixelLay
                                                srgb.get(), TYPE_BGRA_8, intent, TransformFlags(layout)));
   if (!transform) return result;
   result.impl_->built_in_cmyk = false;
-  if (layout != PixelLayout::kCmyk8 && MovesNoColour(transform.get(), layout)) return result;
+  if (layout != PixelLayout::kCmyk8 && layout != PixelLayout::kLab8 && MovesNoColour(transform.get(), layout)) {
+    return result;
+  }
   // The transform keeps what it needs; the profiles may go now.
   result.impl_->context = std::move(context);
   result.impl_->transform = std::move(transform);
@@ -367,6 +415,22 @@ void ColorTransform::Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_c
       BuiltInCmykToBgra(src, dst_bgra, pixel_count);
       break;
     case PixelLayout::kGrayBgra8:
+      for (size_t i = 0; i < pixel_count; ++i) {
+        dst_bgra[i * 4 + 0] = dst_bgra[i * 4 + 1] = dst_bgra[i * 4 + 2] = src[i * 4];
+        dst_bgra[i * 4 + 3] = 255;
+      }
+      break;
+    case PixelLayout::kGray16:
+      for (size_t i = 0; i < pixel_count; ++i) {
+        uint16_t v;
+        std::memcpy(&v, src + i * 2, 2);
+        dst_bgra[i * 4 + 0] = dst_bgra[i * 4 + 1] = dst_bgra[i * 4 + 2] =
+            static_cast<uint8_t>((uint32_t{v} * 255 + 32767) / 65535);
+        dst_bgra[i * 4 + 3] = 255;
+      }
+      break;
+    case PixelLayout::kLab8:
+      // Only when lcms2 could not build the conversion: L* as gray.
       for (size_t i = 0; i < pixel_count; ++i) {
         dst_bgra[i * 4 + 0] = dst_bgra[i * 4 + 1] = dst_bgra[i * 4 + 2] = src[i * 4];
         dst_bgra[i * 4 + 3] = 255;

@@ -26,6 +26,10 @@ enum class PixelLayout {
   kGray8,  // 1 byte
   kCmyk8,  // 4 bytes: C, M, Y, K with 0 = no ink
   kGrayBgra8,  // 4 bytes: gray expanded to B = G = R, then A (ignored)
+  kGray16,     // 2 bytes: gray in host byte order
+  // 4 bytes: CIE L*a*b* (D50) in the ICC 8-bit encoding, L* 0..100 as
+  // 0..255 and a*, b* offset by 128, then a byte that is ignored.
+  kLab8,
 };
 
 // CIE 1931 xy chromaticities of an RGB colour space's primaries and white,
@@ -50,9 +54,10 @@ class ColorTransform {
   // icc-profile-check.h) or mismatched profile (one that does not describe
   // `layout`'s colour space), and for an RGB or gray profile whose
   // conversion moves no colour of a test grid by more than one step (an
-  // sRGB profile, by its colorants and curves), except for kCmyk8 input,
-  // which always gets a CMYK conversion (a built-in one without a usable
-  // profile).
+  // sRGB profile, by its colorants and curves), except for kCmyk8 and kLab8
+  // input, which always get a conversion: without a usable profile the
+  // built-in press model for CMYK, and CIE L*a*b* to sRGB for Lab
+  // (relative colorimetric: the Lab white becomes sRGB's white).
   static ColorTransform FromIcc(const uint8_t* icc, size_t size, PixelLayout layout);
 
   // A transform to sRGB for RGB input (kBgra8 or kRgb8) in the space with the
@@ -74,10 +79,13 @@ class ColorTransform {
 
   // Converts pixel_count pixels from `layout` in src to BGRA in dst (alpha 255
   // unless the input carries alpha). src and dst may be the same buffer for
-  // the four-byte layouts (kBgra8, kCmyk8, kGrayBgra8). Thread-safe.
+  // the four-byte layouts (kBgra8, kCmyk8, kGrayBgra8, kLab8). Thread-safe.
   void Apply(const uint8_t* src, uint8_t* dst_bgra, size_t pixel_count) const;
 
  private:
+  // FromIcc without the built-in fallback for Lab.
+  static ColorTransform FromIccOnly(const uint8_t* icc, size_t size, PixelLayout layout);
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

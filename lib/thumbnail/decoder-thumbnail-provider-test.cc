@@ -13,6 +13,7 @@
 
 #include "gtest/gtest.h"
 #include "lib/codec/reduction-cache.h"
+#include "lib/codec/testing/camera-fixtures.h"
 #include "lib/codec/testing/image-fixtures.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/thumbnail/thumbnail-size.h"
@@ -56,6 +57,22 @@ TEST_F(DecoderProviderTest, ChoosesTheDecoderByContentNotByName) {
   ASSERT_EQ(jpeg->GetThumbnail(360, &bitmap), 0);
   EXPECT_EQ(bitmap.width(), 40);
   EXPECT_EQ(bitmap.height(), 30);
+}
+
+// Content decides; only a file no signature matches gets one try with the
+// RAW decoder, when its name is a camera RAW one: headerless RAW files
+// (Kodak's DC20 saved 62464 bytes of sensor data and nothing else) are
+// known by their size.
+TEST_F(PosixProviderTest, HeaderlessRawGoesToTheRawDecoderByName) {
+  const std::string dc20 = codec::testing::KodakDc20Raw();
+  image::Bitmap bitmap;
+  ASSERT_EQ(provider_->CreateItem(Write("PIC00001.RAW", dc20)), 0);
+  ASSERT_EQ(provider_->BindToHandler(), 0);
+  ASSERT_EQ(provider_->GetThumbnail(360, &bitmap), 0);
+  EXPECT_EQ(bitmap.height(), 120);
+  auto unnamed = CreatePlatformThumbnailProvider();
+  ASSERT_EQ(unnamed->CreateItem(Write("pic00001.bin", dc20)), 0);
+  EXPECT_EQ(unnamed->BindToHandler(), kProviderNoHandler);
 }
 
 // Each size of a run uses a new provider; one that finds the file rewritten

@@ -11,6 +11,7 @@
 #include "lib/codec/image-decoder.h"
 #include "lib/image/pixel-memory.h"
 #include "lib/log/log.h"
+#include "lib/thumbnail/source-classification.h"
 #include "lib/thumbnail/thumbnail-job.h"
 #include "lib/thumbnail/thumbnail-provider.h"
 #include "lib/thumbnail/thumbnail-size.h"
@@ -88,7 +89,10 @@ class DecoderThumbnailProvider : public ThumbnailProvider {
     uint8_t head[kHeadBytes];
     const int64_t got = source_->ReadAt(0, head, sizeof(head));
     if (got < 0) return -EIO;
-    const codec::ImageFormat format = codec::SniffImageFormat(head, static_cast<size_t>(got));
+    const codec::ImageFormat sniffed = codec::SniffImageFormat(head, static_cast<size_t>(got));
+    // Content first; then a RAW name gets one try with the RAW decoder.
+    const codec::ImageFormat format =
+        sniffed == codec::ImageFormat::kUnknown && IsCameraRawPath(path_) ? codec::ImageFormat::kRaw : sniffed;
     decoder_ = codec::CreateImageDecoder(format);
     if (decoder_) {
       decoder_->SetContentKey(content_key_);
@@ -98,7 +102,7 @@ class DecoderThumbnailProvider : public ThumbnailProvider {
       decoder_->SetCallerEdgeDivisor(kProviderRequestFactor);
       return 0;
     }
-    if (format == codec::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
+    if (sniffed == codec::ImageFormat::kUnknown && IsVideoContent(path_, cancellation_)) {
       video_ = true;
       return 0;
     }

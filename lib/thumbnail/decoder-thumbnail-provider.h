@@ -7,8 +7,11 @@
 //                  FIFOs and devices are refused at once)
 //   BindToHandler  sniffs the first bytes and picks a decoder, telling it
 //                  every request a run makes of a file; content that is no
-//                  image format goes to the video path when a demuxer
-//                  recognises it as a video (or a file with cover art)
+//                  image format goes to the RAW decoder when the name has a
+//                  camera RAW extension (headerless RAW files have no
+//                  signature: LibRaw knows them by their size), else to the
+//                  video path when a demuxer recognises it as a video (or a
+//                  file with cover art)
 //   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
 //
 // Failure codes are negated errno values or the kProvider* codes of

@@ -42,6 +42,10 @@ TEST(SourceClassificationTest, SetsAreLowercaseAndDisjoint) {
   }
   for (const std::string& extension : kVideoExtensions()) EXPECT_EQ(ToLowerAscii(extension), extension);
   for (const std::string& extension : kHeifExtensions()) EXPECT_TRUE(IsImageExtension(extension));
+  EXPECT_EQ(22u, kCameraRawExtensions().size());
+  for (const std::string& extension : kCameraRawExtensions()) EXPECT_TRUE(IsImageExtension(extension));
+  EXPECT_TRUE(IsCameraRawPath("dc20/PIC001.RAW"));
+  EXPECT_FALSE(IsCameraRawPath("photo.jpg"));
 }
 
 TEST(SourceClassificationTest, ExtensionOfTheLastComponent) {

@@ -33,6 +33,14 @@ const std::unordered_set<std::string>& kHeifExtensions() {
   return extensions;
 }
 
+const std::unordered_set<std::string>& kCameraRawExtensions() {
+  static const std::unordered_set<std::string> extensions = {
+      "arw", "srf", "sr2", "dcr", "k25", "kdc", "cr2", "crw", "nef", "mrw", "ptx",
+      "pef", "raf", "3fr", "erf", "mef", "mos", "orf", "rw2", "dng", "x3f", "raw",
+  };
+  return extensions;
+}
+
 std::string GetExtension(const std::string& path) {
   const size_t separator = path.find_last_of("/\\");
   const size_t start = separator == std::string::npos ? 0 : separator + 1;
@@ -57,6 +65,10 @@ bool IsSupportedExtension(const std::string& extension) {
 bool IsSupportedPath(const std::string& path) { return IsSupportedExtension(ToLowerAscii(GetExtension(path))); }
 
 bool IsHeifExtension(const std::string& extension) { return kHeifExtensions().count(extension) != 0; }
+
+bool IsCameraRawPath(const std::string& path) {
+  return kCameraRawExtensions().count(ToLowerAscii(GetExtension(path))) != 0;
+}
 
 }  // namespace thumbnail
 }  // namespace tessera

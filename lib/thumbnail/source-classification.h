@@ -23,6 +23,8 @@ const std::unordered_set<std::string>& kImageExtensions();
 const std::unordered_set<std::string>& kVideoExtensions();
 // "heic" and "heif", which are also image extensions.
 const std::unordered_set<std::string>& kHeifExtensions();
+// The camera RAW formats among the image extensions (22 entries).
+const std::unordered_set<std::string>& kCameraRawExtensions();
 
 // The extension of the last path component (after the last '/' or '\'):
 // the text after its last '.'. "" when the component has no dot or ends in
@@ -40,6 +42,8 @@ bool IsSupportedExtension(const std::string& extension);
 // Whether the lowercased extension of `path` is an image or video one.
 bool IsSupportedPath(const std::string& path);
 bool IsHeifExtension(const std::string& extension);
+// Whether the lowercased extension of `path` is a camera RAW one.
+bool IsCameraRawPath(const std::string& path);
 
 }  // namespace thumbnail
 }  // namespace tessera

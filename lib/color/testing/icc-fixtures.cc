@@ -60,6 +60,73 @@ std::string DisplayP3Profile() {
   return bytes;
 }
 
+namespace {
+
+std::string Serialise(cmsHPROFILE profile) {
+  std::string bytes;
+  cmsUInt32Number size = 0;
+  if (profile != nullptr && cmsSaveProfileToMem(profile, nullptr, &size)) {
+    bytes.resize(size);
+    cmsSaveProfileToMem(profile, &bytes[0], &size);
+  }
+  if (profile != nullptr) cmsCloseProfile(profile);
+  return bytes;
+}
+
+// The press model at one CMYK node: the overprints mixed by ink coverage
+// (in encoded sRGB), black multiplying, then to Lab through `to_lab` (sRGB
+// float to Lab).
+int SamplePress(const cmsUInt16Number in[], cmsUInt16Number out[], void* to_lab) {
+  const double c = in[0] / 65535.0, m = in[1] / 65535.0, y = in[2] / 65535.0, k = in[3] / 65535.0;
+  cmsFloat32Number rgb[3];
+  for (int ch = 0; ch < 3; ++ch) {
+    double v = 0;
+    for (int corner = 0; corner < 8; ++corner) {
+      const double weight = ((corner & 4) ? c : 1 - c) * ((corner & 2) ? m : 1 - m) * ((corner & 1) ? y : 1 - y);
+      v += weight * kPressOverprints[corner][ch];
+    }
+    v *= 1 - k * (1 - kPressBlack / 255.0);
+    rgb[ch] = static_cast<cmsFloat32Number>(v / 255);
+  }
+  cmsCIELab lab;
+  cmsDoTransform(static_cast<cmsHTRANSFORM>(to_lab), rgb, &lab, 1);
+  cmsFloat2LabEncoded(out, &lab);
+  return 1;
+}
+
+}  // namespace
+
+std::string PressCmykProfile() {
+  cmsHPROFILE srgb = cmsCreate_sRGBProfile();
+  cmsHPROFILE lab = cmsCreateLab4Profile(nullptr);
+  cmsHTRANSFORM to_lab = cmsCreateTransform(srgb, TYPE_RGB_FLT, lab, TYPE_Lab_DBL, INTENT_RELATIVE_COLORIMETRIC, 0);
+  cmsCloseProfile(srgb);
+  cmsCloseProfile(lab);
+  if (to_lab == nullptr) return "";
+  cmsHPROFILE profile = cmsCreateProfilePlaceholder(nullptr);
+  cmsSetProfileVersion(profile, 2.1);
+  cmsSetDeviceClass(profile, cmsSigOutputClass);
+  cmsSetColorSpace(profile, cmsSigCmykData);
+  cmsSetPCS(profile, cmsSigLabData);
+  cmsPipeline* lut = cmsPipelineAlloc(nullptr, 4, 3);
+  cmsStage* table = cmsStageAllocCLut16bit(nullptr, 9, 4, 3, nullptr);
+  cmsStageSampleCLut16bit(table, SamplePress, to_lab, 0);
+  cmsPipelineInsertStage(lut, cmsAT_BEGIN, table);
+  cmsWriteTag(profile, cmsSigAToB0Tag, lut);
+  cmsWriteTag(profile, cmsSigAToB1Tag, lut);
+  cmsWriteTag(profile, cmsSigMediaWhitePointTag, cmsD50_XYZ());
+  cmsPipelineFree(lut);
+  cmsDeleteTransform(to_lab);
+  return Serialise(profile);
+}
+
+std::string GrayGammaProfile(double gamma) {
+  cmsToneCurve* curve = cmsBuildGamma(nullptr, gamma);
+  cmsHPROFILE profile = cmsCreateGrayProfile(cmsD50_xyY(), curve);
+  cmsFreeToneCurve(curve);
+  return Serialise(profile);
+}
+
 }  // namespace testing
 }  // namespace color
 }  // namespace tessera

@@ -19,6 +19,26 @@ std::string MultiProcessIccProfile(uint32_t elements);
 // An sRGB-like profile with the Display P3 primaries (lcms2).
 std::string DisplayP3Profile();
 
+// A CMYK output profile of a coated press, like FOGRA39 (lcms2): a 9-step
+// table from the Neugebauer mix of these solid overprints (in sRGB), black
+// darkening towards kPressBlack. The magenta-and-yellow solid prints as
+// (237, 28, 36), where the naive conversion gives pure red.
+constexpr int kPressOverprints[8][3] = {
+    {255, 255, 255},  // paper
+    {255, 242, 0},    // Y
+    {236, 0, 140},    // M
+    {237, 28, 36},    // M + Y
+    {0, 174, 239},    // C
+    {0, 166, 81},     // C + Y
+    {46, 49, 146},    // C + M
+    {45, 40, 42},     // C + M + Y
+};
+constexpr int kPressBlack = 35;
+std::string PressCmykProfile();
+
+// A gray profile with a pure power curve of `gamma` and a D50 white (lcms2).
+std::string GrayGammaProfile(double gamma);
+
 }  // namespace testing
 }  // namespace color
 }  // namespace tessera

@@ -1,0 +1,120 @@
+#include "lib/codec/testing/camera-fixtures.h"
+
+#include <tiffio.h>
+
+#include <string>
+#include <vector>
+
+#include "lib/codec/testing/image-fixtures.h"
+#include "lib/codec/testing/tiff-fixtures.h"
+
+namespace tessera {
+namespace codec {
+namespace testing {
+namespace {
+
+uint32_t Le32(const std::string& s, size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
+  return v;
+}
+
+uint16_t Le16(const std::string& s, size_t at) {
+  return static_cast<uint16_t>(static_cast<uint8_t>(s[at]) | static_cast<uint8_t>(s[at + 1]) << 8);
+}
+
+void PutLe32(std::string* s, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) (*s)[at + i] = static_cast<char>(v >> (8 * i));
+}
+
+}  // namespace
+
+std::string KodakDc20Raw() {
+  const int width = 256;
+  const int height = 244;
+  std::string bytes(static_cast<size_t>(width) * height, '\0');
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) bytes[static_cast<size_t>(y) * width + x] = static_cast<char>(x < width / 2 ? 200 : 30);
+  }
+  return bytes;
+}
+
+std::string KodakDc120Kdc() {
+  // Texture, as in a photograph, to give the JPEG the size of a real one.
+  RgbImage picture(848, 488);
+  for (int y = 0; y < picture.height; ++y) {
+    for (int x = 0; x < picture.width; ++x) {
+      const int grain = static_cast<int>((static_cast<uint32_t>(x) * 2654435761u ^ static_cast<uint32_t>(y) * 40503u) >> 27) - 16;
+      const int level = (x < picture.width / 2 ? 190 : 50) + grain;
+      for (int c = 0; c < 3; ++c) picture.rgb[(static_cast<size_t>(y) * picture.width + x) * 3 + c] = static_cast<uint8_t>(level);
+    }
+  }
+  JpegOptions options;
+  options.quality = 75;
+  std::string jpeg = EncodeJpeg(picture, options);
+  if (jpeg.size() < 2) return "";
+  for (size_t i = 0; i + 1 < jpeg.size(); i += 2) std::swap(jpeg[i], jpeg[i + 1]);
+  TiffPage page;
+  page.width = 848;
+  page.height = 976;
+  page.samples = 1;
+  page.photometric = PHOTOMETRIC_MINISBLACK;
+  page.compression = COMPRESSION_JPEG;
+  page.make = "Eastman Kodak Company";
+  page.more_tags = [&jpeg](TIFF* tif) {
+    TIFFSetField(tif, TIFFTAG_MODEL, "Kodak Digital Science DC120");
+    TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, 976);
+    TIFFWriteRawStrip(tif, 0, &jpeg[0], static_cast<tmsize_t>(jpeg.size()));
+  };
+  page.pixel = nullptr;  // the strip is written above
+  return WriteTiff({page});
+}
+
+std::string NikonScanNef(int width, int height, int preview_width, int preview_height, const uint8_t preview_rgb[3],
+                         bool scan_data) {
+  TiffPage scan;
+  scan.width = width;
+  scan.height = height;
+  scan.bits = 16;
+  scan.compression = COMPRESSION_NONE;
+  scan.rows_per_strip = 0;
+  scan.make = "Nikon";
+  scan.software = "Nikon Scan 4.0.2 W";
+  scan.more_tags = [](TIFF* tif) { TIFFSetField(tif, TIFFTAG_MODEL, "LS-50 ED"); };
+  if (scan_data) {
+    scan.pixel = [](int x, int y, int s) { return ((x + y) * 97 + s * 20000) % 65536; };
+  } else {
+    scan.pixel = nullptr;
+    scan.more_tags = [](TIFF* tif) {
+      TIFFSetField(tif, TIFFTAG_MODEL, "LS-50 ED");
+      char stub[16] = {};
+      TIFFWriteRawStrip(tif, 0, stub, sizeof(stub));
+    };
+  }
+  TiffPage preview;
+  preview.width = preview_width;
+  preview.height = preview_height;
+  preview.compression = COMPRESSION_NONE;
+  const double r = preview_rgb[0], g = preview_rgb[1], b = preview_rgb[2];
+  preview.pixel = [r, g, b](int, int, int s) { return s == 0 ? r : s == 1 ? g : b; };
+  std::string bytes = WriteTiff({scan, preview});
+  if (scan_data || bytes.size() < 8) return bytes;
+  // The scan's one strip, of its full size, starts past the end.
+  const size_t ifd = Le32(bytes, 4);
+  if (ifd + 2 > bytes.size()) return "";
+  const uint16_t entries = Le16(bytes, ifd);
+  for (uint16_t i = 0; i < entries; ++i) {
+    const size_t entry = ifd + 2 + size_t{12} * i;
+    if (entry + 12 > bytes.size()) return "";
+    const uint16_t tag = Le16(bytes, entry);
+    if (tag != TIFFTAG_STRIPOFFSETS && tag != TIFFTAG_STRIPBYTECOUNTS) continue;
+    bytes[entry + 2] = TIFF_LONG;  // either may have been written as a short
+    bytes[entry + 3] = 0;
+    PutLe32(&bytes, entry + 8, tag == TIFFTAG_STRIPOFFSETS ? 0x7FFF0000u : static_cast<uint32_t>(width) * height * 6);
+  }
+  return bytes;
+}
+
+}  // namespace testing
+}  // namespace codec
+}  // namespace tessera
