@@ -63,14 +63,14 @@ TEST_F(DecoderProviderTest, ChoosesTheDecoderByContentNotByName) {
 // RAW decoder, when its name is a camera RAW one: headerless RAW files
 // (Kodak's DC20 saved 62464 bytes of sensor data and nothing else) are
 // known by their size.
-TEST_F(PosixProviderTest, HeaderlessRawGoesToTheRawDecoderByName) {
+TEST_F(DecoderProviderTest, HeaderlessRawGoesToTheRawDecoderByName) {
   const std::string dc20 = codec::testing::KodakDc20Raw();
   image::Bitmap bitmap;
   ASSERT_EQ(provider_->CreateItem(Write("PIC00001.RAW", dc20)), 0);
   ASSERT_EQ(provider_->BindToHandler(), 0);
   ASSERT_EQ(provider_->GetThumbnail(360, &bitmap), 0);
   EXPECT_EQ(bitmap.height(), 120);
-  auto unnamed = CreatePlatformThumbnailProvider();
+  auto unnamed = CreateDecoderThumbnailProvider();
   ASSERT_EQ(unnamed->CreateItem(Write("pic00001.bin", dc20)), 0);
   EXPECT_EQ(unnamed->BindToHandler(), kProviderNoHandler);
 }
