@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -183,6 +184,19 @@ int RemoveTreeAt(int parent_fd, const char* name, int depth) {
 }  // namespace
 
 std::string ToNativePath(const std::string& path) { return path; }
+
+int FSIdentifyRegularFile(const std::string& path, std::string* identity) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return IsNotFound(errno) ? -ENOENT : -EINVAL;
+  if (!S_ISREG(info.st_mode)) return -EINVAL;
+  char text[160];
+  std::snprintf(text, sizeof(text), "%llu:%llu:%lld:%lld.%09ld:%lld.%09ld",
+                static_cast<unsigned long long>(info.st_dev), static_cast<unsigned long long>(info.st_ino),
+                static_cast<long long>(info.st_size), static_cast<long long>(info.st_mtim.tv_sec),
+                info.st_mtim.tv_nsec, static_cast<long long>(info.st_ctim.tv_sec), info.st_ctim.tv_nsec);
+  *identity = text;
+  return 0;
+}
 
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;

@@ -202,6 +202,28 @@ int RemoveTree(const std::string& dir, int depth) {
 
 std::string ToNativePath(const std::string& path) { return LongPath(path).text; }
 
+int FSIdentifyRegularFile(const std::string& path, std::string* identity) {
+  LongPath long_path(path);
+  // No access asked for: the file's attributes only, whoever has it open.
+  ScopedHandle handle(CreateFileW(Wide(long_path.wide), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                  nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  if (handle.get() == INVALID_HANDLE_VALUE) {
+    handle.release();
+    return IsNotFound(GetLastError()) ? -ENOENT : -EINVAL;
+  }
+  BY_HANDLE_FILE_INFORMATION info;
+  if (GetFileType(handle.get()) != FILE_TYPE_DISK || !GetFileInformationByHandle(handle.get(), &info) ||
+      (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    return -EINVAL;
+  }
+  char text[160];
+  std::snprintf(text, sizeof(text), "%lu:%lu.%lu:%lu.%lu:%lu.%lu", info.dwVolumeSerialNumber, info.nFileIndexHigh,
+                info.nFileIndexLow, info.nFileSizeHigh, info.nFileSizeLow, info.ftLastWriteTime.dwHighDateTime,
+                info.ftLastWriteTime.dwLowDateTime);
+  *identity = text;
+  return 0;
+}
+
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;
   if (path.size() <= 3) {

@@ -49,6 +49,13 @@ std::string ToLongPath(const std::string& path);
 // long-path form, so that it may exceed MAX_PATH; unchanged on POSIX.
 std::string ToNativePath(const std::string& path);
 
+// Identifies the regular file that `path` leads to (links followed), for
+// caches keyed by content: *identity receives its device and file id, size
+// and modification and change times as text, so that another file at the
+// path, or this one changed, gives another identity. 0; -ENOENT when nothing
+// is there; -EINVAL when it is no regular file. Nothing is logged.
+int FSIdentifyRegularFile(const std::string& path, std::string* identity);
+
 // Whether the path exists; with exact_case the stored name of the last
 // component must match byte for byte.
 bool FSExists(const std::string& path, bool exact_case);
