@@ -311,7 +311,8 @@ class MediaFoundationSource : public MediaSource {
   int32_t CreateSourceReader(const std::u16string& path) override {
     if (!attributes_) return E_UNEXPECTED;
     IMFSourceReader* raw_reader = nullptr;
-    HRESULT hr = MFCreateSourceReaderFromURL(reinterpret_cast<const wchar_t*>(path.c_str()), attributes_.get(), &raw_reader);
+    HRESULT hr =
+        MFCreateSourceReaderFromURL(reinterpret_cast<const wchar_t*>(path.c_str()), attributes_.get(), &raw_reader);
     if (FAILED(hr)) return hr;
     reader_.reset(raw_reader);
     attributes_.reset();

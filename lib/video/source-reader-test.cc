@@ -186,7 +186,8 @@ TEST_F(SourceReaderTest, EachFailingStepHasItsOwnMessage) {
       EXPECT_NE(std::string::npos, lines.find(std::string("): ") + c.message + "\n")) << c.step << lines;
     } else {
       EXPECT_EQ(c.message, message) << c.step;
-      EXPECT_NE(std::string::npos, lines.find(std::string("(40): ") + c.message + ": -2147467259\n")) << c.step << lines;
+      EXPECT_NE(std::string::npos, lines.find(std::string("(40): ") + c.message + ": -2147467259\n"))
+          << c.step << lines;
     }
   }
   log::LogResetForTesting();

@@ -290,10 +290,7 @@ void SourceReader::ExportFrame(const std::u16string& output_path, int32_t seek_s
   hr = sample->LockBuffer(bitmap.data(), bitmap.stride());
   if (hr < 0) ThrowOnError("Failed to lock media buffer", hr);
   // The fourth byte of each pixel is undefined in BGRX: make it opaque.
-  for (int y = 0; y < bitmap.height(); ++y) {
-    uint8_t* row = bitmap.row(y);
-    for (int x = 0; x < bitmap.width(); ++x) row[4 * x + 3] = 0xFF;
-  }
+  for (size_t i = 3; i < bitmap.byte_size(); i += 4) bitmap.data()[i] = 0xFF;
 
   WriteFrameAsJpeg(output_path, bitmap, info);
 }
