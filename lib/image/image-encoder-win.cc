@@ -101,25 +101,48 @@ Status SavePng(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::
   return SavePng(bitmap, utf8_path);
 }
 
-const std::vector<ImageEncoder>& ImageEncoders() {
-  // The formats this platform can save, in the order of the GDI+ table.
-  static const std::vector<ImageEncoder> encoders = [] {
+namespace {
+
+// GDI+'s own table, asked for anew every time; only the formats saved here
+// come out of it.
+class GdiplusEncoderTable : public EncoderTable {
+ public:
+  int GetSize(uint32_t* count, uint32_t* bytes) const override {
+    if (!EnsureGdiplus()) return Gdiplus::GdiplusNotInitialized;
+    UINT encoder_count = 0;
+    UINT table_bytes = 0;
+    const Gdiplus::GpStatus status = gdip::GdipGetImageEncodersSize(&encoder_count, &table_bytes);
+    if (status != Gdiplus::Ok) return status;
+    *count = encoder_count;
+    *bytes = table_bytes;
+    return 0;
+  }
+
+  int GetEncoders(uint32_t count, uint32_t bytes, std::vector<ImageEncoder>* encoders) const override {
+    if (!EnsureGdiplus()) return Gdiplus::GdiplusNotInitialized;
+    // The entries come first, the strings they point at after them.
+    if (uint64_t{count} * sizeof(Gdiplus::ImageCodecInfo) > bytes) return Gdiplus::InvalidParameter;
+    std::vector<Gdiplus::ImageCodecInfo> table((bytes + sizeof(Gdiplus::ImageCodecInfo) - 1) /
+                                               sizeof(Gdiplus::ImageCodecInfo));
+    const Gdiplus::GpStatus status = gdip::GdipGetImageEncoders(count, bytes, table.data());
+    if (status != Gdiplus::Ok) return status;
     std::vector<ImageEncoder> list;
-    if (!EnsureGdiplus()) return list;
-    UINT count = 0;
-    UINT bytes = 0;
-    if (gdip::GdipGetImageEncodersSize(&count, &bytes) != Gdiplus::Ok || bytes == 0) return list;
-    std::vector<uint8_t> table(bytes);
-    auto* codecs = reinterpret_cast<Gdiplus::ImageCodecInfo*>(table.data());
-    if (gdip::GdipGetImageEncoders(count, bytes, codecs) != Gdiplus::Ok) return list;
     for (UINT i = 0; i < count; ++i) {
-      if (codecs[i].MimeType == nullptr) continue;
-      if (wcscmp(codecs[i].MimeType, L"image/jpeg") == 0) list.push_back({"image/jpeg", &SaveJpeg});
-      if (wcscmp(codecs[i].MimeType, L"image/png") == 0) list.push_back({"image/png", &SavePng});
+      const WCHAR* mime = table[i].MimeType;
+      if (mime == nullptr) continue;
+      if (wcscmp(mime, L"image/jpeg") == 0) list.push_back({"image/jpeg", &SaveJpeg});
+      if (wcscmp(mime, L"image/png") == 0) list.push_back({"image/png", &SavePng});
     }
-    return list;
-  }();
-  return encoders;
+    *encoders = std::move(list);
+    return 0;
+  }
+};
+
+}  // namespace
+
+const EncoderTable& PlatformEncoderTable() {
+  static const GdiplusEncoderTable table;
+  return table;
 }
 
 }  // namespace image
