@@ -2,7 +2,9 @@
 #
 # Adds unit-test sources to the GoogleTest executable of <library>
 # (<library>_test), creating it on first use, so that each module of a
-# library can register its own tests. Does nothing when tests are off.
+# library can register its own tests. Does nothing when tests are off. Every
+# test is labelled with its executable's name, so that a build of a few
+# executables runs just their tests (ctest -L).
 function(tessera_test library)
   if(NOT TESSERA_BUILD_TESTS)
     return()
@@ -14,7 +16,8 @@ function(tessera_test library)
     target_link_libraries(${test_target} PRIVATE ${library} GTest::gmock GTest::gtest GTest::gtest_main
                           Threads::Threads)
     gtest_discover_tests(${test_target} DISCOVERY_TIMEOUT 60
-                         PROPERTIES ENVIRONMENT "TESSERA_TEST_TMPDIR=${CMAKE_BINARY_DIR}/test-tmp")
+                         PROPERTIES ENVIRONMENT "TESSERA_TEST_TMPDIR=${CMAKE_BINARY_DIR}/test-tmp"
+                                    LABELS ${test_target})
   else()
     target_sources(${test_target} PRIVATE ${ARG_UNPARSED_ARGUMENTS})
   endif()

@@ -131,6 +131,10 @@ TEST(GifDecoderTest, HostileInputFailsCleanly) {
   // A frame extending past the screen is clipped, not written out of bounds.
   ASSERT_TRUE(Decode(EncodeGif(10, 10, {SolidFrame(5, 5, 30, 30, 3)}), 10, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 6, 6, 10, 10), 0, 0, 255);
+  // One placed beyond the screen leaves it white.
+  ASSERT_TRUE(Decode(EncodeGif(10, 10, {SolidFrame(60000, 60000, 4, 4, 3)}), 10, &bitmap).ok());
+  EXPECT_EQ(bitmap.height(), 10);
+  ExpectColor(MeanColor(bitmap), 255, 255, 255);
 
   // A few extensions before the image are normal; a flood of them is refused.
   const size_t after_map = 13 + 3 * 4;  // header, screen and its four colours

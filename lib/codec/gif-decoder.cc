@@ -157,11 +157,13 @@ class GifDecoder : public ReducingDecoder {
       p[3] = 255;
     }
 
-    // Part of the image that lies on the screen.
-    const int x0 = std::max(0, desc.Left);
-    const int x1 = std::min(screen_width, desc.Left + desc.Width);
-    const int y0 = std::max(0, desc.Top);
-    const int y1 = std::min(screen_height, desc.Top + desc.Height);
+    // Part of the image that lies on the screen (empty, at the screen's
+    // edge, for an image placed beyond it): the screen's rows are pushed,
+    // never more.
+    const int x0 = std::min(screen_width, std::max(0, desc.Left));
+    const int x1 = std::max(x0, std::min(screen_width, desc.Left + desc.Width));
+    const int y0 = std::min(screen_height, std::max(0, desc.Top));
+    const int y1 = std::max(y0, std::min(screen_height, desc.Top + desc.Height));
 
     // An interlaced image is held whole, but only its rows on the screen: a
     // frame far larger than its screen costs no more than the screen.

@@ -98,8 +98,13 @@ Choice ChooseImage(heif_image_handle* primary, uint32_t cx) {
 
 NclxPtr NclxOf(const heif_image_handle* handle) {
   heif_color_profile_nclx* raw = nullptr;
-  if (heif_image_handle_get_nclx_color_profile(handle, &raw).code != heif_error_Ok) return nullptr;
-  return NclxPtr(raw);
+  const heif_error error = heif_image_handle_get_nclx_color_profile(handle, &raw);
+  // Ours whatever the answer: on a value it cannot describe (an unknown
+  // primaries, transfer or matrix code) libheif fails but still hands over
+  // the profile it allocated.
+  NclxPtr nclx(raw);
+  if (error.code != heif_error_Ok) return nullptr;
+  return nclx;
 }
 
 color::Chromaticities PrimariesOf(const heif_color_profile_nclx& nclx) {

@@ -70,6 +70,11 @@ TEST(HeifStructureTest, RefusesWhatRealFilesNeverHold) {
   std::string associations = Grid(1, 1);
   const size_t ipma = associations.find("ipma");
   associations.replace(ipma + 8, 4, std::string("\0\x0f\x42\x40", 4));
+  // A 2x2 grid of 64x64 tiles that declares itself 200 wide.
+  std::string uncovered = Grid(2, 2);
+  const size_t grid_data = uncovered.find("idat") + 4;
+  uncovered[grid_data + 4] = 0;
+  uncovered[grid_data + 5] = static_cast<char>(200);
   std::string many_boxes = Grid(1, 1);
   for (uint32_t i = 0; i < kMaxHeifBoxes; ++i) many_boxes += std::string("\0\0\0\x08" "free", 8);
 
@@ -87,6 +92,7 @@ TEST(HeifStructureTest, RefusesWhatRealFilesNeverHold) {
       {"a deep chain", BuildHeifItemGraph(deep), "nested deeper"},
       {"boxes", many_boxes, "boxes"},
       {"property associations", associations, "property association entries"},
+      {"a grid larger than its tiles", uncovered, "do not cover"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

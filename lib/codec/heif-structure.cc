@@ -2,6 +2,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "lib/codec/image-decoder.h"
@@ -162,11 +163,7 @@ class Walker {
           have_idat_ = true;
           return Status::OK();
         case FourCc("iprp"):
-          return Children(box.payload, box.end, [&](const Box& child) {
-            if (child.type == FourCc("ipco")) return CountChildren(child.payload, child.end);
-            if (child.type == FourCc("ipma")) return Ipma(child);
-            return Status::OK();
-          });
+          return Iprp(box);
         case FourCc("dinf"):
         case FourCc("grpl"):
           return CountChildren(box.payload, box.end);
@@ -216,13 +213,55 @@ class Walker {
     });
   }
 
-  // Property associations: one entry per item.
+  // The properties (ipco) before their associations (ipma), wherever each
+  // box sits in iprp.
+  Status Iprp(const Box& box) {
+    Status status = Children(box.payload, box.end, [&](const Box& child) {
+      if (child.type != FourCc("ipco") || have_ipco_) return Status::OK();
+      have_ipco_ = true;
+      return Children(child.payload, child.end, [&](const Box& property) {
+        ++properties_;
+        if (property.type == FourCc("ispe")) {
+          Reader e(data_, property.payload, property.end);
+          e.Read(4);  // version and flags
+          const uint32_t width = e.U32();
+          const uint32_t height = e.U32();
+          if (e.ok()) extents_[properties_] = {width, height};
+        }
+        return Status::OK();
+      });
+    });
+    if (!status.ok()) return status;
+    // Boxes were counted on the first pass.
+    for (size_t offset = box.payload; offset < box.end;) {
+      Box child;
+      if (!ReadBox(data_, offset, box.end, &child)) break;
+      if (child.type == FourCc("ipma")) return Ipma(child);
+      offset = child.end;
+    }
+    return Status::OK();
+  }
+
+  // Property associations: one entry per item. Keeps each item's image
+  // extent (ispe).
   Status Ipma(const Box& box) {
     Reader r(data_, box.payload, box.end);
-    r.Read(4);  // version and flags
+    const int version = static_cast<int>(r.U8());
+    const bool wide_indices = (r.Read(3) & 1) != 0;
     const uint32_t entries = r.U32();
     if (!r.ok()) return Status::OK();
-    return entries > kMaxHeifItems ? Refuse("property association entries", entries, kMaxHeifItems) : Status::OK();
+    if (entries > kMaxHeifItems) return Refuse("property association entries", entries, kMaxHeifItems);
+    for (uint32_t i = 0; i < entries; ++i) {
+      const uint32_t id = version < 1 ? r.U16() : r.U32();
+      const uint32_t count = r.U8();
+      for (uint32_t a = 0; a < count; ++a) {
+        const uint32_t index = wide_indices ? r.U16() & 0x7fff : r.U8() & 0x7f;
+        auto extent = extents_.find(index);
+        if (r.ok() && extent != extents_.end()) item_extents_.emplace(id, extent->second);
+      }
+      if (!r.ok()) break;
+    }
+    return Status::OK();
   }
 
   Status Iref(const Box& box) {
@@ -292,9 +331,22 @@ class Walker {
     return Status::OK();
   }
 
+  // What a grid item's data declares.
+  struct GridLayout {
+    uint32_t rows = 0;
+    uint32_t columns = 0;
+    uint32_t width = 0;
+    uint32_t height = 0;
+  };
+
   // The grid size a grid item's data declares; 0 when it cannot be read.
   uint64_t GridTiles(const Item& item) const {
-    if (!item.located) return 0;
+    GridLayout layout;
+    return ReadGrid(item, &layout) ? uint64_t{layout.rows} * layout.columns : 0;
+  }
+
+  bool ReadGrid(const Item& item, GridLayout* layout) const {
+    if (!item.located) return false;
     size_t begin = 0;
     size_t end = 0;
     if (item.construction_method == 0) {
@@ -304,14 +356,41 @@ class Walker {
       begin = idat_.payload;
       end = idat_.end;
     } else {
-      return 0;
+      return false;
     }
-    if (item.data_offset > end - begin) return 0;
+    if (item.data_offset > end - begin) return false;
     Reader r(data_, begin + static_cast<size_t>(item.data_offset), end);
-    r.U16();  // version and flags
-    const uint64_t rows = r.U8() + 1;
-    const uint64_t columns = r.U8() + 1;
-    return r.ok() ? rows * columns : 0;
+    r.U8();  // version
+    const int size_bytes = (r.U8() & 1) != 0 ? 4 : 2;
+    layout->rows = r.U8() + 1;
+    layout->columns = r.U8() + 1;
+    layout->width = static_cast<uint32_t>(r.Read(size_bytes));
+    layout->height = static_cast<uint32_t>(r.Read(size_bytes));
+    return r.ok();
+  }
+
+  // Whether the tiles of a grid cover its whole picture. libheif (1.15)
+  // places each tile after the ones before it by their declared extents and
+  // leaves what no tile covers as the allocator left it: a thumbnail of
+  // such a file would show memory, different on every decode. A grid whose
+  // references do not match its size is libheif's to refuse.
+  bool Covered(const Item& grid, const GridLayout& layout) const {
+    if (grid.derived_from.size() != uint64_t{layout.rows} * layout.columns) return true;
+    uint64_t covered_height = 0;
+    size_t next = 0;
+    for (uint32_t row = 0; row < layout.rows; ++row) {
+      uint64_t covered_width = 0;
+      uint32_t row_height = 0;
+      for (uint32_t column = 0; column < layout.columns; ++column) {
+        auto extent = item_extents_.find(grid.derived_from[next++]);
+        if (extent == item_extents_.end()) return false;
+        covered_width += extent->second.first;
+        row_height = extent->second.second;  // the last tile's, as libheif takes it
+      }
+      if (covered_width < layout.width) return false;
+      covered_height += row_height;
+    }
+    return covered_height >= layout.height;
   }
 
   Status CheckDerivations() {
@@ -324,6 +403,10 @@ class Walker {
       if (item.type == FourCc("grid")) {
         const uint64_t tiles = GridTiles(item);
         if (tiles > kMaxHeifTiles) return Refuse("grid tiles", tiles, kMaxHeifTiles);
+        GridLayout layout;
+        if (ReadGrid(item, &layout) && !Covered(item, layout)) {
+          return Status::InvalidArgument("HEIF grid whose tiles do not cover it");
+        }
       }
     }
     for (Item& item : items_) {
@@ -373,6 +456,12 @@ class Walker {
   std::unordered_map<uint32_t, std::vector<uint32_t>> dimg_;
   Box idat_;
   bool have_idat_ = false;
+  bool have_ipco_ = false;
+  uint32_t properties_ = 0;
+  // Image extents (width, height): of the ispe properties by their 1-based
+  // index, and of the items associated with one (the first association).
+  std::unordered_map<uint32_t, std::pair<uint32_t, uint32_t>> extents_;
+  std::unordered_map<uint32_t, std::pair<uint32_t, uint32_t>> item_extents_;
 };
 
 }  // namespace

@@ -82,6 +82,14 @@ std::unique_ptr<ImageDecoder> CreateImageDecoder(ImageFormat format);
 Status ImageTooLargeError(uint64_t width, uint64_t height);
 bool IsImageTooLarge(const Status& status);
 
+// Lowers the limits that the decoders of this copy of lib/codec apply (a
+// module loaded beside the tool has a copy of its own): a picture of more
+// than `max_pixels` is refused as too large, and a decode plans for at most
+// `max_bytes` of buffers. Never above limits.h, which the tool keeps. For
+// fuzzing, where every input has to cost little. Thread-safe; a decode
+// already running may see either limit.
+void SetDecodeBudget(uint64_t max_pixels, uint64_t max_bytes);
+
 // The status with which a decoder gives up once its source is cancelled
 // (ByteSource::cancelled()): a Timeout status, as the job has run out of time.
 Status DecodeCancelledError();

@@ -1,6 +1,7 @@
 #include "lib/codec/reducing-sink.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,18 @@ TEST(ReducingSinkTest, FansOutSmallestFirstWithinTheBudgets) {
   // Nothing is kept without a key, or from a decode that never finished.
   EXPECT_EQ(KeptAfterFanOut("", 360, {720, 960}, 0), Sizes{});
   EXPECT_EQ(KeptAfterFanOut("c", 360, {720, 960}, 0, false), Sizes{});
+}
+
+TEST(ReducingSinkTest, ADecodeBudgetLowersTheLimitsAndNeverRaisesThem) {
+  const auto init = [](uint64_t width, uint64_t height) { return ReducingSink().Init(width, height, 360); };
+  SetDecodeBudget(1 << 20, 1 << 26);
+  EXPECT_TRUE(init(1024, 1024).ok());
+  EXPECT_TRUE(IsImageTooLarge(init(1025, 1024)));
+  EXPECT_FALSE(WithinDecodeBudget((1 << 26) + 1));
+  SetDecodeBudget(UINT64_MAX, UINT64_MAX);  // limits.h again
+  EXPECT_TRUE(init(1025, 1024).ok());
+  EXPECT_TRUE(WithinDecodeBudget(image::kMaxDecodeBytes));
+  EXPECT_FALSE(WithinDecodeBudget(image::kMaxDecodeBytes + 1));
 }
 
 }  // namespace

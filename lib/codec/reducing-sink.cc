@@ -1,6 +1,7 @@
 #include "lib/codec/reducing-sink.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include "lib/codec/image-decoder.h"
 #include "lib/codec/reduction-cache.h"
@@ -12,6 +13,10 @@ namespace tessera {
 namespace codec {
 namespace {
 
+// SetDecodeBudget's limits.
+std::atomic<uint64_t> max_decode_pixels{image::kMaxPixels};
+std::atomic<uint64_t> max_decode_bytes{image::kMaxDecodeBytes};
+
 Status Upright(const color::ColorTransform* transform, int orientation, image::Bitmap* bitmap) {
   if (transform != nullptr && !transform->is_identity()) {
     transform->Apply(bitmap->data(), bitmap->data(), static_cast<size_t>(bitmap->width()) * bitmap->height());
@@ -22,8 +27,16 @@ Status Upright(const color::ColorTransform* transform, int orientation, image::B
 
 }  // namespace
 
+void SetDecodeBudget(uint64_t max_pixels, uint64_t max_bytes) {
+  max_decode_pixels = std::min(max_pixels, image::kMaxPixels);
+  max_decode_bytes = std::min(max_bytes, image::kMaxDecodeBytes);
+}
+
 Status ReducingSink::Init(uint64_t width, uint64_t height, uint32_t cx) {
-  if (!image::WithinPixelLimits(width, height)) return ImageTooLargeError(width, height);
+  // Sides within the limits first, so that the product cannot overflow.
+  if (!image::WithinPixelLimits(width, height) || width * height > max_decode_pixels) {
+    return ImageTooLargeError(width, height);
+  }
   if (cx == 0) return Status::InvalidArgument("thumbnail size 0");
   width_ = static_cast<int>(width);
   height_ = static_cast<int>(height);
@@ -147,7 +160,7 @@ FanOutRequest ReducingDecoder::AnticipatedRequests() const {
   return FanOutRequest{key_, anticipated_, edge_divisor_, &TheReductionCache()};
 }
 
-bool WithinDecodeBudget(uint64_t bytes) { return bytes <= image::kMaxDecodeBytes; }
+bool WithinDecodeBudget(uint64_t bytes) { return bytes <= max_decode_bytes; }
 
 }  // namespace codec
 }  // namespace tessera

@@ -54,7 +54,8 @@ class ReducingSink {
  public:
   // Prepares a reduction of a width x height source to the largest size
   // whose longer side is at most cx (never enlarged). Refuses sizes over the
-  // limits with ImageTooLargeError before allocating. Not thread-safe.
+  // limits (or SetDecodeBudget's) with ImageTooLargeError before
+  // allocating. Not thread-safe.
   Status Init(uint64_t width, uint64_t height, uint32_t cx);
 
   // Shapes Init's result to the request's edge divisor (RequestedSize), and
@@ -144,7 +145,7 @@ class ReducingDecoder : public ImageDecoder {
 };
 
 // A budget check for buffers a decoder is about to allocate: true when the
-// sum stays within kMaxDecodeBytes.
+// sum stays within kMaxDecodeBytes (or the lower SetDecodeBudget).
 bool WithinDecodeBudget(uint64_t bytes);
 
 }  // namespace codec

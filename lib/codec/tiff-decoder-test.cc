@@ -15,11 +15,14 @@
 #include "lib/codec/testing/served-ahead.h"
 #include "lib/codec/testing/tiff-fixtures.h"
 #include "lib/color/testing/icc-fixtures.h"
+#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
 namespace codec {
 namespace {
 
+using ::tessera::testing::AppendLe16;
+using ::tessera::testing::AppendLe32;
 using testing::MeanColor;
 using testing::Rgb;
 using testing::ServedAhead;
@@ -676,6 +679,24 @@ TEST(TiffDecoderTest, HostileInputFailsCleanly) {
     ASSERT_TRUE(Decode(bytes, 30, &bitmap).ok());
     for (size_t n = 0; n < bytes.size(); n += 31) Decode(bytes.substr(0, n), 30, &bitmap);
   }
+  // No photometric tag (libtiff's RGBA interface takes it as grey) and one
+  // deflate strip of garbage: nothing can be read, so the decode fails
+  // instead of making a picture of the declared size out of nothing.
+  std::string unreadable("II*\0", 4);
+  AppendLe32(&unreadable, 8);
+  const uint32_t entries[][3] = {{256, 4, 64}, {257, 4, 64}, {258, 3, 8}, {259, 3, COMPRESSION_ADOBE_DEFLATE},
+                                 {273, 4, 98}, {277, 3, 1},  {279, 4, 32}};
+  AppendLe16(&unreadable, 7);
+  for (const auto& entry : entries) {
+    AppendLe16(&unreadable, entry[0]);
+    AppendLe16(&unreadable, entry[1]);
+    AppendLe32(&unreadable, 1);
+    AppendLe32(&unreadable, entry[2]);  // little-endian: a SHORT value sits in the first two bytes
+  }
+  AppendLe32(&unreadable, 0);
+  unreadable += std::string("\x78\x9c", 2) + std::string(30, '\xab');
+  ASSERT_EQ(unreadable.size(), 98u + 32u);
+  EXPECT_FALSE(Decode(unreadable, 30, &bitmap).ok());
 
   // A declared size over the limits is refused before decoding.
   Page big = page;

@@ -21,6 +21,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -563,7 +564,11 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, image::B
 
   char message[1024] = "";
   TIFFRGBAImage image;
-  if (!TIFFRGBAImageOK(tif, message) || !TIFFRGBAImageBegin(&image, tif, 0, message)) {
+  // Stop at the first strip or tile that cannot be read: going on would
+  // decode the whole declared size of a file whose data ended (or never
+  // was), which for a few hundred bytes can mean tens of megapixels of
+  // nothing. What was read before is kept below.
+  if (!TIFFRGBAImageOK(tif, message) || !TIFFRGBAImageBegin(&image, tif, /*stop=*/1, message)) {
     return Status::NotSupported(std::string("TIFF layout: ") + message);
   }
   std::unique_ptr<TIFFRGBAImage, RgbaImageEnder> image_guard(&image);
@@ -601,21 +606,23 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, image::B
   uint16_t orientation = ORIENTATION_TOPLEFT;
   TIFFGetFieldDefaulted(tif, TIFFTAG_ORIENTATION, &orientation);
 
-  std::vector<uint32_t> raster;
-  raster.resize(static_cast<size_t>(width) * chunk);
+  // Not zeroed: every row handed on was written by libtiff, and a slice
+  // that fails early touches only the pages it wrote.
+  std::unique_ptr<uint32_t[]> raster(new (std::nothrow) uint32_t[static_cast<size_t>(width) * chunk]);
+  if (!raster) return Status::Internal("out of memory");
   const bool has_alpha = image.alpha != 0;
   for (uint32_t row = 0; row < height; row += chunk) {
     if (Cancelled(tif)) return DecodeCancelledError();
     const uint32_t rows = std::min(chunk, height - row);
     image.row_offset = static_cast<int>(row);
     image.col_offset = 0;
-    if (!TIFFRGBAImageGet(&image, raster.data(), width, rows)) {
+    if (!TIFFRGBAImageGet(&image, raster.get(), width, rows)) {
       if (Cancelled(tif)) return DecodeCancelledError();
       if (row == 0) return Status::InvalidArgument("TIFF data unreadable");
       break;  // keep what was read; the rest shows as grey
     }
     for (uint32_t r = 0; r < rows; ++r) {
-      uint8_t* line = reinterpret_cast<uint8_t*>(raster.data() + static_cast<size_t>(r) * width);
+      uint8_t* line = reinterpret_cast<uint8_t*>(raster.get() + static_cast<size_t>(r) * width);
       // Packed ABGR words are R, G, B, A bytes on little-endian hosts.
       for (uint32_t x = 0; x < width; ++x) {
         uint32_t v = raster[static_cast<size_t>(r) * width + x];

@@ -46,6 +46,19 @@ TEST_F(FileOpWinTest, ExistsComparesTheStoredName) {
   EXPECT_FALSE(FSExists(dir_.Path("missing/deeper"), false));
   EXPECT_EQ(GetCapturedStderr(), "");
   EXPECT_TRUE(FSExists(dir_.path().substr(0, 2), false));  // the drive, "Z:"
+  EXPECT_TRUE(FSExists(dir_.path().substr(0, 3), true));   // its root, "Z:\\"
+
+  // A one-byte name is no drive: its stored case counts.
+  dir_.MakeFile("a");
+  const fs::path cwd = fs::current_path();
+  fs::current_path(dir_.path());
+  const bool lower = FSExists("a", true);
+  const bool upper = FSExists("A", true);
+  const bool upper_any_case = FSExists("A", false);
+  fs::current_path(cwd);
+  EXPECT_TRUE(lower);
+  EXPECT_FALSE(upper);
+  EXPECT_TRUE(upper_any_case);
 }
 
 TEST_F(FileOpWinTest, StatFillsTheRecordWithTheStoredForm) {

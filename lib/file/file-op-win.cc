@@ -226,7 +226,9 @@ int FSIdentifyRegularFile(const std::string& path, std::string* identity) {
 
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;
-  if (path.size() <= 3) {
+  // A drive root ("C:", "C:\\") has no stored name to compare; a one-byte
+  // name is a name like any other.
+  if (path.size() == 2 || path.size() == 3) {
     std::u16string drive = utility::UTF8ToUTF16(ToLongPath(path));
     return GetFileAttributesW(Wide(drive)) != INVALID_FILE_ATTRIBUTES;
   }

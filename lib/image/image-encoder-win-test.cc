@@ -93,10 +93,17 @@ TEST_F(ImageEncoderWinTest, SavedFilesReadBackOpaqueAtTheirSize) {
 }
 
 TEST_F(ImageEncoderWinTest, EncoderTableAndFailures) {
-  const std::vector<ImageEncoder>& encoders = ImageEncoders();
+  // Fetched in GDI+'s two steps, every time.
+  uint32_t count = 0;
+  uint32_t bytes = 0;
+  ASSERT_EQ(PlatformEncoderTable().GetSize(&count, &bytes), 0);
+  ASSERT_GE(count, 2u);
+  std::vector<ImageEncoder> encoders;
+  ASSERT_EQ(PlatformEncoderTable().GetEncoders(count, bytes, &encoders), 0);
   ASSERT_EQ(encoders.size(), 2u);
   EXPECT_STREQ(encoders[0].mime_type, "image/jpeg");  // GDI+ lists JPEG before PNG
   EXPECT_STREQ(encoders[1].mime_type, "image/png");
+  EXPECT_NE(PlatformEncoderTable().GetEncoders(count, 0, &encoders), 0);  // a table too small for its entries
 
   const Bitmap bitmap = TwoBands(8, 8);
   EXPECT_FALSE(SaveJpeg(bitmap, Path("missing-dir/out.jpg")).ok());

@@ -1,7 +1,8 @@
 // The encoder table on Windows: the platform's own image encoders, GDI+'s
-// (flat API), as the frame writer looks them up by MIME type. Thumbnails are
-// saved by image-encoder.cc, as on every platform. GDI+ is started once per
-// process, on first use, and stays up until the process ends.
+// (flat API), which the frame writer looks up by MIME type and saves with.
+// Thumbnails are saved by image-encoder.cc, as on every platform. GDI+ is
+// started once per process, on first use, and stays up until the process
+// ends.
 #include <windows.h>
 // GDI+ needs the Windows types first.
 #include <gdiplus.h>
@@ -19,10 +20,6 @@ namespace image {
 namespace {
 
 namespace gdip = Gdiplus::DllExports;
-
-constexpr int kJpegQuality = 85;
-// {1d5be4b5-fa4a-452d-9cdd-5db35105e7eb}
-constexpr GUID kEncoderQuality = {0x1d5be4b5, 0xfa4a, 0x452d, {0x9c, 0xdd, 0x5d, 0xb3, 0x51, 0x05, 0xe7, 0xeb}};
 
 // GdiplusStartup once, thread-safely; false when GDI+ could not start.
 bool EnsureGdiplus() {
@@ -77,42 +74,56 @@ Status Save(const Bitmap& bitmap, const std::string& utf8_path, const wchar_t* m
   return Status::OK();
 }
 
+// What the frame writer saves with: GDI+'s encoder as it comes, with no
+// encoder parameters (its default quality).
 Status GdiplusSaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
-  ULONG quality = kJpegQuality;
-  Gdiplus::EncoderParameters parameters;
-  parameters.Count = 1;
-  parameters.Parameter[0].Guid = kEncoderQuality;
-  parameters.Parameter[0].Type = Gdiplus::EncoderParameterValueTypeLong;
-  parameters.Parameter[0].NumberOfValues = 1;
-  parameters.Parameter[0].Value = &quality;
-  return Save(bitmap, utf8_path, L"image/jpeg", &parameters);
+  return Save(bitmap, utf8_path, L"image/jpeg", nullptr);
 }
 
 Status GdiplusSavePng(const Bitmap& bitmap, const std::string& utf8_path) {
   return Save(bitmap, utf8_path, L"image/png", nullptr);
 }
 
+// GDI+'s own table, asked for anew every time; only the formats saved here
+// come out of it.
+class GdiplusEncoderTable : public EncoderTable {
+ public:
+  int GetSize(uint32_t* count, uint32_t* bytes) const override {
+    if (!EnsureGdiplus()) return Gdiplus::GdiplusNotInitialized;
+    UINT encoder_count = 0;
+    UINT table_bytes = 0;
+    const Gdiplus::GpStatus status = gdip::GdipGetImageEncodersSize(&encoder_count, &table_bytes);
+    if (status != Gdiplus::Ok) return status;
+    *count = encoder_count;
+    *bytes = table_bytes;
+    return 0;
+  }
+
+  int GetEncoders(uint32_t count, uint32_t bytes, std::vector<ImageEncoder>* encoders) const override {
+    if (!EnsureGdiplus()) return Gdiplus::GdiplusNotInitialized;
+    // The entries come first, the strings they point at after them.
+    if (uint64_t{count} * sizeof(Gdiplus::ImageCodecInfo) > bytes) return Gdiplus::InvalidParameter;
+    std::vector<Gdiplus::ImageCodecInfo> table((bytes + sizeof(Gdiplus::ImageCodecInfo) - 1) /
+                                               sizeof(Gdiplus::ImageCodecInfo));
+    const Gdiplus::GpStatus status = gdip::GdipGetImageEncoders(count, bytes, table.data());
+    if (status != Gdiplus::Ok) return status;
+    std::vector<ImageEncoder> list;
+    for (UINT i = 0; i < count; ++i) {
+      const WCHAR* mime = table[i].MimeType;
+      if (mime == nullptr) continue;
+      if (wcscmp(mime, L"image/jpeg") == 0) list.push_back({"image/jpeg", &GdiplusSaveJpeg});
+      if (wcscmp(mime, L"image/png") == 0) list.push_back({"image/png", &GdiplusSavePng});
+    }
+    *encoders = std::move(list);
+    return 0;
+  }
+};
+
 }  // namespace
 
-const std::vector<ImageEncoder>& ImageEncoders() {
-  // The formats this platform can save, in the order of the GDI+ table.
-  static const std::vector<ImageEncoder> encoders = [] {
-    std::vector<ImageEncoder> list;
-    if (!EnsureGdiplus()) return list;
-    UINT count = 0;
-    UINT bytes = 0;
-    if (gdip::GdipGetImageEncodersSize(&count, &bytes) != Gdiplus::Ok || bytes == 0) return list;
-    std::vector<uint8_t> table(bytes);
-    auto* codecs = reinterpret_cast<Gdiplus::ImageCodecInfo*>(table.data());
-    if (gdip::GdipGetImageEncoders(count, bytes, codecs) != Gdiplus::Ok) return list;
-    for (UINT i = 0; i < count; ++i) {
-      if (codecs[i].MimeType == nullptr) continue;
-      if (wcscmp(codecs[i].MimeType, L"image/jpeg") == 0) list.push_back({"image/jpeg", &GdiplusSaveJpeg});
-      if (wcscmp(codecs[i].MimeType, L"image/png") == 0) list.push_back({"image/png", &GdiplusSavePng});
-    }
-    return list;
-  }();
-  return encoders;
+const EncoderTable& PlatformEncoderTable() {
+  static const GdiplusEncoderTable table;
+  return table;
 }
 
 }  // namespace image

@@ -8,6 +8,7 @@
 #ifndef TESSERA_LIB_IMAGE_IMAGE_ENCODER_H_
 #define TESSERA_LIB_IMAGE_IMAGE_ENCODER_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,24 @@ struct ImageEncoder {
   SaveFunction save;
 };
 
-// The encoders of this platform, in a fixed order. Thread-safe.
-const std::vector<ImageEncoder>& ImageEncoders();
+// The platform's table of encoders, fetched in its two steps: how large the
+// table is, then the table itself (GdipGetImageEncodersSize and
+// GdipGetImageEncoders under GDI+). Each step returns 0, or the platform's
+// non-zero status. Nothing is kept: every call asks the platform anew.
+// Thread-safe.
+class EncoderTable {
+ public:
+  virtual ~EncoderTable() = default;
+  // The number of encoders and the bytes the platform's table of them takes.
+  virtual int GetSize(uint32_t* count, uint32_t* bytes) const = 0;
+  // The encoders this platform saves with (JPEG and PNG), in the order of
+  // the platform's table of `count` entries in `bytes` bytes (GetSize's
+  // answer).
+  virtual int GetEncoders(uint32_t count, uint32_t bytes, std::vector<ImageEncoder>* encoders) const = 0;
+};
+
+// This platform's table.
+const EncoderTable& PlatformEncoderTable();
 
 }  // namespace image
 }  // namespace tessera

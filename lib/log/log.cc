@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <sstream>
 
 #include "lib/log/log-platform.h"
@@ -27,7 +28,15 @@ constexpr char kDefaultComponent[] = "default_component";
 using ThresholdMap = std::unordered_map<std::string, int>;
 
 struct LoggerState {
-  // Read by every log call on any thread, without the mutex.
+  // Guards the configuration below (destination, paths, stream, mutex
+  // pointer, counters): LogInit, LogDeinit and the reset hold it exclusively,
+  // every writer holds it shared for the whole of its line. So a writer
+  // never sees half a configuration, and LogDeinit closes the file only once
+  // no writer is inside. Writers to one file are serialised by `mutex` on
+  // top (lock_mode), which also guards the stream and counters that rotation
+  // changes.
+  std::shared_mutex config_lock;
+  // Read by the level test of every log call, without any lock.
   std::atomic<bool> initialised{true};
   int destination = 1;
   std::string log_path;
@@ -42,9 +51,8 @@ struct LoggerState {
   int32_t current_size = -1;
   uint64_t rotation_generation = 0;
   uint64_t generation_seen = 0;
-  // Points at `mutex_storage` while a mutex is "created". The storage itself
-  // lives as long as the process, so a writer that still holds the pointer
-  // never locks a destroyed mutex.
+  // Points at `mutex_storage` while a mutex is "created" (lock_mode 1 and
+  // above in file mode).
   std::mutex* mutex = nullptr;
   std::mutex mutex_storage;
   // Replaced whole by LogInit and read without a lock by the level test of
@@ -88,6 +96,17 @@ int PrintStamped(FILE* stream, const char* format, va_list args) {
   return stamp_count + message_count;
 }
 
+// LogRaw for callers that hold the configuration lock already.
+void RawLocked(const LoggerState& state, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void RawLocked(const LoggerState& state, const char* format, ...) {
+  // Destination 0 has no stream of its own; its text goes to standard error.
+  FILE* stream = state.stream != nullptr ? state.stream : stderr;
+  va_list args;
+  va_start(args, format);
+  PrintStamped(stream, format, args);
+  va_end(args);
+}
+
 void SetSizeFromDisk(LoggerState& state) {
   uint64_t size = 0;
   long error_code = 0;
@@ -97,10 +116,10 @@ void SetSizeFromDisk(LoggerState& state) {
       state.current_size = static_cast<int32_t>(static_cast<uint32_t>(size & 0xffffffffu));
       return;
     case internal::FileSizeStep::kOpen:
-      LogRaw("CreateFile(%s): error code %ld\n", state.file_path.c_str(), error_code);
+      RawLocked(state, "CreateFile(%s): error code %ld\n", state.file_path.c_str(), error_code);
       break;
     case internal::FileSizeStep::kQuery:
-      LogRaw("GetFileSizeEx(%s): error code %ld\n", state.file_path.c_str(), error_code);
+      RawLocked(state, "GetFileSizeEx(%s): error code %ld\n", state.file_path.c_str(), error_code);
       break;
   }
   state.current_size = 0;
@@ -166,6 +185,27 @@ void WriteMessage(LoggerState& state, const char* format, va_list args) {
     size = 0;
   }
   state.current_size = static_cast<int32_t>(size);
+}
+
+// LogDeinit with the configuration lock held exclusively: no writer is
+// inside, so the file can be closed.
+void DeinitLocked(LoggerState& state) {
+  state.initialised = false;
+  // Every destination that opened the log file (3, and above 3, which opens
+  // it alike) closes it here; closing only for 3 would leak the handle of the
+  // others. Standard output then becomes the stream under destination 2, a
+  // pairing that callers of LogRaw have always seen and that is kept.
+  if (state.destination >= 3) {
+    if (state.stream != nullptr && state.stream != stdout && state.stream != stderr) fclose(state.stream);
+    state.stream = stdout;
+    state.destination = 2;
+    state.file_path.clear();
+    state.rotation_count = 32;
+  }
+  state.current_size = -1;
+  state.rotation_generation = 0;
+  state.generation_seen = 0;
+  state.mutex = nullptr;
 }
 
 bool IsBlank(unsigned char c) { return c == ' ' || (c >= 9 && c <= 13); }
@@ -266,31 +306,18 @@ int ReadLevelConfig(const std::string& path, std::unordered_map<std::string, std
 
 void LogDeinit() {
   LoggerState& state = State();
+  // The flag falls first, so that no new writer queues up for the lock; the
+  // lock then waits for the writers that got past their checks before.
   state.initialised = false;
-  // A writer that got past its checks before the flag fell finishes its line
-  // under the mutex; the file must not be closed under it.
-  std::unique_lock<std::mutex> lock;
-  if (state.mutex != nullptr) lock = std::unique_lock<std::mutex>(*state.mutex);
-  // Every destination that opened the log file (3, and above 3, which opens
-  // it alike) closes it here; closing only for 3 would leak the handle of the
-  // others. Standard output then becomes the stream under destination 2, a
-  // pairing that callers of LogRaw have always seen and that is kept.
-  if (state.destination >= 3) {
-    if (state.stream != nullptr && state.stream != stdout && state.stream != stderr) fclose(state.stream);
-    state.stream = stdout;
-    state.destination = 2;
-    state.file_path.clear();
-    state.rotation_count = 32;
-  }
-  state.current_size = -1;
-  state.rotation_generation = 0;
-  state.generation_seen = 0;
-  state.mutex = nullptr;
+  std::unique_lock<std::shared_mutex> lock(state.config_lock);
+  DeinitLocked(state);
 }
 
 int LogInit(const LogConfig& config) {
-  LogDeinit();
   LoggerState& state = State();
+  state.initialised = false;
+  std::unique_lock<std::shared_mutex> lock(state.config_lock);
+  DeinitLocked(state);
   state.destination = config.destination;
   state.log_path = config.log_path;
   state.level_config_path = config.level_config_path;
@@ -341,8 +368,10 @@ int LogInit(const LogConfig& config) {
 }
 
 void LogResetForTesting() {
-  LogDeinit();
   LoggerState& state = State();
+  state.initialised = false;
+  std::unique_lock<std::shared_mutex> lock(state.config_lock);
+  DeinitLocked(state);
   state.destination = 1;
   state.log_path.clear();
   state.level_config_path.clear();
@@ -363,23 +392,27 @@ bool LogIsEnabled(int level, const char* component) {
 void LogPrintf(int level, const char* component, const char* format, ...) {
   LoggerState& state = State();
   if (!state.initialised) return;
-  if (state.destination != 0 && state.stream == nullptr) return;
   if (level > Threshold(state, component)) return;
 
-  std::mutex* mutex = state.mutex;
-  if (mutex != nullptr) mutex->lock();
+  std::shared_lock<std::shared_mutex> config(state.config_lock);
   // LogDeinit may have run between the checks above and the lock.
-  if (state.initialised) {
-    va_list args;
-    va_start(args, format);
-    WriteMessage(state, format, args);
-    va_end(args);
-  }
-  if (mutex != nullptr) mutex->unlock();
+  if (!state.initialised) return;
+  std::unique_lock<std::mutex> lock;
+  if (state.mutex != nullptr) lock = std::unique_lock<std::mutex>(*state.mutex);
+  // A failed reopen after a rotation leaves no stream.
+  if (state.destination != 0 && state.stream == nullptr) return;
+  va_list args;
+  va_start(args, format);
+  WriteMessage(state, format, args);
+  va_end(args);
 }
 
 void LogRaw(const char* format, ...) {
   LoggerState& state = State();
+  std::shared_lock<std::shared_mutex> config(state.config_lock);
+  // A rotation replaces the stream under the file's mutex.
+  std::unique_lock<std::mutex> lock;
+  if (state.mutex != nullptr) lock = std::unique_lock<std::mutex>(*state.mutex);
   // Destination 0 has no stream of its own; its text goes to standard error.
   FILE* stream = state.stream != nullptr ? state.stream : stderr;
   va_list args;

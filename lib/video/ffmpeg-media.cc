@@ -77,23 +77,32 @@ Status AvStatus(const char* context, int error) {
   return Status::InvalidArgument(AvError(context, error));
 }
 
-// The stream a thumbnail is made of: the first video stream that is not an
-// attached picture, or else the first attached picture that holds one. -1
-// when there is neither; *attached says which it is.
-int ChooseStream(const AVFormatContext* format, bool* attached) {
-  int picture_index = -1;
+// Real video streams probed at most. Probing decodes a frame of every
+// stream it is given; the choice among them rests on what it found.
+constexpr int kMaxProbedVideoStreams = 4;
+
+bool IsVideo(const AVStream* stream) { return stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO; }
+bool IsAttachedPicture(const AVStream* stream) { return (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0; }
+bool IsRealVideo(const AVStream* stream) { return IsVideo(stream) && !IsAttachedPicture(stream); }
+bool HoldsPicture(const AVStream* stream) {
+  return IsVideo(stream) && IsAttachedPicture(stream) && stream->attached_pic.size > 0;
+}
+
+// The streams a thumbnail may be made of, best first: the real video stream
+// the container's own choice gives (av_find_best_stream: the one whose
+// packets probing found and decoded, else the first), the other real video
+// streams in file order, then the attached pictures that hold one.
+std::vector<int> RankStreams(AVFormatContext* format) {
+  std::vector<int> ranked;
+  const int best = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  if (best >= 0 && IsRealVideo(format->streams[best])) ranked.push_back(best);
   for (unsigned i = 0; i < format->nb_streams; ++i) {
-    const AVStream* stream = format->streams[i];
-    if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) continue;
-    if (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) {
-      if (picture_index < 0 && stream->attached_pic.size > 0) picture_index = static_cast<int>(i);
-      continue;
-    }
-    *attached = false;
-    return static_cast<int>(i);
+    if (IsRealVideo(format->streams[i]) && static_cast<int>(i) != best) ranked.push_back(static_cast<int>(i));
   }
-  *attached = picture_index >= 0;
-  return picture_index;
+  for (unsigned i = 0; i < format->nb_streams; ++i) {
+    if (HoldsPicture(format->streams[i])) ranked.push_back(static_cast<int>(i));
+  }
+  return ranked;
 }
 
 bool IsYuvjFormat(int format) {
@@ -202,15 +211,32 @@ int MediaFile::ProbeStreams() {
   // reads on until each has its parameters, so a file of a hundred 4K
   // tracks decodes a hundred 4K frames. A stream that is discarded and made
   // a data stream without a codec is complete as it is: nothing of it is
-  // opened, decoded or waited for. The stream is chosen before probing when
-  // no better one can appear later: the container declared all its streams
-  // up front, or a real video stream is known already.
-  bool attached = false;
-  int chosen = ChooseStream(format, &attached);
-  const bool all_declared = (format->ctx_flags & AVFMTCTX_NOHEADER) == 0;
-  if (chosen >= 0 && (all_declared || !attached)) {
+  // opened, decoded or waited for. The streams that may be chosen are kept
+  // before probing when no better one can appear later (the container
+  // declared all its streams up front, or a real video stream is known
+  // already): the first few real video streams, or else the first attached
+  // picture; every other stream is made such a data stream.
+  std::vector<bool> keep(format->nb_streams, false);
+  int kept_videos = 0;
+  for (unsigned i = 0; i < format->nb_streams && kept_videos < kMaxProbedVideoStreams; ++i) {
+    if (IsRealVideo(format->streams[i])) {
+      keep[i] = true;
+      ++kept_videos;
+    }
+  }
+  if (kept_videos == 0) {
     for (unsigned i = 0; i < format->nb_streams; ++i) {
-      if (static_cast<int>(i) == chosen) continue;
+      if (HoldsPicture(format->streams[i])) {
+        keep[i] = true;
+        break;
+      }
+    }
+  }
+  const bool all_declared = (format->ctx_flags & AVFMTCTX_NOHEADER) == 0;
+  const bool any_kept = std::find(keep.begin(), keep.end(), true) != keep.end();
+  if (any_kept && (all_declared || kept_videos > 0)) {
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+      if (keep[i]) continue;
       AVStream* other = format->streams[i];
       other->discard = AVDISCARD_ALL;
       other->codecpar->codec_type = AVMEDIA_TYPE_DATA;
@@ -230,8 +256,27 @@ int MediaFile::ProbeStreams() {
   for (AVDictionary*& stream_option : stream_options) av_dict_free(&stream_option);
   if (error < 0) return error;
 
-  stream_index_ = ChooseStream(format, &attached_picture_);
+  candidates_ = RankStreams(format);
+  next_candidate_ = 0;
+  UseNextStream();  // none: the file has no stream to make a thumbnail of
   return 0;
+}
+
+bool MediaFile::UseNextStream() {
+  if (next_candidate_ >= candidates_.size()) return false;
+  const bool first = next_candidate_ == 0;
+  stream_index_ = candidates_[next_candidate_++];
+  attached_picture_ = IsAttachedPicture(format_->streams[stream_index_]);
+  codec_.reset();
+  packet_.reset();
+  picture_sent_ = false;
+  draining_ = false;
+  skip_before_us_ = INT64_MIN;
+  if (first) return true;
+  // The decoder of the stream before discarded every other one, and read
+  // on: this one is read from the start.
+  format_->streams[stream_index_]->discard = AVDISCARD_DEFAULT;
+  return attached_picture_ || SeekTo(0) >= 0;
 }
 
 int MediaFile::OpenDecoder() {

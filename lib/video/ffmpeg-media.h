@@ -75,10 +75,11 @@ class MediaFile {
  public:
   ~MediaFile();
 
-  // Opens utf8_path within `timeout` and chooses its first real video stream,
-  // or else its first attached picture. Every other stream is discarded, and
-  // where the container allows it before the streams are probed, so that it
-  // costs next to nothing to probe or read. Blocking operations also stop
+  // Opens utf8_path within `timeout` and chooses its best real video stream
+  // (the container's own choice among the first few, by what probing found
+  // in them), or else its first attached picture. Every other stream is
+  // discarded, and where the container allows it before the streams are
+  // probed, so that it costs next to nothing to probe or read. Blocking operations also stop
   // once `cancellation` (may be null) is cancelled; the file keeps a
   // reference to it. Fails with NotFound (no such file), NotSupported
   // (unknown or refused container, too many streams, no video), Timeout
@@ -92,6 +93,12 @@ class MediaFile {
   AVFormatContext* format() const { return format_.get(); }
   AVStream* stream() const { return format_->streams[stream_index_]; }
   bool is_attached_picture() const { return attached_picture_; }
+
+  // Moves to the next stream a thumbnail may be made of, when the chosen one
+  // gives no frame: the other probed real video streams in file order, then
+  // the attached picture. Read from its start, its decoder not yet open
+  // (OpenDecoder). False when there is none left, or it cannot be reached.
+  bool UseNextStream();
 
   // Restarts the deadline for the next blocking operations.
   void SetDeadline(std::chrono::milliseconds from_now);
@@ -156,6 +163,8 @@ class MediaFile {
   FormatPtr format_;
   CodecPtr codec_;
   PacketPtr packet_;
+  std::vector<int> candidates_;  // the streams that may be chosen, best first
+  size_t next_candidate_ = 0;
   int stream_index_ = -1;
   bool attached_picture_ = false;
   bool picture_sent_ = false;

@@ -1,6 +1,7 @@
 #include "lib/video/frame-writer.h"
 
 #include <stdexcept>
+#include <vector>
 
 #include "lib/image/transform.h"
 #include "lib/log/log.h"
@@ -23,8 +24,14 @@ void ThrowOnError(const char* message, int32_t code) {
   throw std::runtime_error(message);
 }
 
-image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type,
-                                     const std::vector<image::ImageEncoder>& encoders) {
+image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type, const image::EncoderTable& table) {
+  uint32_t count = 0;
+  uint32_t bytes = 0;
+  int status = table.GetSize(&count, &bytes);
+  if (status != 0) ThrowOnError("Failed to get image encoder size", status);
+  std::vector<image::ImageEncoder> encoders;
+  status = table.GetEncoders(count, bytes, &encoders);
+  if (status != 0) ThrowOnError("Failed to get all image encoders", status);
   for (const image::ImageEncoder& encoder : encoders) {
     if (encoder.mime_type == nullptr) continue;
     std::u16string wide;
@@ -35,16 +42,16 @@ image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type,
 }
 
 image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type) {
-  return FindEncoderClsid(mime_type, image::ImageEncoders());
+  return FindEncoderClsid(mime_type, image::PlatformEncoderTable());
 }
 
 int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& frame,
                      const VideoFrameInfo& info) {
-  return WriteFrameAsJpeg(output_path, frame, info, image::ImageEncoders());
+  return WriteFrameAsJpeg(output_path, frame, info, image::PlatformEncoderTable());
 }
 
 int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& frame,
-                     const VideoFrameInfo& info, const std::vector<image::ImageEncoder>& encoders) {
+                     const VideoFrameInfo& info, const image::EncoderTable& table) {
   if (frame.empty()) ThrowOnError("Failed to create GDI+ bitmap", -1);
 
   int quarter_turns = 0;
@@ -66,7 +73,7 @@ int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& fra
     picture = &turned;
   }
 
-  const image::ImageEncoder encoder = FindEncoderClsid(u"image/jpeg", encoders);
+  const image::ImageEncoder encoder = FindEncoderClsid(u"image/jpeg", table);
   std::string utf8_path;
   if (utility::UTF16ToUTF8(output_path, &utf8_path) != 0 || encoder.save == nullptr) {
     ThrowOnError("Failed to save bitmap as JPEG", -1);

@@ -12,7 +12,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "lib/image/bitmap.h"
 #include "lib/image/image-encoder.h"
@@ -34,24 +33,25 @@ struct VideoFrameInfo {
 
 // Writes `frame` (borrowed, unchanged) as a JPEG to output_path (UTF-16),
 // after a clockwise quarter turn for rotation 90, 180 or 270; any other
-// rotation writes the frame as it is. Uses the first encoder of
-// image::ImageEncoders() whose MIME type is exactly "image/jpeg", at its
-// default settings, which opens the path by its own rules (on POSIX never
-// through a link: image::SaveJpeg). Throws on failure; a partly written file
-// is left as it is. Returns 0.
+// rotation writes the frame as it is. Uses the first encoder of the
+// platform's table (image::PlatformEncoderTable(), fetched anew) whose MIME
+// type is exactly "image/jpeg", at its default settings, which opens the
+// path by its own rules (on POSIX never through a link: image::SaveJpeg).
+// Throws on failure; a partly written file is left as it is. Returns 0.
 int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& frame,
                      const VideoFrameInfo& info);
 
-// The same with an explicit encoder table (tests pass tables without JPEG).
+// The same with an explicit encoder table (tests pass fakes).
 int WriteFrameAsJpeg(const std::u16string& output_path, const image::Bitmap& frame,
-                     const VideoFrameInfo& info, const std::vector<image::ImageEncoder>& encoders);
+                     const VideoFrameInfo& info, const image::EncoderTable& table);
 
-// The first encoder of `encoders` whose MIME type equals mime_type exactly
-// (case-sensitive, whole string). Throws "Failed to find encoder for format"
-// when there is none.
-image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type,
-                                     const std::vector<image::ImageEncoder>& encoders);
-// Over the platform's table, fetched anew on every call.
+// The first encoder of `table`, fetched anew on every call, whose MIME type
+// equals mime_type exactly (case-sensitive, whole string). Throws "Failed to
+// get image encoder size" or "Failed to get all image encoders" with the
+// table's status when a step of fetching it fails, and "Failed to find
+// encoder for format" (code 0) when no encoder matches.
+image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type, const image::EncoderTable& table);
+// Over the platform's table.
 image::ImageEncoder FindEncoderClsid(const std::u16string& mime_type);
 
 }  // namespace thumbnail

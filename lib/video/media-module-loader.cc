@@ -22,13 +22,21 @@ const MediaModuleTable* Module() { return Loader().Get<MediaModuleTable>(); }
 // Stands in for the media source when the module is unavailable.
 class UnavailableMediaSource : public MediaSource {
  public:
-  int32_t Open(const std::u16string&, MediaSourceCallback*) override { return kMediaFail; }
-  int32_t GetNativeVideoType(NativeVideoType*) override { return kMediaFail; }
-  int32_t SetFirstVideoOutputBgrx() override { return kMediaFail; }
+  int32_t CreateAttributes() override { return kMediaFail; }
+  int32_t EnableVideoProcessing() override { return kMediaFail; }
+  int32_t SetAsyncCallback(MediaSourceCallback*) override { return kMediaFail; }
+  int32_t CreateSourceReader(const std::u16string&) override { return kMediaFail; }
+  int32_t GetCurrentMediaType(NativeVideoType*) override { return kMediaFail; }
+  int32_t GetMajorType(bool*) override { return kMediaFail; }
+  int32_t CreateMediaType() override { return kMediaFail; }
+  int32_t SetMajorTypeVideo() override { return kMediaFail; }
+  int32_t SetSubtypeRgb32() override { return kMediaFail; }
+  int32_t SetCurrentMediaType() override { return kMediaFail; }
   int32_t SelectFirstVideoStream() override { return kMediaFail; }
   int32_t GetFrameSize(uint32_t*, uint32_t*) override { return kMediaFail; }
   int32_t GetRotation(uint32_t*) override { return kMediaFail; }
-  int32_t GetCharacteristics(uint32_t*) override { return kMediaFail; }
+  int32_t GetPresentationAttribute() override { return kMediaFail; }
+  int32_t ConvertPresentationAttribute(uint32_t*) override { return kMediaFail; }
   int32_t SetCurrentPosition(int64_t) override { return kMediaFail; }
   int32_t ReadSample() override { return kMediaFail; }
 };

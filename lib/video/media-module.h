@@ -33,7 +33,7 @@ namespace thumbnail {
 
 // Raised whenever the table's layout or meaning changes, so that a stale
 // module next to a newer executable is refused instead of misused.
-constexpr uint32_t kMediaModuleAbiVersion = 3;
+constexpr uint32_t kMediaModuleAbiVersion = 4;
 constexpr char kMediaModuleEntry[] = "TesseraMediaModuleTable";
 constexpr char kMediaModuleFileStem[] = "tessera-media";
 

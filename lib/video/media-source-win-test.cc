@@ -1,19 +1,25 @@
 // Media Foundation behind MediaSource, on a small H.264 clip (96x64, 2 s at
 // 10 frames/s, white above and black below).
 #include <windows.h>
+// Media Foundation declarations need the Windows types first.
+#include <mfapi.h>
+#include <mferror.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "lib/utility/com-init.h"
 #include "lib/utility/text-conversion.h"
+#include "lib/video/media-buffer-win.h"
 #include "lib/video/media-source.h"
 
 namespace tessera {
@@ -82,14 +88,22 @@ TEST_F(MediaSourceWinTest, DeliversUprightBgrxFramesAfterASeek) {
   Answers answers;
   {
     std::unique_ptr<MediaSource> source = MediaSource::Create();
-    ASSERT_GE(source->Open(utility::UTF8ToUTF16(DataPath("clip-96x64.mp4")), &answers), 0);
+    ASSERT_GE(source->CreateAttributes(), 0);
+    ASSERT_GE(source->EnableVideoProcessing(), 0);
+    ASSERT_GE(source->SetAsyncCallback(&answers), 0);
+    ASSERT_GE(source->CreateSourceReader(utility::UTF8ToUTF16(DataPath("clip-96x64.mp4"))), 0);
     NativeVideoType native;
-    ASSERT_GE(source->GetNativeVideoType(&native), 0);
-    EXPECT_TRUE(native.is_video);
+    ASSERT_GE(source->GetCurrentMediaType(&native), 0);
+    bool is_video = false;
+    ASSERT_GE(source->GetMajorType(&is_video), 0);
+    EXPECT_TRUE(is_video);
     if (!RunningUnderWine()) {
       EXPECT_EQ(native.codec, VideoCodec::kH264);
     }
-    ASSERT_GE(source->SetFirstVideoOutputBgrx(), 0);
+    ASSERT_GE(source->CreateMediaType(), 0);
+    ASSERT_GE(source->SetMajorTypeVideo(), 0);
+    ASSERT_GE(source->SetSubtypeRgb32(), 0);
+    ASSERT_GE(source->SetCurrentMediaType(), 0);
     ASSERT_GE(source->SelectFirstVideoStream(), 0);
     uint32_t width = 0;
     uint32_t height = 0;
@@ -97,7 +111,8 @@ TEST_F(MediaSourceWinTest, DeliversUprightBgrxFramesAfterASeek) {
     EXPECT_EQ(width, 96u);
     EXPECT_EQ(height, 64u);
     uint32_t characteristics = 0;
-    ASSERT_GE(source->GetCharacteristics(&characteristics), 0);
+    ASSERT_GE(source->GetPresentationAttribute(), 0);
+    ASSERT_GE(source->ConvertPresentationAttribute(&characteristics), 0);
     EXPECT_TRUE(characteristics & kCharacteristicCanSeek);
 
     ASSERT_GE(source->SetCurrentPosition(10000000), 0);
@@ -111,20 +126,62 @@ TEST_F(MediaSourceWinTest, DeliversUprightBgrxFramesAfterASeek) {
       ASSERT_EQ(flags & kStreamFlagEndOfStream, 0u);
     }
     ASSERT_TRUE(sample);
-    ASSERT_EQ(sample->bytes().size(), 96u * 64u * 4u);
+    ASSERT_EQ(sample->width(), 96);
+    ASSERT_EQ(sample->height(), 64);
     int64_t time = 0;
     ASSERT_GE(sample->GetSampleTime(&time), 0);
     EXPECT_GE(time, 0);
+    ASSERT_GE(sample->ConvertToContiguousBuffer(), 0);
+    std::vector<uint8_t> bytes(96u * 64u * 4u);
+    ASSERT_GE(sample->LockBuffer(bytes.data(), 96 * 4), 0);
     // The clip is white above and black below:
     // a frame delivered upside down would have them the other way round.
-    auto luma = [&sample](int y) {
+    auto luma = [&bytes](int y) {
       int sum = 0;
-      for (int x = 0; x < 96; ++x) sum += sample->bytes()[(y * 96 + x) * 4 + 1];
+      for (int x = 0; x < 96; ++x) sum += bytes[(y * 96 + x) * 4 + 1];
       return sum;
     };
     EXPECT_GT(luma(4), luma(60));
   }
   EXPECT_EQ(answers.references(), 1u);  // the source let go of its reference
+}
+
+// A frame delivered after a change of media type may be smaller than the
+// size announced: its buffer is refused, not read past.
+TEST_F(MediaSourceWinTest, BuffersShorterThanTheirRowsAreRefused) {
+  ASSERT_GE(MFStartup(MF_VERSION, MFSTARTUP_FULL), 0);
+  constexpr uint32_t kWidth = 16;
+  constexpr uint32_t kHeight = 8;
+  struct Case {
+    const char* name;
+    bool two_dimensional;
+    uint32_t buffer_height;  // rows the buffer really holds
+    HRESULT expected;
+  };
+  const Case cases[] = {
+      {"plain, whole frame", false, kHeight, S_OK},
+      {"plain, smaller frame", false, kHeight / 2, MF_E_BUFFERTOOSMALL},
+      {"2D, whole frame", true, kHeight, S_OK},
+      {"2D, smaller frame", true, kHeight / 2, MF_E_BUFFERTOOSMALL},
+  };
+  for (const Case& c : cases) {
+    IMFMediaBuffer* buffer = nullptr;
+    if (c.two_dimensional) {
+      ASSERT_GE(MFCreate2DMediaBuffer(kWidth, c.buffer_height, 22 /* D3DFMT_X8R8G8B8 */, FALSE, &buffer), 0) << c.name;
+    } else {
+      ASSERT_GE(MFCreateMemoryBuffer(kWidth * c.buffer_height * 4, &buffer), 0) << c.name;
+      buffer->SetCurrentLength(kWidth * c.buffer_height * 4);
+    }
+    BYTE* bytes = nullptr;
+    DWORD length = 0;
+    ASSERT_GE(buffer->Lock(&bytes, nullptr, &length), 0) << c.name;
+    std::memset(bytes, 0x40, length);
+    buffer->Unlock();
+    std::vector<uint8_t> rows(kWidth * kHeight * 4, 0x11);
+    EXPECT_EQ(CopyRgb32(buffer, kWidth, kHeight, 0, rows.data(), kWidth * 4), c.expected) << c.name;
+    EXPECT_EQ(rows.back(), c.expected == S_OK ? 0x40 : 0x11) << c.name;  // nothing copied when refused
+    buffer->Release();
+  }
 }
 
 }  // namespace

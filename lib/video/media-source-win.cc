@@ -2,8 +2,10 @@
 //
 // Frames leave as 32-bit BGRX. The reader is asked for RGB32 directly (with
 // its video processing enabled); a reader that refuses RGB32 is asked for a
-// YUV format instead (NV12, I420, YUY2), and each frame is then converted by
-// the colour-converter DSP, which uses the stream's own matrix and range.
+// YUV format instead (NV12, I420, YUY2), and the frame taken is then
+// converted by the colour-converter DSP, which uses the stream's own matrix
+// and range. Frames read only to be passed over are never converted or
+// copied.
 // Media Foundation is started once per process, on first use, and is never
 // shut down: a reader that timed out may still hold work queues at exit.
 #include <windows.h>
@@ -24,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/video/media-buffer-win.h"
 #include "lib/video/media-source.h"
 
 namespace tessera {
@@ -72,54 +75,6 @@ bool FrameSizeOf(IMFMediaType* type, uint32_t* width, uint32_t* height) {
   return *width > 0 && *height > 0 && static_cast<uint64_t>(*width) * *height <= kMaxFramePixels;
 }
 
-// Copies the RGB32 pixels of a sample into tightly packed top-down BGRX rows.
-// A negative pitch (bottom-up rows) is honoured.
-HRESULT CopyRgb32(IMFSample* sample, uint32_t width, uint32_t height, LONG default_stride,
-                  std::vector<uint8_t>* out) {
-  IMFMediaBuffer* raw_buffer = nullptr;
-  HRESULT hr = sample->ConvertToContiguousBuffer(&raw_buffer);
-  if (FAILED(hr)) return hr;
-  ComRef<IMFMediaBuffer> buffer(raw_buffer);
-  const size_t row_bytes = static_cast<size_t>(width) * 4;
-  out->assign(row_bytes * height, 0);
-
-  IMF2DBuffer* raw_2d = nullptr;
-  if (SUCCEEDED(buffer->QueryInterface(IID_PPV_ARGS(&raw_2d)))) {
-    ComRef<IMF2DBuffer> buffer_2d(raw_2d);
-    BYTE* scan0 = nullptr;
-    LONG pitch = 0;
-    hr = buffer_2d->Lock2D(&scan0, &pitch);
-    if (FAILED(hr)) return hr;
-    const size_t pitch_bytes = static_cast<size_t>(pitch < 0 ? -pitch : pitch);
-    if (pitch_bytes < row_bytes) {
-      buffer_2d->Unlock2D();
-      return MF_E_BUFFERTOOSMALL;
-    }
-    for (uint32_t y = 0; y < height; ++y) {
-      std::memcpy(out->data() + row_bytes * y, scan0 + static_cast<ptrdiff_t>(pitch) * y, row_bytes);
-    }
-    buffer_2d->Unlock2D();
-    return S_OK;
-  }
-
-  BYTE* bytes = nullptr;
-  DWORD length = 0;
-  hr = buffer->Lock(&bytes, nullptr, &length);
-  if (FAILED(hr)) return hr;
-  const size_t stride = default_stride != 0 ? static_cast<size_t>(default_stride < 0 ? -default_stride : default_stride)
-                                            : row_bytes;
-  if (stride < row_bytes || static_cast<uint64_t>(stride) * height > length) {
-    buffer->Unlock();
-    return MF_E_BUFFERTOOSMALL;
-  }
-  for (uint32_t y = 0; y < height; ++y) {
-    const uint32_t source_row = default_stride < 0 ? height - 1 - y : y;
-    std::memcpy(out->data() + row_bytes * y, bytes + stride * source_row, row_bytes);
-  }
-  buffer->Unlock();
-  return S_OK;
-}
-
 // The colour-converter DSP set up for one YUV input type and RGB32 output.
 class ColorConverter {
  public:
@@ -147,8 +102,9 @@ class ColorConverter {
     return S_OK;
   }
 
-  // Converts one decoded frame into BGRX rows.
-  HRESULT Convert(IMFSample* input, std::vector<uint8_t>* out) {
+  // Converts one decoded frame into a sample of RGB32 rows (width * 4 bytes
+  // apart, top down).
+  HRESULT Convert(IMFSample* input, ComRef<IMFSample>* out) {
     HRESULT hr = transform_->ProcessInput(0, input, 0);
     if (FAILED(hr)) return hr;
     MFT_OUTPUT_STREAM_INFO info = {};
@@ -176,7 +132,8 @@ class ColorConverter {
     if (FAILED(hr)) return hr;
     ComRef<IMFSample> produced = output_sample ? std::move(output_sample) : ComRef<IMFSample>(data.pSample);
     if (!produced) return E_UNEXPECTED;
-    return CopyRgb32(produced.get(), width_, height_, static_cast<LONG>(width_ * 4), out);
+    *out = std::move(produced);
+    return S_OK;
   }
 
  private:
@@ -188,13 +145,73 @@ class ColorConverter {
   uint32_t height_;
 };
 
-// What the callback needs to turn a delivered sample into BGRX rows; set
-// before the first read, fixed afterwards.
+// The colour converter of one YUV output format, made on the first frame
+// that is converted and shared by the samples of that format.
+class ConverterSlot {
+ public:
+  ConverterSlot(IMFMediaType* input, uint32_t width, uint32_t height)
+      : input_(Share(input)), width_(width), height_(height) {}
+
+  HRESULT Convert(IMFSample* sample, ComRef<IMFSample>* out) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!converter_) {
+      HRESULT hr = ColorConverter::Create(input_.get(), width_, height_, &converter_);
+      if (FAILED(hr)) return hr;
+    }
+    return converter_->Convert(sample, out);
+  }
+
+ private:
+  std::mutex mutex_;
+  ComRef<IMFMediaType> input_;
+  uint32_t width_;
+  uint32_t height_;
+  std::unique_ptr<ColorConverter> converter_;
+};
+
+// What a delivered sample needs to become BGRX rows; set before the first
+// read, fixed afterwards.
 struct OutputFormat {
   uint32_t width = 0;
   uint32_t height = 0;
   LONG default_stride = 0;
-  IMFMediaType* converter_input = nullptr;  // set when frames need the converter
+  std::shared_ptr<ConverterSlot> converter;  // set when frames need the converter
+};
+
+// A delivered frame, held as Media Foundation's sample until it is taken.
+class MediaFoundationSample : public MediaSample {
+ public:
+  MediaFoundationSample(int64_t time_hns, const OutputFormat& format, IMFSample* sample)
+      : MediaSample(time_hns, static_cast<int>(format.width), static_cast<int>(format.height)),
+        format_(format),
+        sample_(Share(sample)) {}
+
+  int32_t ConvertToContiguousBuffer() override {
+    ComRef<IMFSample> rgb32 = Share(sample_.get());
+    stride_ = format_.default_stride;
+    if (format_.converter) {
+      HRESULT hr = format_.converter->Convert(sample_.get(), &rgb32);
+      if (FAILED(hr)) return hr;
+      stride_ = static_cast<LONG>(format_.width * 4);
+    }
+    IMFMediaBuffer* raw = nullptr;
+    HRESULT hr = rgb32->ConvertToContiguousBuffer(&raw);
+    if (FAILED(hr)) return hr;
+    buffer_.reset(raw);
+    sample_.reset();
+    return S_OK;
+  }
+
+  int32_t LockBuffer(uint8_t* bgrx, size_t stride) override {
+    if (!buffer_) return E_UNEXPECTED;
+    return CopyRgb32(buffer_.get(), format_.width, format_.height, stride_, bgrx, stride);
+  }
+
+ private:
+  OutputFormat format_;
+  ComRef<IMFSample> sample_;       // until made contiguous
+  ComRef<IMFMediaBuffer> buffer_;  // afterwards
+  LONG stride_ = 0;
 };
 
 // The COM face of MediaSourceCallback: Media Foundation calls it on its work
@@ -206,8 +223,6 @@ class ReaderCallback final : public IMFSourceReaderCallback {
   void SetFormat(const OutputFormat& format) {
     std::lock_guard<std::mutex> lock(mutex_);
     format_ = format;
-    converter_input_ = Share(format.converter_input);
-    format_.converter_input = nullptr;
   }
 
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
@@ -227,14 +242,18 @@ class ReaderCallback final : public IMFSourceReaderCallback {
     return left;
   }
 
+  // The frame is only wrapped here: it is converted if and when it is taken.
   STDMETHODIMP OnReadSample(HRESULT status, DWORD stream_index, DWORD flags, LONGLONG timestamp,
                             IMFSample* sample) override {
     std::shared_ptr<MediaSample> frame;
     if (SUCCEEDED(status) && sample != nullptr) {
-      HRESULT hr = ToMediaSample(sample, &frame);
-      if (FAILED(hr)) {
-        status = hr;
-        frame.reset();
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (format_.width == 0 || format_.height == 0) {
+        status = MF_E_INVALIDMEDIATYPE;
+      } else {
+        LONGLONG time = 0;
+        const int64_t sample_time = SUCCEEDED(sample->GetSampleTime(&time)) ? time : MediaSample::kNoTime;
+        frame = std::make_shared<MediaFoundationSample>(sample_time, format_, sample);
       }
     }
     return target_->OnReadSample(static_cast<int32_t>(status), stream_index, flags, timestamp, std::move(frame));
@@ -245,35 +264,19 @@ class ReaderCallback final : public IMFSourceReaderCallback {
  private:
   ~ReaderCallback() { target_->Release(); }
 
-  HRESULT ToMediaSample(IMFSample* sample, std::shared_ptr<MediaSample>* out) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (format_.width == 0 || format_.height == 0) return MF_E_INVALIDMEDIATYPE;
-    std::vector<uint8_t> pixels;
-    HRESULT hr;
-    if (converter_input_) {
-      // Created on the first frame, on this (multithreaded) work queue thread.
-      if (!converter_) {
-        hr = ColorConverter::Create(converter_input_.get(), format_.width, format_.height, &converter_);
-        if (FAILED(hr)) return hr;
-      }
-      hr = converter_->Convert(sample, &pixels);
-    } else {
-      hr = CopyRgb32(sample, format_.width, format_.height, format_.default_stride, &pixels);
-    }
-    if (FAILED(hr)) return hr;
-    LONGLONG time = 0;
-    const int64_t sample_time = SUCCEEDED(sample->GetSampleTime(&time)) ? time : MediaSample::kNoTime;
-    *out = std::make_shared<MediaSample>(sample_time, static_cast<int>(format_.width),
-                                         static_cast<int>(format_.height), std::move(pixels));
-    return S_OK;
-  }
-
   std::atomic<ULONG> references_{1};
   MediaSourceCallback* target_;  // one reference held
   std::mutex mutex_;
   OutputFormat format_;
-  ComRef<IMFMediaType> converter_input_;
-  std::unique_ptr<ColorConverter> converter_;
+};
+
+// A PROPVARIANT that clears itself.
+struct ScopedPropVariant {
+  ScopedPropVariant() { PropVariantInit(&value); }
+  ~ScopedPropVariant() { PropVariantClear(&value); }
+  ScopedPropVariant(const ScopedPropVariant&) = delete;
+  ScopedPropVariant& operator=(const ScopedPropVariant&) = delete;
+  PROPVARIANT value;
 };
 
 class MediaFoundationSource : public MediaSource {
@@ -283,27 +286,40 @@ class MediaFoundationSource : public MediaSource {
     if (callback_ != nullptr) callback_->Release();
   }
 
-  int32_t Open(const std::u16string& path, MediaSourceCallback* callback) override {
-    if (callback == nullptr || callback_ != nullptr) return E_INVALIDARG;
+  int32_t CreateAttributes() override {
     HRESULT hr = StartMediaFoundation();
     if (FAILED(hr)) return hr;
     IMFAttributes* raw_attributes = nullptr;
-    hr = MFCreateAttributes(&raw_attributes, 1);
+    hr = MFCreateAttributes(&raw_attributes, 2);
     if (FAILED(hr)) return hr;
-    ComRef<IMFAttributes> attributes(raw_attributes);
-    hr = attributes->SetUINT32(MF_SOURCE_READER_ENABLE_VIDEO_PROCESSING, TRUE);
-    if (FAILED(hr)) return hr;
-    callback_ = new ReaderCallback(callback);
-    hr = attributes->SetUnknown(MF_SOURCE_READER_ASYNC_CALLBACK, callback_);
-    if (FAILED(hr)) return hr;
-    IMFSourceReader* raw_reader = nullptr;
-    hr = MFCreateSourceReaderFromURL(reinterpret_cast<const wchar_t*>(path.c_str()), attributes.get(), &raw_reader);
-    if (FAILED(hr)) return hr;
-    reader_.reset(raw_reader);
+    attributes_.reset(raw_attributes);
     return S_OK;
   }
 
-  int32_t GetNativeVideoType(NativeVideoType* out) override {
+  int32_t EnableVideoProcessing() override {
+    if (!attributes_) return E_UNEXPECTED;
+    return attributes_->SetUINT32(MF_SOURCE_READER_ENABLE_VIDEO_PROCESSING, TRUE);
+  }
+
+  int32_t SetAsyncCallback(MediaSourceCallback* callback) override {
+    if (!attributes_) return E_UNEXPECTED;
+    if (callback == nullptr || callback_ != nullptr) return E_INVALIDARG;
+    callback_ = new ReaderCallback(callback);
+    return attributes_->SetUnknown(MF_SOURCE_READER_ASYNC_CALLBACK, callback_);
+  }
+
+  int32_t CreateSourceReader(const std::u16string& path) override {
+    if (!attributes_) return E_UNEXPECTED;
+    IMFSourceReader* raw_reader = nullptr;
+    HRESULT hr =
+        MFCreateSourceReaderFromURL(reinterpret_cast<const wchar_t*>(path.c_str()), attributes_.get(), &raw_reader);
+    if (FAILED(hr)) return hr;
+    reader_.reset(raw_reader);
+    attributes_.reset();
+    return S_OK;
+  }
+
+  int32_t GetCurrentMediaType(NativeVideoType* out) override {
     if (!reader_) return E_UNEXPECTED;
     // The stream's own (compressed) type; before an output type is set it is
     // also the current type, which some readers report already decoded.
@@ -313,10 +329,6 @@ class MediaFoundationSource : public MediaSource {
     if (FAILED(hr)) hr = CurrentType(&type);
     if (FAILED(hr)) return hr;
     NativeVideoType native;
-    GUID major = GUID_NULL;
-    hr = type->GetMajorType(&major);
-    if (FAILED(hr)) return hr;
-    native.is_video = major == MFMediaType_Video;
     GUID subtype = GUID_NULL;
     if (SUCCEEDED(type->GetGUID(MF_MT_SUBTYPE, &subtype))) {
       native.codec = subtype == MFVideoFormat_HEVC   ? VideoCodec::kHevc
@@ -332,15 +344,43 @@ class MediaFoundationSource : public MediaSource {
       native.has_matrix = true;
       native.matrix = value;
     }
+    native_type_ = std::move(type);
     *out = native;
     return S_OK;
   }
 
-  int32_t SetFirstVideoOutputBgrx() override {
-    if (!reader_) return E_UNEXPECTED;
-    HRESULT hr = SetOutputSubtype(MFVideoFormat_RGB32);
+  int32_t GetMajorType(bool* is_video) override {
+    if (!native_type_) return E_UNEXPECTED;
+    GUID major = GUID_NULL;
+    HRESULT hr = native_type_->GetMajorType(&major);
+    if (FAILED(hr)) return hr;
+    *is_video = major == MFMediaType_Video;
+    return S_OK;
+  }
+
+  int32_t CreateMediaType() override {
+    IMFMediaType* raw = nullptr;
+    HRESULT hr = MFCreateMediaType(&raw);
+    if (FAILED(hr)) return hr;
+    output_type_.reset(raw);
+    return S_OK;
+  }
+
+  int32_t SetMajorTypeVideo() override {
+    if (!output_type_) return E_UNEXPECTED;
+    return output_type_->SetGUID(MF_MT_MAJOR_TYPE, MFMediaType_Video);
+  }
+
+  int32_t SetSubtypeRgb32() override {
+    if (!output_type_) return E_UNEXPECTED;
+    return output_type_->SetGUID(MF_MT_SUBTYPE, MFVideoFormat_RGB32);
+  }
+
+  int32_t SetCurrentMediaType() override {
+    if (!reader_ || !output_type_) return E_UNEXPECTED;
+    HRESULT hr = reader_->SetCurrentMediaType(kFirstVideoStream, nullptr, output_type_.get());
     if (SUCCEEDED(hr)) return UpdateFormat(false);
-    // RGB32 refused: take a YUV format and convert each frame ourselves.
+    // RGB32 refused: take a YUV format and convert each frame taken ourselves.
     for (const GUID& subtype : {MFVideoFormat_NV12, MFVideoFormat_I420, MFVideoFormat_YUY2}) {
       if (SUCCEEDED(SetOutputSubtype(subtype))) return UpdateFormat(true);
     }
@@ -372,15 +412,16 @@ class MediaFoundationSource : public MediaSource {
     return S_OK;
   }
 
-  int32_t GetCharacteristics(uint32_t* characteristics) override {
+  int32_t GetPresentationAttribute() override {
     if (!reader_) return E_UNEXPECTED;
-    PROPVARIANT value;
-    PropVariantInit(&value);
-    HRESULT hr = reader_->GetPresentationAttribute(kMediaSourceStream, kSourceCharacteristics, &value);
-    if (FAILED(hr)) return hr;
+    characteristics_ = std::make_unique<ScopedPropVariant>();
+    return reader_->GetPresentationAttribute(kMediaSourceStream, kSourceCharacteristics, &characteristics_->value);
+  }
+
+  int32_t ConvertPresentationAttribute(uint32_t* characteristics) override {
+    if (!characteristics_) return E_UNEXPECTED;
     ULONG converted = 0;
-    hr = PropVariantToUInt32(value, &converted);
-    PropVariantClear(&value);
+    HRESULT hr = PropVariantToUInt32(characteristics_->value, &converted);
     if (FAILED(hr)) return hr;
     *characteristics = converted;
     return S_OK;
@@ -433,16 +474,72 @@ class MediaFoundationSource : public MediaSource {
     if (!FrameSizeOf(type.get(), &format.width, &format.height)) return MF_E_INVALIDMEDIATYPE;
     UINT32 stride = 0;
     if (SUCCEEDED(type->GetUINT32(MF_MT_DEFAULT_STRIDE, &stride))) format.default_stride = static_cast<INT32>(stride);
-    if (needs_converter) format.converter_input = type.get();
+    if (needs_converter) format.converter = std::make_shared<ConverterSlot>(type.get(), format.width, format.height);
     callback_->SetFormat(format);
     return S_OK;
   }
 
+  ComRef<IMFAttributes> attributes_;  // until the reader is made with them
   ReaderCallback* callback_ = nullptr;  // one reference held
   ComRef<IMFSourceReader> reader_;
+  ComRef<IMFMediaType> native_type_;
+  ComRef<IMFMediaType> output_type_;
+  std::unique_ptr<ScopedPropVariant> characteristics_;
 };
 
 }  // namespace
+
+HRESULT CopyRgb32(IMFMediaBuffer* buffer, uint32_t width, uint32_t height, LONG default_stride, uint8_t* out,
+                  size_t out_stride) {
+  const size_t row_bytes = static_cast<size_t>(width) * 4;
+  if (width == 0 || height == 0 || out_stride < row_bytes) return E_INVALIDARG;
+
+  IMF2DBuffer2* raw_2d = nullptr;
+  if (SUCCEEDED(buffer->QueryInterface(IID_PPV_ARGS(&raw_2d)))) {
+    ComRef<IMF2DBuffer2> buffer_2d(raw_2d);
+    BYTE* scan0 = nullptr;
+    LONG pitch = 0;
+    BYTE* start = nullptr;
+    DWORD length = 0;
+    HRESULT hr = buffer_2d->Lock2DSize(MF2DBuffer_LockFlags_Read, &scan0, &pitch, &start, &length);
+    if (SUCCEEDED(hr)) {
+      const uint64_t pitch_bytes = static_cast<uint64_t>(pitch < 0 ? -static_cast<int64_t>(pitch) : pitch);
+      // Offset of the lowest row in memory from the buffer's start.
+      const uint64_t scan0_offset = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(scan0) -
+                                                          reinterpret_cast<uintptr_t>(start));
+      const uint64_t rows_below_scan0 = pitch < 0 ? pitch_bytes * (height - 1) : 0;
+      const bool fits = scan0 >= start && pitch_bytes >= row_bytes && scan0_offset >= rows_below_scan0 &&
+                        scan0_offset - rows_below_scan0 + pitch_bytes * height <= length;
+      if (fits) {
+        for (uint32_t y = 0; y < height; ++y) {
+          std::memcpy(out + out_stride * y, scan0 + static_cast<ptrdiff_t>(pitch) * y, row_bytes);
+        }
+      }
+      buffer_2d->Unlock2D();
+      return fits ? S_OK : MF_E_BUFFERTOOSMALL;
+    }
+    if (hr != E_NOTIMPL) return hr;
+  }
+
+  BYTE* bytes = nullptr;
+  DWORD length = 0;
+  HRESULT hr = buffer->Lock(&bytes, nullptr, &length);
+  if (FAILED(hr)) return hr;
+  const uint64_t stride = default_stride != 0
+                              ? static_cast<uint64_t>(default_stride < 0 ? -static_cast<int64_t>(default_stride)
+                                                                         : default_stride)
+                              : row_bytes;
+  if (stride < row_bytes || stride * height > length) {
+    buffer->Unlock();
+    return MF_E_BUFFERTOOSMALL;
+  }
+  for (uint32_t y = 0; y < height; ++y) {
+    const uint32_t source_row = default_stride < 0 ? height - 1 - y : y;
+    std::memcpy(out + out_stride * y, bytes + stride * source_row, row_bytes);
+  }
+  buffer->Unlock();
+  return S_OK;
+}
 
 std::unique_ptr<MediaSource> MediaSource::Create() { return std::make_unique<MediaFoundationSource>(); }
 

@@ -9,12 +9,10 @@
 #ifndef TESSERA_LIB_VIDEO_MEDIA_SOURCE_H_
 #define TESSERA_LIB_VIDEO_MEDIA_SOURCE_H_
 
+#include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 namespace tessera {
 namespace thumbnail {
@@ -38,9 +36,9 @@ constexpr uint32_t kMatrixBt2020Twelve = 5;
 
 enum class VideoCodec { kOther, kH264, kHevc };
 
-// The compressed (native) type of the first video stream.
+// The compressed (native) type of the first video stream, beyond its major
+// type.
 struct NativeVideoType {
-  bool is_video = false;
   VideoCodec codec = VideoCodec::kOther;
   bool has_primaries = false;
   uint32_t primaries = 0;  // 2 BT.709, 9 BT.2020, ...
@@ -48,18 +46,15 @@ struct NativeVideoType {
   uint32_t matrix = 0;  // 1 BT.709, 2 BT.601, 4/5 BT.2020
 };
 
-// One decoded frame: tightly packed 32-bit BGRX rows, top to bottom.
+// One decoded frame as the platform delivered it. Its pixels are made
+// readable in two steps, which the reader takes for the one frame it keeps
+// only: frames read to be skipped are never converted. One thread at a time.
 class MediaSample {
  public:
   static constexpr int64_t kNoTime = INT64_MIN;
 
-  MediaSample(int64_t time_hns, int width, int height, std::vector<uint8_t> bgrx)
-      : time_hns_(time_hns), width_(width), height_(height), bgrx_(std::move(bgrx)) {}
-  // A sample whose pixels `convert` makes on the first call of bytes(), so
-  // that frames read only to be skipped are never converted. `convert`
-  // returns no bytes when it fails.
-  MediaSample(int64_t time_hns, int width, int height, std::function<std::vector<uint8_t>()> convert)
-      : time_hns_(time_hns), width_(width), height_(height), convert_(std::move(convert)) {}
+  MediaSample(int64_t time_hns, int width, int height) : time_hns_(time_hns), width_(width), height_(height) {}
+  virtual ~MediaSample() = default;
 
   // Presentation time in 100-ns units. Fails when the frame had none.
   int32_t GetSampleTime(int64_t* time_hns) const {
@@ -69,23 +64,19 @@ class MediaSample {
   }
   int width() const { return width_; }
   int height() const { return height_; }
-  // The pixel bytes (width * height * 4 of them when the frame is whole).
-  // Thread-safe; the first call may convert the frame.
-  const std::vector<uint8_t>& bytes() const {
-    std::call_once(converted_, [this] {
-      if (convert_) bgrx_ = convert_();
-      convert_ = nullptr;
-    });
-    return bgrx_;
-  }
+
+  // Puts the frame's pixels into one contiguous buffer, converting the
+  // frame where the platform has to.
+  virtual int32_t ConvertToContiguousBuffer() = 0;
+  // Locks that buffer and copies it as height() top-down rows of
+  // width() 32-bit BGRX pixels into rows of `stride` bytes at `bgrx`. Fails,
+  // copying nothing, when the buffer holds fewer rows than the frame.
+  virtual int32_t LockBuffer(uint8_t* bgrx, size_t stride) = 0;
 
  private:
   int64_t time_hns_;
   int width_;
   int height_;
-  mutable std::vector<uint8_t> bgrx_;
-  mutable std::function<std::vector<uint8_t>()> convert_;
-  mutable std::once_flag converted_;
 };
 
 // Receives the answers to MediaSource::ReadSample, on a reader thread. Counted
@@ -107,27 +98,46 @@ class MediaSourceCallback {
 
 // Not thread-safe: one caller thread drives it; only ReadSample's answer
 // arrives on another thread. At most one read is outstanding.
+//
+// The methods are the platform's own steps, one each, so that a failure
+// names the step that failed; a mechanism without such a step answers it
+// with success.
 class MediaSource {
  public:
   virtual ~MediaSource() = default;
 
-  // Opens the file; `callback` receives every read answer (the source takes
-  // a reference and drops it when destroyed).
-  virtual int32_t Open(const std::u16string& path, MediaSourceCallback* callback) = 0;
-  // The compressed type of the first video stream.
-  virtual int32_t GetNativeVideoType(NativeVideoType* out) = 0;
-  // Makes 32-bit BGRX the output type of the first video stream, converted
-  // with the stream's own matrix and range.
-  virtual int32_t SetFirstVideoOutputBgrx() = 0;
+  // Opening: an attribute store, video processing enabled in it, `callback`
+  // set in it to receive every read answer (the source takes a reference
+  // and drops it when destroyed), and the reader of the file made with it.
+  virtual int32_t CreateAttributes() = 0;
+  virtual int32_t EnableVideoProcessing() = 0;
+  virtual int32_t SetAsyncCallback(MediaSourceCallback* callback) = 0;
+  virtual int32_t CreateSourceReader(const std::u16string& path) = 0;
+
+  // The first video stream's media type as the file has it (before an
+  // output type is set), then its major type.
+  virtual int32_t GetCurrentMediaType(NativeVideoType* out) = 0;
+  virtual int32_t GetMajorType(bool* is_video) = 0;
+
+  // The output type of the first video stream: a new media type, its major
+  // type video, its subtype RGB32 (32-bit BGRX, converted with the stream's
+  // own matrix and range), made the stream's current type.
+  virtual int32_t CreateMediaType() = 0;
+  virtual int32_t SetMajorTypeVideo() = 0;
+  virtual int32_t SetSubtypeRgb32() = 0;
+  virtual int32_t SetCurrentMediaType() = 0;
   // Selects the first video stream for reading.
   virtual int32_t SelectFirstVideoStream() = 0;
+
   // Size of the output frames.
   virtual int32_t GetFrameSize(uint32_t* width, uint32_t* height) = 0;
   // Clockwise rotation in degrees that makes frames upright; fails when the
   // stream carries no rotation.
   virtual int32_t GetRotation(uint32_t* degrees) = 0;
-  // kCharacteristic* bits.
-  virtual int32_t GetCharacteristics(uint32_t* characteristics) = 0;
+  // The source's characteristics: its presentation attribute, then that
+  // value as kCharacteristic* bits.
+  virtual int32_t GetPresentationAttribute() = 0;
+  virtual int32_t ConvertPresentationAttribute(uint32_t* characteristics) = 0;
   // Seeks to a position in 100-ns units.
   virtual int32_t SetCurrentPosition(int64_t position_hns) = 0;
   // Asks for the next frame of the first video stream; the answer comes to

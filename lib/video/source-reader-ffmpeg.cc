@@ -2,8 +2,10 @@
 // answered on a reader thread of its own, which decodes the next frame,
 // converts it to BGRX and calls the listener.
 #include <chrono>
+#include <cstring>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "lib/utility/cancellation.h"
 #include "lib/utility/text-conversion.h"
@@ -46,6 +48,35 @@ uint32_t MatrixValue(AVColorSpace space) {
   }
 }
 
+// A decoded frame; converted to BGRX when it is made contiguous.
+class FfmpegSample : public MediaSample {
+ public:
+  FfmpegSample(int64_t time_hns, int width, int height, ffmpeg::FramePtr frame)
+      : MediaSample(time_hns, width, height), frame_(std::move(frame)) {}
+
+  int32_t ConvertToContiguousBuffer() override {
+    if (!frame_) return pixels_.empty() ? AVERROR(EINVAL) : 0;
+    const Status status = ffmpeg::ConvertToBgra(frame_.get(), width(), height(), &pixels_);
+    frame_.reset();
+    return status.ok() ? 0 : AVERROR(EINVAL);
+  }
+
+  int32_t LockBuffer(uint8_t* bgrx, size_t stride) override {
+    const size_t row_bytes = static_cast<size_t>(width()) * 4;
+    if (width() <= 0 || height() <= 0 || stride < row_bytes || pixels_.size() / row_bytes < size_t(height())) {
+      return AVERROR(EINVAL);
+    }
+    for (int y = 0; y < height(); ++y) {
+      std::memcpy(bgrx + stride * y, pixels_.data() + row_bytes * y, row_bytes);
+    }
+    return 0;
+  }
+
+ private:
+  ffmpeg::FramePtr frame_;  // until converted
+  std::vector<uint8_t> pixels_;
+};
+
 class FfmpegMediaSource : public MediaSource {
  public:
   // Every blocking operation of the file stops at `deadline` too.
@@ -59,22 +90,31 @@ class FfmpegMediaSource : public MediaSource {
     if (callback_ != nullptr) callback_->Release();
   }
 
-  int32_t Open(const std::u16string& path, MediaSourceCallback* callback) override {
-    std::string utf8_path;
-    if (utility::UTF16ToUTF8(path, &utf8_path) != 0) return AVERROR(EINVAL);
-    int error = 0;
-    if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, deadline_, &file_, &error).ok()) {
-      return error < 0 ? error : AVERROR_UNKNOWN;
-    }
+  // The attribute store and video processing are Media Foundation's.
+  int32_t CreateAttributes() override { return 0; }
+  int32_t EnableVideoProcessing() override { return 0; }
+
+  int32_t SetAsyncCallback(MediaSourceCallback* callback) override {
+    if (callback == nullptr || callback_ != nullptr) return AVERROR(EINVAL);
     callback_ = callback;
     callback_->AddRef();
     return 0;
   }
 
-  int32_t GetNativeVideoType(NativeVideoType* out) override {
+  int32_t CreateSourceReader(const std::u16string& path) override {
+    std::string utf8_path;
+    if (callback_ == nullptr || utility::UTF16ToUTF8(path, &utf8_path) != 0) return AVERROR(EINVAL);
+    int error = 0;
+    if (!ffmpeg::MediaFile::Open(utf8_path, kOpenDeadline, deadline_, &file_, &error).ok()) {
+      return error < 0 ? error : AVERROR_UNKNOWN;
+    }
+    return 0;
+  }
+
+  int32_t GetCurrentMediaType(NativeVideoType* out) override {
+    if (!file_) return AVERROR(EINVAL);
     const AVCodecParameters* params = file_->stream()->codecpar;
     NativeVideoType type;
-    type.is_video = params->codec_type == AVMEDIA_TYPE_VIDEO;
     type.codec = params->codec_id == AV_CODEC_ID_HEVC   ? VideoCodec::kHevc
                  : params->codec_id == AV_CODEC_ID_H264 ? VideoCodec::kH264
                                                         : VideoCodec::kOther;
@@ -86,7 +126,19 @@ class FfmpegMediaSource : public MediaSource {
     return 0;
   }
 
-  int32_t SetFirstVideoOutputBgrx() override {
+  int32_t GetMajorType(bool* is_video) override {
+    if (!file_) return AVERROR(EINVAL);
+    *is_video = file_->stream()->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    return 0;
+  }
+
+  // The output type is no object of its own here: frames always leave as BGRX.
+  int32_t CreateMediaType() override { return 0; }
+  int32_t SetMajorTypeVideo() override { return 0; }
+  int32_t SetSubtypeRgb32() override { return 0; }
+
+  int32_t SetCurrentMediaType() override {
+    if (!file_) return AVERROR(EINVAL);
     const int error = file_->OpenDecoder();
     if (error < 0) return error;
     width_ = file_->stream()->codecpar->width;
@@ -111,7 +163,11 @@ class FfmpegMediaSource : public MediaSource {
     return 0;
   }
 
-  int32_t GetCharacteristics(uint32_t* characteristics) override {
+  // The characteristics are known as soon as the file is open.
+  int32_t GetPresentationAttribute() override { return file_ ? 0 : AVERROR(EINVAL); }
+
+  int32_t ConvertPresentationAttribute(uint32_t* characteristics) override {
+    if (!file_) return AVERROR(EINVAL);
     uint32_t value = 0;
     if (file_->CanSeek()) value |= kCharacteristicCanSeek;
     if (file_->HasSlowSeek()) value |= kCharacteristicHasSlowSeek;
@@ -161,14 +217,7 @@ class FfmpegMediaSource : public MediaSource {
     // frames on its way to the seek time, and converting a 4K frame costs
     // more than decoding it. Every frame comes out at the size announced for
     // the stream.
-    std::shared_ptr<AVFrame> decoded(frame.release(), ffmpeg::FrameFreer());
-    const int width = width_;
-    const int height = height_;
-    auto sample = std::make_shared<MediaSample>(hns, width, height, [decoded, width, height] {
-      std::vector<uint8_t> pixels;
-      if (!ffmpeg::ConvertToBgra(decoded.get(), width, height, &pixels).ok()) pixels.clear();
-      return pixels;
-    });
+    auto sample = std::make_shared<FfmpegSample>(hns, width_, height_, std::move(frame));
     callback_->OnReadSample(0, 0, 0, hns == MediaSample::kNoTime ? 0 : hns, std::move(sample));
   }
 

@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <stdexcept>
+#include <string>
 
+#include "lib/log/log.h"
 #include "lib/utility/text-conversion.h"
 #include "lib/video/testing/fake-media-source.h"
 #include "lib/video/testing/video-test-files.h"
@@ -68,6 +71,7 @@ TEST_F(SourceReaderTest, SlowSeekingSourceIsReadForwardUpToTheSkipLimit) {
   EXPECT_EQ("", Export(script));
   EXPECT_EQ(0, log_->seeks.load());
   EXPECT_EQ(11, log_->reads.load());  // frames 0.0 .. 1.0 s
+  EXPECT_EQ(1, log_->conversions.load());  // the frames passed over are never converted
 
   // At 100 frames a second the target lies beyond 60 skipped frames.
   log_ = std::make_shared<FakeMediaLog>();
@@ -106,7 +110,7 @@ TEST_F(SourceReaderTest, ReaderThatNeverAnswersTimesOutAndIsParked) {
 TEST_F(SourceReaderTest, OnlyHevcWithBt2020PrimariesAndMatrixIsRefusedAsHdr) {
   FakeMediaScript script;
   script.frame_times_hns = Times(kSecond / 2, 2 * kSecond);
-  script.native = {true, VideoCodec::kHevc, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
+  script.native = {VideoCodec::kHevc, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
   EXPECT_EQ("HDR video is not supported", Export(script));
   EXPECT_EQ(0, log_->reads.load());
   script.native.matrix = kMatrixBt2020Twelve;
@@ -114,7 +118,10 @@ TEST_F(SourceReaderTest, OnlyHevcWithBt2020PrimariesAndMatrixIsRefusedAsHdr) {
 
   script.native.matrix = 1;
   EXPECT_EQ("", Export(script));
-  script.native = {true, VideoCodec::kH264, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
+  script.native = {VideoCodec::kH264, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
+  EXPECT_EQ("", Export(script));
+  script.native = {VideoCodec::kHevc, true, kPrimariesBt2020, true, kMatrixBt2020Ten};
+  script.is_video = false;
   EXPECT_EQ("", Export(script));
 }
 
@@ -132,10 +139,58 @@ TEST_F(SourceReaderTest, RotationTurnsTheFrameAndMissingRotationKeepsIt) {
   EXPECT_EQ(4, image_.height);
 }
 
-TEST_F(SourceReaderTest, OpenFailureIsReported) {
-  FakeMediaScript script;
-  script.open_status = kMediaNotFound;
-  EXPECT_EQ("Failed to create source reader", Export(script));
+// Every step of the platform fails with a message of its own. The two of
+// the seekability check are INFO lines, after which the frame is read from
+// the start.
+TEST_F(SourceReaderTest, EachFailingStepHasItsOwnMessage) {
+  struct Case {
+    const char* step;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"CreateAttributes", "Failed to create attributes"},
+      {"EnableVideoProcessing", "Failed to enable video processing"},
+      {"SetAsyncCallback", "Failed to set async callback"},
+      {"CreateSourceReader", "Failed to create source reader"},
+      {"GetCurrentMediaType", "Failed to get current media type"},
+      {"GetMajorType", "Failed to get major type"},
+      {"CreateMediaType", "Failed to create media type"},
+      {"SetMajorTypeVideo", "Failed to set major type to video"},
+      {"SetSubtypeRgb32", "Failed to set subtype to RGB32"},
+      {"SetCurrentMediaType", "Failed to set current media type to first video"},
+      {"SelectFirstVideoStream", "Failed to set stream selection to first video"},
+      {"GetFrameSize", "Failed to get frame size"},
+      {"ConvertToContiguousBuffer", "Failed to convert frame to contiguous buffer"},
+      {"LockBuffer", "Failed to lock media buffer"},
+      {"GetPresentationAttribute", "Failed to get presentation attribute, treeating as non-seekable"},
+      {"ConvertPresentationAttribute", "Failed to convert presentation attribute to uint32, treating as non-seekable"},
+  };
+  log::LogConfig config;
+  config.destination = 2;
+  config.level_config_path = dir_.File("levels.conf");
+  std::ofstream(config.level_config_path) << "thumbnail_debug = 6\n";
+  ASSERT_EQ(0, log::LogInit(config));
+  for (const Case& c : cases) {
+    const bool informs = std::string(c.message).find("non-seekable") != std::string::npos;
+    FakeMediaScript script;
+    script.frame_times_hns = Times(kSecond / 2, 2 * kSecond);
+    script.failing_step = c.step;
+    log_ = std::make_shared<FakeMediaLog>();
+    ::testing::internal::CaptureStderr();
+    const std::string message = Export(script);
+    const std::string lines = ::testing::internal::GetCapturedStderr();
+    if (informs) {
+      EXPECT_EQ("", message) << c.step;
+      EXPECT_EQ(0, log_->seeks.load()) << c.step;
+      EXPECT_NE(std::string::npos, lines.find("[INFO] source-reader.cc(")) << c.step << lines;
+      EXPECT_NE(std::string::npos, lines.find(std::string("): ") + c.message + "\n")) << c.step << lines;
+    } else {
+      EXPECT_EQ(c.message, message) << c.step;
+      EXPECT_NE(std::string::npos, lines.find(std::string("(40): ") + c.message + ": -2147467259\n"))
+          << c.step << lines;
+    }
+  }
+  log::LogResetForTesting();
 }
 
 }  // namespace

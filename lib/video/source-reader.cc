@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <functional>
 #include <mutex>
 #include <utility>
@@ -127,8 +126,13 @@ SourceReader::SourceReader(std::unique_ptr<MediaSource> source, const std::u16st
 }
 
 void SourceReader::Construct(const std::u16string& path) {
-  if (reader_ == nullptr) ThrowOnError("Failed to create attributes", kMediaFail);
-  const int32_t hr = reader_->Open(path, listener_);
+  int32_t hr = reader_ != nullptr ? reader_->CreateAttributes() : kMediaFail;
+  if (hr < 0) ThrowOnError("Failed to create attributes", hr);
+  hr = reader_->EnableVideoProcessing();
+  if (hr < 0) ThrowOnError("Failed to enable video processing", hr);
+  hr = reader_->SetAsyncCallback(listener_);
+  if (hr < 0) ThrowOnError("Failed to set async callback", hr);
+  hr = reader_->CreateSourceReader(path);
   if (hr < 0) ThrowOnError("Failed to create source reader", hr);
   // Decided on the compressed type, before the output type is set.
   is_hdr_ = IsHdrVideo();
@@ -153,9 +157,12 @@ SourceReader::~SourceReader() {
 
 bool SourceReader::IsHdrVideo() {
   NativeVideoType type;
-  const int32_t hr = reader_->GetNativeVideoType(&type);
+  int32_t hr = reader_->GetCurrentMediaType(&type);
   if (hr < 0) ThrowOnError("Failed to get current media type", hr);
-  if (!type.is_video || type.codec != VideoCodec::kHevc) return false;
+  bool is_video = false;
+  hr = reader_->GetMajorType(&is_video);
+  if (hr < 0) ThrowOnError("Failed to get major type", hr);
+  if (!is_video || type.codec != VideoCodec::kHevc) return false;
   const uint32_t primaries = type.has_primaries ? type.primaries : 0;
   const uint32_t matrix = type.has_matrix ? type.matrix : 0;
   return primaries == kPrimariesBt2020 &&
@@ -163,16 +170,26 @@ bool SourceReader::IsHdrVideo() {
 }
 
 void SourceReader::SelectFirstVideoStream() {
-  int32_t hr = reader_->SetFirstVideoOutputBgrx();
+  int32_t hr = reader_->CreateMediaType();
+  if (hr < 0) ThrowOnError("Failed to create media type", hr);
+  hr = reader_->SetMajorTypeVideo();
+  if (hr < 0) ThrowOnError("Failed to set major type to video", hr);
+  hr = reader_->SetSubtypeRgb32();
+  if (hr < 0) ThrowOnError("Failed to set subtype to RGB32", hr);
+  hr = reader_->SetCurrentMediaType();
   if (hr < 0) ThrowOnError("Failed to set current media type to first video", hr);
   hr = reader_->SelectFirstVideoStream();
   if (hr < 0) ThrowOnError("Failed to set stream selection to first video", hr);
 }
 
 bool SourceReader::IsSeekable() {
-  uint32_t characteristics = 0;
-  if (reader_->GetCharacteristics(&characteristics) < 0) {
+  if (reader_->GetPresentationAttribute() < 0) {
     LOG_INFO(kComponent, "Failed to get presentation attribute, treeating as non-seekable");
+    return false;
+  }
+  uint32_t characteristics = 0;
+  if (reader_->ConvertPresentationAttribute(&characteristics) < 0) {
+    LOG_INFO(kComponent, "Failed to convert presentation attribute to uint32, treating as non-seekable");
     return false;
   }
   // A source that seeks slowly is read forward from its start instead.
@@ -259,18 +276,19 @@ void SourceReader::ExportFrame(const std::u16string& output_path, int32_t seek_s
   std::shared_ptr<MediaSample> sample = GetDesiredFrame(seek_seconds);
   if (sample == nullptr) ThrowOnError("Failed to get desired frame", 0);
 
-  const std::vector<uint8_t>& bytes = sample->bytes();
-  if (bytes.empty()) ThrowOnError("Failed to convert frame to contiguous buffer", kMediaFail);
-  const size_t row_bytes = size_t{info.width} * 4;
-  if (info.width == 0 || info.height == 0 || bytes.size() / row_bytes < info.height) {
+  // Only the frame taken is converted and read.
+  hr = sample->ConvertToContiguousBuffer();
+  if (hr < 0) ThrowOnError("Failed to convert frame to contiguous buffer", hr);
+  if (info.width == 0 || info.height == 0 || sample->width() != static_cast<int>(info.width) ||
+      sample->height() != static_cast<int>(info.height)) {
     ThrowOnError("Failed to lock media buffer", kMediaFail);
   }
-
   image::Bitmap bitmap;
   const Status status =
       image::Bitmap::Create(static_cast<int>(info.width), static_cast<int>(info.height), &bitmap);
   if (!status.ok()) ThrowOnError("Failed to create GDI+ bitmap", static_cast<int32_t>(status.code()));
-  std::memcpy(bitmap.data(), bytes.data(), bitmap.byte_size());
+  hr = sample->LockBuffer(bitmap.data(), bitmap.stride());
+  if (hr < 0) ThrowOnError("Failed to lock media buffer", hr);
   // The fourth byte of each pixel is undefined in BGRX: make it opaque.
   for (size_t i = 3; i < bitmap.byte_size(); i += 4) bitmap.data()[i] = 0xFF;
 

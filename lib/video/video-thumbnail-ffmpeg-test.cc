@@ -237,6 +237,36 @@ TEST_F(VideoFfmpegTest, CoverArtCountsAsVideoButPlainAudioDoesNot) {
   EXPECT_NE("", ExportMessage(plain, dir_.File("plain.jpg")));
 }
 
+// The stream a thumbnail is made of is one with frames, not simply the
+// first declared: a download cut short may declare video streams that never
+// got a packet (the container's choice skips them), and the stream chosen
+// may have packets of which none decodes (the next one is taken).
+TEST_F(VideoFfmpegTest, TakesAVideoStreamThatHasFrames) {
+  const std::string red = dir_.File("red.wmv");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=64x48:r=10:d=2 -c:v wmv2 '" + red + "'"));
+  // Started past their end, the first two inputs give no frames to encode.
+  ASSERT_TRUE(RunFfmpeg("-ss 10 -i '" + red + "' -ss 10 -i '" + red + "' -i '" + red +
+                        "' -map 0:v -map 1:v -map 2:v -c:v wmv2 '" + dir_.File("cut-short.wmv") + "'"));
+  const std::string green = dir_.File("green.mkv");
+  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=64x48:r=10:d=2 -c:v mpeg4 '" + green + "'"));
+  // Every byte of the first stream's packets overwritten.
+  ASSERT_TRUE(RunFfmpeg("-i '" + green + "' -i '" + green + "' -map 0:v -map 1:v -c copy -bsf:v:0 noise=amount=1 '" +
+                        dir_.File("damaged.mkv") + "'"));
+  struct Case {
+    const char* name;
+    bool (*colour)(const uint8_t*);
+  };
+  for (const Case& c : {Case{"cut-short.wmv", RedBgra}, Case{"damaged.mkv", GreenBgra}}) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir_.File(c.name);
+    image::Bitmap thumb;
+    const Status status = ExtractVideoThumbnail(path, 64, &thumb);
+    ASSERT_TRUE(status.ok()) << status.ToString();
+    EXPECT_TRUE(c.colour(Pixel(thumb, 32, 24)));
+  }
+  EXPECT_EQ("", ExportMessage(dir_.File("cut-short.wmv"), dir_.File("frame.jpg")));
+}
+
 TEST_F(VideoFfmpegTest, RefusesListsImagesMissingAndDamagedFiles) {
   const std::string clip = dir_.File("clip.mp4");
   ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));

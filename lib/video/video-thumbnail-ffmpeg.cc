@@ -198,12 +198,12 @@ Status DecodeUpToFrameTime(ffmpeg::MediaFile* file, AVFrame* candidate, AVFrame*
   return Status::OK();
 }
 
-// Decodes the representative frame into *frame: the attached picture, or the
-// first frame at or after one second, or the last frame of a shorter clip.
-Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
+// Decodes the representative frame of the file's current stream into
+// *frame: the attached picture, or the first frame at or after one second,
+// or the last frame of a shorter clip.
+Status DecodeStreamFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
   int error = file->OpenDecoder();
   if (error < 0) return Status::InvalidArgument(ffmpeg::AvError("decoder", error));
-  file->SetDeadline(kDecodeDeadline);
   if (file->is_attached_picture()) {
     error = file->DecodeNextFrame(frame);
     if (error < 0) return Status::InvalidArgument(ffmpeg::AvError("attached picture", error));
@@ -251,6 +251,20 @@ Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
   }
   if (!have_frame) return Status::InvalidArgument("no decodable video frame");
   return Status::OK();
+}
+
+// The representative frame of the chosen stream or, when that gives none,
+// of the next stream that may serve: a download cut short may declare
+// video streams of which only a later one has packets. One deadline for
+// all of them.
+Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
+  file->SetDeadline(kDecodeDeadline);
+  for (;;) {
+    const Status status = DecodeStreamFrame(file, frame);
+    if (status.ok() || status.code() == Status::Code::kTimeout || file->Interrupted()) return status;
+    av_frame_unref(frame);
+    if (!file->UseNextStream()) return status;
+  }
 }
 
 }  // namespace

@@ -1,12 +1,14 @@
 // A scripted MediaSource for tests: frames with given times, optional
-// rotation, characteristics and native type, and a switch that makes reads
-// never answer. Answers arrive on a thread of their own, as on a platform.
+// rotation, characteristics and native type, a step made to fail, and a
+// switch that makes reads never answer. Answers arrive on a thread of their
+// own, as on a platform.
 #ifndef TESSERA_LIB_VIDEO_TESTING_FAKE_MEDIA_SOURCE_H_
 #define TESSERA_LIB_VIDEO_TESTING_FAKE_MEDIA_SOURCE_H_
 
 #include <atomic>
+#include <cstring>
 #include <memory>
-#include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -16,7 +18,8 @@ namespace tessera {
 namespace thumbnail {
 
 struct FakeMediaScript {
-  NativeVideoType native{true, VideoCodec::kH264, false, 0, false, 0};
+  bool is_video = true;
+  NativeVideoType native{VideoCodec::kH264, false, 0, false, 0};
   uint32_t width = 8;
   uint32_t height = 4;
   bool has_rotation = true;
@@ -24,7 +27,9 @@ struct FakeMediaScript {
   uint32_t characteristics = kCharacteristicCanSeek;
   std::vector<int64_t> frame_times_hns;  // one frame per entry, in order
   bool never_answer = false;             // reads are accepted but never answered
-  int32_t open_status = kMediaOk;
+  // The step (named as its method, samples' steps included) that fails
+  // with kMediaFail; empty for none.
+  std::string failing_step;
 };
 
 // What the fake saw; shared so that tests can read it after the reader is gone.
@@ -32,6 +37,29 @@ struct FakeMediaLog {
   std::atomic<int> reads{0};
   std::atomic<int> seeks{0};
   std::atomic<int64_t> last_seek_hns{-1};
+  std::atomic<int> conversions{0};  // frames made contiguous
+};
+
+// Frame n (1-based) is filled with the grey value 10 * n.
+class FakeMediaSample : public MediaSample {
+ public:
+  FakeMediaSample(int64_t time, int width, int height, uint8_t value, const FakeMediaScript& script,
+                  std::shared_ptr<FakeMediaLog> log)
+      : MediaSample(time, width, height), value_(value), failing_step_(script.failing_step), log_(std::move(log)) {}
+  int32_t ConvertToContiguousBuffer() override {
+    ++log_->conversions;
+    return failing_step_ == "ConvertToContiguousBuffer" ? kMediaFail : kMediaOk;
+  }
+  int32_t LockBuffer(uint8_t* bgrx, size_t stride) override {
+    if (failing_step_ == "LockBuffer") return kMediaFail;
+    for (int y = 0; y < height(); ++y) std::memset(bgrx + stride * y, value_, size_t(width()) * 4);
+    return kMediaOk;
+  }
+
+ private:
+  uint8_t value_;
+  std::string failing_step_;
+  std::shared_ptr<FakeMediaLog> log_;
 };
 
 class FakeMediaSource : public MediaSource {
@@ -43,31 +71,42 @@ class FakeMediaSource : public MediaSource {
     if (callback_ != nullptr) callback_->Release();
   }
 
-  int32_t Open(const std::u16string&, MediaSourceCallback* callback) override {
-    if (script_.open_status < 0) return script_.open_status;
+  int32_t CreateAttributes() override { return Step("CreateAttributes"); }
+  int32_t EnableVideoProcessing() override { return Step("EnableVideoProcessing"); }
+  int32_t SetAsyncCallback(MediaSourceCallback* callback) override {
+    if (Step("SetAsyncCallback") < 0) return kMediaFail;
     callback_ = callback;
     callback_->AddRef();
     return kMediaOk;
   }
-  int32_t GetNativeVideoType(NativeVideoType* out) override {
+  int32_t CreateSourceReader(const std::u16string&) override { return Step("CreateSourceReader"); }
+  int32_t GetCurrentMediaType(NativeVideoType* out) override {
     *out = script_.native;
-    return kMediaOk;
+    return Step("GetCurrentMediaType");
   }
-  int32_t SetFirstVideoOutputBgrx() override { return kMediaOk; }
-  int32_t SelectFirstVideoStream() override { return kMediaOk; }
+  int32_t GetMajorType(bool* is_video) override {
+    *is_video = script_.is_video;
+    return Step("GetMajorType");
+  }
+  int32_t CreateMediaType() override { return Step("CreateMediaType"); }
+  int32_t SetMajorTypeVideo() override { return Step("SetMajorTypeVideo"); }
+  int32_t SetSubtypeRgb32() override { return Step("SetSubtypeRgb32"); }
+  int32_t SetCurrentMediaType() override { return Step("SetCurrentMediaType"); }
+  int32_t SelectFirstVideoStream() override { return Step("SelectFirstVideoStream"); }
   int32_t GetFrameSize(uint32_t* width, uint32_t* height) override {
     *width = script_.width;
     *height = script_.height;
-    return kMediaOk;
+    return Step("GetFrameSize");
   }
   int32_t GetRotation(uint32_t* degrees) override {
     if (!script_.has_rotation) return kMediaNotFound;
     *degrees = script_.rotation;
     return kMediaOk;
   }
-  int32_t GetCharacteristics(uint32_t* characteristics) override {
+  int32_t GetPresentationAttribute() override { return Step("GetPresentationAttribute"); }
+  int32_t ConvertPresentationAttribute(uint32_t* characteristics) override {
     *characteristics = script_.characteristics;
-    return kMediaOk;
+    return Step("ConvertPresentationAttribute");
   }
   int32_t SetCurrentPosition(int64_t position_hns) override {
     ++log_->seeks;
@@ -88,10 +127,8 @@ class FakeMediaSource : public MediaSource {
     int64_t time = 0;
     if (next_ < script_.frame_times_hns.size()) {
       time = script_.frame_times_hns[next_++];
-      // Each frame is filled with its index, so tests can tell which one came.
-      std::vector<uint8_t> bytes(size_t{script_.width} * script_.height * 4,
-                                 static_cast<uint8_t>(next_ * 10));
-      sample = std::make_shared<MediaSample>(time, script_.width, script_.height, std::move(bytes));
+      sample = std::make_shared<FakeMediaSample>(time, script_.width, script_.height, static_cast<uint8_t>(next_ * 10),
+                                                 script_, log_);
     } else {
       flags = kStreamFlagEndOfStream;
     }
@@ -103,6 +140,8 @@ class FakeMediaSource : public MediaSource {
   }
 
  private:
+  int32_t Step(const char* name) const { return script_.failing_step == name ? kMediaFail : kMediaOk; }
+
   FakeMediaScript script_;
   std::shared_ptr<FakeMediaLog> log_;
   MediaSourceCallback* callback_ = nullptr;
