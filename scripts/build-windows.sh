@@ -38,7 +38,7 @@ deps=$(cd "$deps" && pwd)
 # The Linux tool, whose output the Windows one must reproduce, and the Linux
 # end-to-end suites, which run once more against the Windows build.
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build -j2 --target thumbnail-tool tool_e2e_test bad_input_test
+cmake --build build -j2 --target thumbnail-tool tool_e2e_test bad_input_test video_e2e_test parity_test
 linux_tool=$PWD/build/tool/thumbnail-tool/thumbnail-tool
 
 cmake --preset windows -DTESSERA_LINUX_TOOL="$linux_tool" -DTESSERA_LINUX_BUILD="$PWD/build" \

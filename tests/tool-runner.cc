@@ -196,6 +196,8 @@ ProcessResult RunToolCopy(const std::string& path, const std::vector<std::string
 
 ProcessResult RunTool(const std::vector<std::string>& args) { return RunToolCopy(ToolPath(), args); }
 
+ProcessResult RunBuiltTool(const std::vector<std::string>& args) { return RunProcess(TESSERA_TOOL_PATH, args); }
+
 std::string ToolCopyName() { return ToolUnderWine() ? "thumbnail-tool.exe" : "thumbnail-tool"; }
 
 std::string ModuleFileName(const std::string& stem) {

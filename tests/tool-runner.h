@@ -64,6 +64,10 @@ StartedProcess StartTool(const std::vector<std::string>& args);
 const char* ToolPath();
 bool ToolUnderWine();
 
+// Runs this build's own tool, whatever TESSERA_WINDOWS_TOOL says (for
+// comparisons of the two).
+ProcessResult RunBuiltTool(const std::vector<std::string>& args);
+
 // Runs a copy of the tool at `path` (made from ToolPath(), named as
 // ToolCopyName() says) as RunTool runs the tool itself.
 ProcessResult RunToolCopy(const std::string& path, const std::vector<std::string>& args);

@@ -1,6 +1,3 @@
-#include <tiffio.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -22,151 +19,10 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 
-std::string ScratchPath() {
-  const char* base = std::getenv("TESSERA_TEST_TMPDIR");
-  std::string path = std::string(base != nullptr ? base : "/tmp") + "/raw-test-XXXXXX";
-  const int fd = mkstemp(&path[0]);
-  if (fd < 0) return "";
-  close(fd);
-  return path;
-}
-
-std::string ReadAndRemove(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  unlink(path.c_str());
-  return bytes;
-}
-
-void SetDngIdentity(TIFF* tif) {
-  TIFFSetField(tif, TIFFTAG_MAKE, "Tessera");
-  TIFFSetField(tif, TIFFTAG_MODEL, "Test");
-  static const uint8_t kVersion[4] = {1, 4, 0, 0};
-  TIFFSetField(tif, TIFFTAG_DNGVERSION, kVersion);
-  TIFFSetField(tif, TIFFTAG_UNIQUECAMERAMODEL, "Tessera Test");
-}
-
-// Writes the current directory as a 96x64 linear raw image: `top` in the
-// upper half, `bottom` in the lower.
-void WriteLinearRaw(TIFF* tif, uint16_t top, uint16_t bottom) {
-  const int width = 96;
-  const int height = 64;
-  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, 0);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, 34892);  // linear raw
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
-  std::vector<uint16_t> row(width * 3);
-  for (int y = 0; y < height; ++y) {
-    row.assign(row.size(), y < height / 2 ? top : bottom);
-    TIFFWriteScanline(tif, row.data(), y, 0);
-  }
-}
-
-// Writes IFD0 of a DNG that keeps its raw image in a SubIFD: the DNG
-// identity and a JPEG preview of width x height.
-void WritePreview(TIFF* tif, const std::string& jpeg, int width, int height) {
-  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, FILETYPE_REDUCEDIMAGE);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 3);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_YCBCR);
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_JPEG);
-  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
-  SetDngIdentity(tif);
-  uint64_t sub_ifd = 0;
-  TIFFSetField(tif, TIFFTAG_SUBIFD, 1, &sub_ifd);
-  // The whole JPEG stream, tables included, as the only strip.
-  TIFFWriteRawStrip(tif, 0, const_cast<char*>(jpeg.data()), static_cast<tmsize_t>(jpeg.size()));
-  TIFFWriteDirectory(tif);
-}
-
-// A DNG as cameras write it: IFD0 holds a JPEG preview (top half red,
-// bottom half blue as stored) and the orientation, a SubIFD the 96x64 raw
-// image, a uniform grey that shows whether the preview was used.
-// With preview_exif_orientation the preview JPEG carries its own EXIF tag.
-std::string MakeDngWithPreview(int preview_width, int preview_height, int preview_exif_orientation = 0) {
-  testing::RgbImage preview(preview_width, preview_height, 0, 0, 255);
-  preview.Fill(0, 0, preview_width, preview_height / 2, 255, 0, 0);
-  testing::JpegOptions options;
-  options.exif_orientation = preview_exif_orientation;
-  const std::string jpeg = testing::EncodeJpeg(preview, options);
-  if (jpeg.empty()) return "";
-  const std::string path = ScratchPath();
-  if (path.empty()) return "";
-  TIFF* tif = TIFFOpen(path.c_str(), "w");
-  if (tif == nullptr) return "";
-  TIFFSetField(tif, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);  // EXIF 6: turn clockwise
-  WritePreview(tif, jpeg, preview_width, preview_height);
-  WriteLinearRaw(tif, 30000, 30000);
-  TIFFWriteDirectory(tif);
-  TIFFClose(tif);
-  return ReadAndRemove(path);
-}
-
 void ExpectColor(const Rgb& c, double r, double g, double b) {
   EXPECT_NEAR(c.r, r, 12) << testing::ToString(c);
   EXPECT_NEAR(c.g, g, 12) << testing::ToString(c);
   EXPECT_NEAR(c.b, b, 12) << testing::ToString(c);
-}
-
-// A linear (demosaiced) DNG, 96x64, top half bright and bottom half black,
-// whose orientation tag turns it a quarter clockwise.
-std::string MakeDng() {
-  const std::string path = ScratchPath();
-  TIFF* tif = path.empty() ? nullptr : TIFFOpen(path.c_str(), "w");
-  if (tif == nullptr) return "";
-  SetDngIdentity(tif);
-  TIFFSetField(tif, TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP);
-  WriteLinearRaw(tif, 60000, 0);
-  TIFFClose(tif);
-  return ReadAndRemove(path);
-}
-
-// A Bayer (RGGB) DNG of width x height with a ramp pattern that shows
-// interpolation, optionally with a JPEG preview of preview_width x
-// preview_height in IFD0 (the raw image then goes to a SubIFD).
-std::string MakeBayerDng(int width, int height, int preview_width = 0, int preview_height = 0) {
-  std::string jpeg;
-  if (preview_width > 0) {
-    jpeg = testing::EncodeJpeg(testing::RgbImage(preview_width, preview_height, 200, 100, 50));
-    if (jpeg.empty()) return "";
-  }
-  const std::string path = ScratchPath();
-  TIFF* tif = path.empty() ? nullptr : TIFFOpen(path.c_str(), "w");
-  if (tif == nullptr) return "";
-  if (jpeg.empty()) {
-    SetDngIdentity(tif);
-  } else {
-    WritePreview(tif, jpeg, preview_width, preview_height);
-  }
-  TIFFSetField(tif, TIFFTAG_SUBFILETYPE, 0);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, width);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, height);
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 16);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, 32803);  // colour filter array
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(tif, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
-  TIFFSetField(tif, TIFFTAG_ROWSPERSTRIP, height);
-  static const uint16_t kPatternSize[2] = {2, 2};
-  static const uint8_t kPattern[4] = {0, 1, 1, 2};
-  TIFFSetField(tif, TIFFTAG_CFAREPEATPATTERNDIM, kPatternSize);
-  TIFFSetField(tif, TIFFTAG_CFAPATTERN, 4, kPattern);
-  std::vector<uint16_t> row(width);
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) row[x] = static_cast<uint16_t>((x * 37 + y * 11) % 251 * 200 + (y < height / 2) * 9000);
-    TIFFWriteScanline(tif, row.data(), y, 0);
-  }
-  TIFFWriteDirectory(tif);
-  TIFFClose(tif);
-  return ReadAndRemove(path);
 }
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
@@ -176,7 +32,7 @@ Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
 }
 
 TEST(RawDecoderTest, DngDevelopsUpright) {
-  const std::string dng = MakeDng();
+  const std::string dng = testing::LinearDng();
   ASSERT_FALSE(dng.empty());
   image::Bitmap bitmap;
   const Status status = Decode(dng, 200, &bitmap);
@@ -210,7 +66,7 @@ TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
   image::Bitmap bitmap;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    const std::string dng = MakeDngWithPreview(c.width, c.height, c.exif_orientation);
+    const std::string dng = testing::DngWithPreview(c.width, c.height, c.exif_orientation);
     ASSERT_FALSE(dng.empty());
     const Status status = Decode(dng, 200, &bitmap);
     ASSERT_TRUE(status.ok()) << status.ToString();
@@ -221,7 +77,7 @@ TEST(RawDecoderTest, LargeEnoughPreviewIsUsedAndTurnedUnlessUpright) {
   }
 
   // Reduced like any other image.
-  ASSERT_TRUE(Decode(MakeDngWithPreview(96, 64), 48, &bitmap).ok());
+  ASSERT_TRUE(Decode(testing::DngWithPreview(96, 64), 48, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 32);
   EXPECT_EQ(bitmap.height(), 48);
 }
@@ -242,8 +98,8 @@ TEST(RawDecoderTest, OneDecodeServesTheRun) {
   using Sizes = std::vector<uint32_t>;
   // 300x200: half size (150 wide) serves cx up to 225; a 96x64 preview
   // serves cx up to 144.
-  const std::string bare = MakeBayerDng(300, 200);
-  const std::string previewed = MakeBayerDng(300, 200, 96, 64);
+  const std::string bare = testing::BayerDng(300, 200);
+  const std::string previewed = testing::BayerDng(300, 200, 96, 64);
   ASSERT_FALSE(bare.empty());
   ASSERT_FALSE(previewed.empty());
   const testing::DecoderFactory factories[] = {[] { return CreateTiffDecoder(); }, [] { return CreateRawDecoder(); }};
@@ -259,7 +115,7 @@ TEST(RawDecoderTest, OneDecodeServesTheRun) {
 // serve comes from the develop the run needs anyway, not from the preview,
 // whose tone and colour differ (here a flat (200, 100, 50)).
 TEST(RawDecoderTest, SizesOfOneRunLookAlike) {
-  const std::string dng = MakeBayerDng(300, 200, 96, 64);
+  const std::string dng = testing::BayerDng(300, 200, 96, 64);
   ASSERT_FALSE(dng.empty());
   const testing::DecoderFactory tiff = [] { return CreateTiffDecoder(); };
   image::Bitmap small;
@@ -308,7 +164,7 @@ TEST(RawDecoderTest, CameraFilesLibRawKnows) {
 }
 
 TEST(RawDecoderTest, RawWithoutImageDataFailsCleanly) {
-  const std::string dng = MakeDng();
+  const std::string dng = testing::LinearDng();
   ASSERT_GT(dng.size(), 1000u);
   image::Bitmap bitmap;
   // The pixel data follows the header: cutting it leaves a RAW that names

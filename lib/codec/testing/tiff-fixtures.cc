@@ -170,14 +170,22 @@ void WritePage(TIFF* tif, const TiffPage& page) {
 
 }  // namespace
 
-std::string WriteTiff(const std::vector<TiffPage>& pages, const char* mode) {
+std::string WriteTiffWith(const std::function<void(TIFF*)>& write, const char* mode) {
   const std::string path = ScratchPath();
   if (path.empty()) return "";
   TIFF* tif = TIFFOpen(path.c_str(), mode);
   if (tif == nullptr) return "";
-  for (const TiffPage& page : pages) WritePage(tif, page);
+  write(tif);
   TIFFClose(tif);
   return ReadAndRemove(path);
+}
+
+std::string WriteTiff(const std::vector<TiffPage>& pages, const char* mode) {
+  return WriteTiffWith(
+      [&pages](TIFF* tif) {
+        for (const TiffPage& page : pages) WritePage(tif, page);
+      },
+      mode);
 }
 
 std::function<double(int, int, int)> Solid(std::vector<double> value) {

@@ -45,6 +45,10 @@ struct TiffPage {
 // beyond the colour ones, the first is unassociated alpha.
 std::string WriteTiff(const std::vector<TiffPage>& pages, const char* mode = "w");
 
+// The file `write` makes with libtiff, returned as bytes (empty on failure);
+// for layouts the page writer does not know.
+std::string WriteTiffWith(const std::function<void(TIFF*)>& write, const char* mode = "w");
+
 // A pixel function of one value per sample.
 std::function<double(int, int, int)> Solid(std::vector<double> value);
 
