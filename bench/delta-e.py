@@ -4,10 +4,10 @@
     bench/delta-e.py OLD_TOOL NEW_TOOL FILE...
 
 Runs both tools on every file, pairs their thumbnails by size name and
-prints the mean and 95th-percentile ΔE2000 of each pair (sRGB, D65), then
-the mean over all pairs. Thumbnails are decoded with the ffmpeg command, the
-same way for both, so only what the tools wrote differs. Pure Python: a few
-seconds per file.
+prints the mean, 95th-percentile and largest ΔE2000 of each pair (sRGB,
+D65), then the mean over all pairs. Thumbnails are decoded with the ffmpeg
+command, the same way for both, so only what the tools wrote differs. Pure
+Python: a few seconds per file.
 """
 import json
 import math
@@ -96,7 +96,7 @@ def compare(path_a, path_b):
             cache[rgb] = srgb_to_lab(*rgb)
         return cache[rgb]
     values = sorted(ciede2000(lab(a[i:i + 3]), lab(b[i:i + 3])) for i in range(0, len(a), 3))
-    return sum(values) / len(values), values[int(len(values) * 0.95)]
+    return sum(values) / len(values), values[int(len(values) * 0.95)], values[-1]
 
 
 def main():
@@ -116,7 +116,7 @@ def main():
                     print(f"{src}\t{size}\tsizes differ")
                     continue
                 means.append(result[0])
-                print(f"{src}\t{size}\tmean {result[0]:.3f}\tp95 {result[1]:.3f}", flush=True)
+                print(f"{src}\t{size}\tmean {result[0]:.3f}\tp95 {result[1]:.3f}\tmax {result[2]:.3f}", flush=True)
     if means:
         print(f"mean of {len(means)} thumbnails: {sum(means) / len(means):.3f}")
 

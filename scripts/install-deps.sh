@@ -12,7 +12,7 @@ packages=(
   libjpeg62-turbo-dev libspng-dev libtiff-dev libgif-dev libwebp-dev libheif-dev
   libraw-dev liblcms2-dev libexif-dev
   # video
-  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libavfilter-dev
+  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev
   # tests and micro-benchmarks; the ffmpeg command makes test media
   libgtest-dev libgmock-dev libbenchmark-dev ffmpeg
 )

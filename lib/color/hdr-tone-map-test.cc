@@ -43,25 +43,31 @@ HdrToneMapper Mapper(HdrTransfer transfer, const Chromaticities& primaries, doub
   return HdrToneMapper(source);
 }
 
-TEST(HdrToneMapTest, RollOffKeepsMidtonesAndLandsThePeakOnWhite) {
-  for (double peak : {0.8, 1.0, 1000 / kReferenceWhiteNits, 10000 / kReferenceWhiteNits}) {
-    SCOPED_TRACE(peak);
-    EXPECT_EQ(HdrToneMapper::RollOff(0.18, peak), 0.18);
-    EXPECT_EQ(HdrToneMapper::RollOff(kKnee, peak), kKnee);
-    EXPECT_EQ(HdrToneMapper::RollOff(-1, peak), 0);
-    // Continuous in value and slope at the knee.
-    EXPECT_NEAR(HdrToneMapper::RollOff(kKnee + 1e-6, peak), kKnee + 1e-6, 1e-9);
-    double previous = 0;
-    for (double x = 0; x < 60; x += 0.01) {
-      const double y = HdrToneMapper::RollOff(x, peak);
-      ASSERT_GE(y, previous) << x;
-      ASSERT_LE(y, 1.0) << x;
-      previous = y;
+TEST(HdrToneMapTest, RollOffsKeepMidtonesAndLandThePeakOnWhite) {
+  struct Case {
+    HdrRollOff curve;
+    double knee;
+  };
+  for (const Case& c : {Case{HdrRollOff::kShoulder, kKnee}, Case{HdrRollOff::kMobius, kMobiusKnee}}) {
+    for (double peak : {0.8, 1.0, 1000 / kReferenceWhiteNits, 10000 / kReferenceWhiteNits, 100.0}) {
+      SCOPED_TRACE(testing::Message() << static_cast<int>(c.curve) << " peak " << peak);
+      EXPECT_EQ(HdrToneMapper::RollOff(c.curve, 0.18, peak), 0.18);
+      EXPECT_EQ(HdrToneMapper::RollOff(c.curve, c.knee, peak), c.knee);
+      EXPECT_EQ(HdrToneMapper::RollOff(c.curve, -1, peak), 0);
+      // Continuous in value and slope at the knee.
+      EXPECT_NEAR(HdrToneMapper::RollOff(c.curve, c.knee + 1e-6, peak), c.knee + 1e-6, 1e-9);
+      double previous = 0;
+      for (double x = 0; x < 120; x += 0.01) {
+        const double y = HdrToneMapper::RollOff(c.curve, x, peak);
+        ASSERT_GE(y, previous) << x;
+        ASSERT_LE(y, 1.0) << x;
+        previous = y;
+      }
+      EXPECT_NEAR(HdrToneMapper::RollOff(c.curve, std::max(peak, 1.0), peak), 1.0, 1e-12);
     }
-    EXPECT_NEAR(HdrToneMapper::RollOff(std::max(peak, 1.0), peak), 1.0, 1e-12);
   }
   // Reference white keeps room above it for highlights.
-  const double white = HdrToneMapper::RollOff(1, 1000 / kReferenceWhiteNits);
+  const double white = HdrToneMapper::RollOff(HdrRollOff::kShoulder, 1, 1000 / kReferenceWhiteNits);
   EXPECT_GT(white, 0.75);
   EXPECT_LT(white, 0.9);
 }
@@ -73,7 +79,7 @@ TEST(HdrToneMapTest, PqGreysFollowTheCurve) {
     SCOPED_TRACE(relative);
     const uint16_t code = PqCode(relative * kReferenceWhiteNits);
     const Pixel p = Convert(mapper, code, code, code);
-    EXPECT_NEAR(p.r, SrgbByte(HdrToneMapper::RollOff(relative, peak)), 1.5);
+    EXPECT_NEAR(p.r, SrgbByte(HdrToneMapper::RollOff(HdrRollOff::kShoulder, relative, peak)), 1.5);
     EXPECT_EQ(p.g, p.r);
     EXPECT_EQ(p.b, p.r);
     EXPECT_EQ(p.a, 77);  // alpha is the caller's
@@ -129,6 +135,35 @@ TEST(HdrToneMapTest, HlgReferenceWhiteMatchesPq) {
   EXPECT_NEAR(Convert(hlg, white, white, white).r, Convert(pq, pq_white, pq_white, pq_white).r, 2);
   EXPECT_EQ(Convert(hlg, 0, 0, 0).r, 0);
   EXPECT_EQ(Convert(hlg, 1023, 1023, 1023).r, 255);
+}
+
+// Video frames were tone-mapped by FFmpeg's filters (zscale to linear light
+// with npl=100 in BT.709 primaries, tonemap=mobius:desat=0, zscale to
+// t=bt709); the video rendering keeps that look. Expected bytes are that
+// chain's output for BT.2020 samples without a declared peak.
+TEST(HdrToneMapTest, VideoRenderingKeepsTheLookOfTheFilterChain) {
+  struct Case {
+    HdrTransfer transfer;
+    uint16_t r, g, b;
+    int want_r, want_g, want_b;
+  };
+  const Case cases[] = {
+      {HdrTransfer::kPq, 300, 300, 300, 94, 94, 94},      {HdrTransfer::kPq, 520, 520, 520, 215, 215, 215},
+      {HdrTransfer::kPq, 700, 700, 700, 250, 250, 250},   {HdrTransfer::kPq, 600, 400, 200, 245, 47, 0},
+      {HdrTransfer::kHlg, 300, 300, 300, 113, 113, 113},  {HdrTransfer::kHlg, 700, 700, 700, 225, 225, 225},
+      {HdrTransfer::kHlg, 600, 400, 200, 219, 110, 38},   {HdrTransfer::kHlg, 700, 300, 500, 237, 0, 129},
+      {HdrTransfer::kHlg, 300, 650, 350, 0, 220, 86},     {HdrTransfer::kHlg, 769, 500, 300, 243, 90, 51},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << static_cast<int>(c.transfer) << ": " << c.r << " " << c.g << " " << c.b);
+    HdrSource source;
+    source.transfer = c.transfer;
+    source.rendering = kVideoRendering;
+    const Pixel p = Convert(HdrToneMapper(source), c.r, c.g, c.b);
+    EXPECT_NEAR(p.r, c.want_r, 2);
+    EXPECT_NEAR(p.g, c.want_g, 2);
+    EXPECT_NEAR(p.b, c.want_b, 2);
+  }
 }
 
 TEST(HdrToneMapTest, EightBitSamplesMatchWideOnes) {

@@ -7,9 +7,10 @@ namespace tessera {
 namespace color {
 namespace {
 
-// Table sizes: linear sRGB to bytes (fine enough that the darkest codes
-// round as the curve says), and scene luminance to HLG display gain.
-constexpr int kEncodeSteps = 16384;
+// Table sizes: linear light to bytes, indexed by its square root so that
+// the steep start of the encoding curves (the pure power's above all) gets
+// steps of a fraction of a byte, and scene luminance to HLG display gain.
+constexpr int kEncodeSteps = 8192;
 constexpr int kGainSteps = 4096;
 
 // HLG's nominal display: 1000 cd/m² with a system gamma of 1.2.
@@ -36,7 +37,30 @@ double HlgToScene(double e) {
   return e <= 0.5 ? e * e / 3 : (std::exp((e - c) / a) + b) / 12;
 }
 
-double SrgbEncode(double v) { return v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055; }
+double Encode(HdrEncoding encoding, double v) {
+  if (encoding == HdrEncoding::kGamma24) return std::pow(v, 1 / 2.4);
+  return v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055;
+}
+
+// The constants of a roll-off above its knee for a peak above 1 (relative
+// to reference white), in the form Convert evaluates:
+//   shoulder: knee + (1 - knee) * t * (1 + t * c[0]) / (1 + t), t = (x - knee) / (1 - knee)
+//   Möbius:   c[2] * (x + c[0]) / (x + c[1])
+// Both are the identity at the knee in value and slope and reach 1 at the peak.
+void CurveConstants(HdrRollOff curve, double peak, double c[3]) {
+  if (curve == HdrRollOff::kShoulder) {
+    const double tp = (peak - kKnee) / (1 - kKnee);
+    c[0] = 1 / (tp * tp);
+    c[1] = c[2] = 0;
+    return;
+  }
+  const double j = kMobiusKnee;
+  c[0] = -j * j * (peak - 1) / (j * j - 2 * j + peak);
+  c[1] = (j * j - 2 * j * peak + peak) / (peak - 1);
+  c[2] = (c[1] * c[1] + 2 * c[1] * j + j * j) / (c[1] - c[0]);
+}
+
+double KneeOf(HdrRollOff curve) { return curve == HdrRollOff::kShoulder ? kKnee : kMobiusKnee; }
 
 bool Invert(const double m[9], double out[9]) {
   const double det = m[0] * (m[4] * m[8] - m[5] * m[7]) - m[1] * (m[3] * m[8] - m[5] * m[6]) +
@@ -89,18 +113,25 @@ bool IsHdrTransfer(int nclx_transfer, HdrTransfer* transfer) {
   return false;
 }
 
-double HdrToneMapper::RollOff(double x, double peak) {
-  if (!(x > kKnee)) return x > 0 ? x : 0;
+double HdrToneMapper::RollOff(HdrRollOff curve, double x, double peak) {
+  const double knee = KneeOf(curve);
+  if (!(x > knee)) return x > 0 ? x : 0;
   if (peak <= 1) return std::min(x, 1.0);
-  const double t = (x - kKnee) / (1 - kKnee);
-  const double tp = (peak - kKnee) / (1 - kKnee);
-  return std::min(kKnee + (1 - kKnee) * t * (1 + t / (tp * tp)) / (1 + t), 1.0);
+  double c[3];
+  CurveConstants(curve, peak, c);
+  if (curve == HdrRollOff::kMobius) return std::min(c[2] * (x + c[0]) / (x + c[1]), 1.0);
+  const double t = (x - knee) / (1 - knee);
+  return std::min(knee + (1 - knee) * t * (1 + t * c[0]) / (1 + t), 1.0);
 }
 
 HdrToneMapper::HdrToneMapper(const HdrSource& source) {
   const int depth = std::min(std::max(source.bit_depth, 8), 16);
   max_code_ = (1u << depth) - 1;
-  hlg_ = source.transfer == HdrTransfer::kHlg;
+  const bool hlg = source.transfer == HdrTransfer::kHlg;
+  hlg_gain_by_luminance_ = hlg && source.rendering.hlg_gamma == HlgGamma::kLuminance;
+  roll_off_ = source.rendering.roll_off;
+  double white = source.rendering.reference_white_nits;
+  if (!(white >= 1 && white <= 10000)) white = kReferenceWhiteNits;
 
   double to_xyz[9];
   if (!RgbToXyz(source.primaries, to_xyz)) RgbToXyz(kBt2020, to_xyz);
@@ -120,23 +151,38 @@ HdrToneMapper::HdrToneMapper(const HdrSource& source) {
   linear_.resize(max_code_ + 1);
   for (uint32_t code = 0; code <= max_code_; ++code) {
     const double e = static_cast<double>(code) / max_code_;
-    linear_[code] = static_cast<float>(hlg_ ? HlgToScene(e) : PqToNits(e) / kReferenceWhiteNits);
+    double v;
+    if (!hlg) {
+      v = PqToNits(e) / white;
+    } else if (hlg_gain_by_luminance_) {
+      v = HlgToScene(e);  // Convert applies the gain
+    } else {
+      v = kHlgDisplayNits / white * std::pow(HlgToScene(e), kHlgSystemGamma);
+    }
+    linear_[code] = static_cast<float>(v);
   }
   double peak_nits = source.peak_nits > 0 ? source.peak_nits : kDefaultPqPeakNits;
-  if (hlg_) {
-    peak_nits = kHlgDisplayNits;
+  if (hlg) peak_nits = kHlgDisplayNits;
+  if (hlg_gain_by_luminance_) {
     hlg_gain_.resize(kGainSteps);
     for (int i = 0; i < kGainSteps; ++i) {
       const double scene_luminance = static_cast<double>(i) / (kGainSteps - 1);
-      hlg_gain_[i] = static_cast<float>(kHlgDisplayNits / kReferenceWhiteNits *
-                                        std::pow(scene_luminance, kHlgSystemGamma - 1));
+      hlg_gain_[i] =
+          static_cast<float>(kHlgDisplayNits / white * std::pow(scene_luminance, kHlgSystemGamma - 1));
     }
   }
-  peak_ = static_cast<float>(std::min(std::max(peak_nits, 1.0), 10000.0) / kReferenceWhiteNits);
+  const double peak = std::min(std::max(peak_nits, 1.0), 10000.0) / white;
+  peak_ = static_cast<float>(peak);
+  if (peak > 1) {
+    double c[3];
+    CurveConstants(roll_off_, peak, c);
+    for (int i = 0; i < 3; ++i) curve_[i] = static_cast<float>(c[i]);
+  }
 
   encode_.resize(kEncodeSteps);
   for (int i = 0; i < kEncodeSteps; ++i) {
-    encode_[i] = static_cast<uint8_t>(std::lround(255 * SrgbEncode(static_cast<double>(i) / (kEncodeSteps - 1))));
+    const double root = static_cast<double>(i) / (kEncodeSteps - 1);
+    encode_[i] = static_cast<uint8_t>(std::lround(255 * Encode(source.rendering.encoding, root * root)));
   }
 }
 
@@ -146,15 +192,15 @@ void HdrToneMapper::Convert(const Sample* r, const Sample* g, const Sample* b, s
   const uint8_t* encode = encode_.data();
   const float* m = matrix_;
   // The roll-off of RollOff, in float.
-  const float knee = static_cast<float>(kKnee);
-  const float tp = (peak_ - knee) / (1 - knee);
-  const float inv_tp2 = peak_ > 1 ? 1 / (tp * tp) : 0;
+  const bool mobius = roll_off_ == HdrRollOff::kMobius;
+  const float knee = static_cast<float>(KneeOf(roll_off_));
+  const float c0 = curve_[0], c1 = curve_[1], c2 = curve_[2];
   const float scale = kEncodeSteps - 1;
   for (size_t i = 0; i < count; ++i) {
     float lr = linear[std::min<uint32_t>(r[i], max_code_)];
     float lg = linear[std::min<uint32_t>(g[i], max_code_)];
     float lb = linear[std::min<uint32_t>(b[i], max_code_)];
-    if (hlg_) {
+    if (hlg_gain_by_luminance_) {
       const float y = std::min(std::max(luma_[0] * lr + luma_[1] * lg + luma_[2] * lb, 0.0f), 1.0f);
       const float gain = hlg_gain_[static_cast<int>(y * (kGainSteps - 1) + 0.5f)];
       lr *= gain;
@@ -169,9 +215,11 @@ void HdrToneMapper::Convert(const Sample* r, const Sample* g, const Sample* b, s
       float mapped;
       if (peak_ <= 1) {
         mapped = std::min(brightest, 1.0f);
+      } else if (mobius) {
+        mapped = std::min(c2 * (brightest + c0) / (brightest + c1), 1.0f);
       } else {
         const float t = (brightest - knee) / (1 - knee);
-        mapped = std::min(knee + (1 - knee) * t * (1 + t * inv_tp2) / (1 + t), 1.0f);
+        mapped = std::min(knee + (1 - knee) * t * (1 + t * c0) / (1 + t), 1.0f);
       }
       const float s = mapped / brightest;
       out_r = std::min(out_r * s, 1.0f);
@@ -179,9 +227,9 @@ void HdrToneMapper::Convert(const Sample* r, const Sample* g, const Sample* b, s
       out_b = std::min(out_b * s, 1.0f);
     }
     uint8_t* p = bgra + 4 * i;
-    p[0] = encode[static_cast<int>(out_b * scale + 0.5f)];
-    p[1] = encode[static_cast<int>(out_g * scale + 0.5f)];
-    p[2] = encode[static_cast<int>(out_r * scale + 0.5f)];
+    p[0] = encode[static_cast<int>(std::sqrt(out_b) * scale + 0.5f)];
+    p[1] = encode[static_cast<int>(std::sqrt(out_g) * scale + 0.5f)];
+    p[2] = encode[static_cast<int>(std::sqrt(out_r) * scale + 0.5f)];
   }
 }
 

@@ -434,18 +434,36 @@ bool MediaFile::HasSlowSeek() const {
   return format_->duration == AV_NOPTS_VALUE;
 }
 
-Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, uint8_t* bgra, int stride) {
-  if (frame->width <= 0 || frame->height <= 0 || out_width <= 0 || out_height <= 0 ||
-      !image::WithinPixelLimits(out_width, out_height) || stride < out_width * 4) {
-    return Status::InvalidArgument("bad frame size");
-  }
+namespace {
+
+// A converter from the frame's pixels to `out_format` at out_width x
+// out_height with the given scaler flags, with the frame's own YUV matrix
+// and range (see ConvertToBgra), or null when there is none. With
+// `chroma_sited`, subsampled chroma is placed where the frame says it was
+// sampled (left of centre in H.264, HEVC and most video); otherwise the
+// converter's default, centred between luma samples, is kept.
+SwsPtr ConverterFor(const AVFrame* frame, int out_width, int out_height, AVPixelFormat out_format, int flags,
+                    bool chroma_sited) {
   const AVPixelFormat format = static_cast<AVPixelFormat>(frame->format);
-  // Bicubic chroma, interpolated to every pixel. Accurate rounding would move
-  // no value by more than one step and makes the conversion of a 1080p frame
-  // three times slower (it leaves the SIMD paths).
-  SwsPtr sws(sws_getContext(frame->width, frame->height, format, out_width, out_height, AV_PIX_FMT_BGRA,
-                            SWS_BICUBIC | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr));
-  if (!sws) return Status::NotSupported("no conversion from this pixel format");
+  SwsPtr sws(sws_alloc_context());
+  if (!sws) return nullptr;
+  SwsContext* c = sws.get();
+  av_opt_set_int(c, "srcw", frame->width, 0);
+  av_opt_set_int(c, "srch", frame->height, 0);
+  av_opt_set_int(c, "src_format", format, 0);
+  av_opt_set_int(c, "dstw", out_width, 0);
+  av_opt_set_int(c, "dsth", out_height, 0);
+  av_opt_set_int(c, "dst_format", out_format, 0);
+  av_opt_set_int(c, "sws_flags", flags, 0);
+  const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(format);
+  int x = 0;
+  int y = 0;
+  if (chroma_sited && desc != nullptr && frame->chroma_location != AVCHROMA_LOC_UNSPECIFIED &&
+      avcodec_enum_to_chroma_pos(&x, &y, static_cast<AVChromaLocation>(frame->chroma_location)) == 0) {
+    if (desc->log2_chroma_w > 0) av_opt_set_int(c, "src_h_chr_pos", x, 0);
+    if (desc->log2_chroma_h > 0) av_opt_set_int(c, "src_v_chr_pos", y, 0);
+  }
+  if (sws_init_context(c, nullptr, nullptr) < 0) return nullptr;
 
   int colorspace = frame->colorspace;
   if (colorspace == AVCOL_SPC_UNSPECIFIED || colorspace == AVCOL_SPC_RESERVED) {
@@ -454,8 +472,24 @@ Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, uint8_
   if (colorspace == AVCOL_SPC_BT2020_CL) colorspace = AVCOL_SPC_BT2020_NCL;
   const int src_range = (frame->color_range == AVCOL_RANGE_JPEG || IsYuvjFormat(format)) ? 1 : 0;
   const int* coefficients = sws_getCoefficients(colorspace);
-  sws_setColorspaceDetails(sws.get(), coefficients, src_range, sws_getCoefficients(SWS_CS_DEFAULT), 1,
-                           0, 1 << 16, 1 << 16);
+  sws_setColorspaceDetails(c, coefficients, src_range, sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, 1 << 16,
+                           1 << 16);
+  return sws;
+}
+
+}  // namespace
+
+Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, uint8_t* bgra, int stride) {
+  if (frame->width <= 0 || frame->height <= 0 || out_width <= 0 || out_height <= 0 ||
+      !image::WithinPixelLimits(out_width, out_height) || stride < out_width * 4) {
+    return Status::InvalidArgument("bad frame size");
+  }
+  // Bicubic chroma, interpolated to every pixel. Accurate rounding would
+  // move no value by more than one step and makes the conversion of a 1080p
+  // frame three times slower (it leaves the SIMD paths).
+  SwsPtr sws = ConverterFor(frame, out_width, out_height, AV_PIX_FMT_BGRA, SWS_BICUBIC | SWS_FULL_CHR_H_INT,
+                            false);
+  if (!sws) return Status::NotSupported("no conversion from this pixel format");
 
   uint8_t* planes[4] = {bgra, nullptr, nullptr, nullptr};
   int strides[4] = {stride, 0, 0, 0};
@@ -465,6 +499,21 @@ Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, uint8_
     uint8_t* row = bgra + static_cast<ptrdiff_t>(stride) * y;
     for (int x = 0; x < out_width; ++x) row[4 * x + 3] = 0xFF;
   }
+  return Status::OK();
+}
+
+Status ConvertToPlanarRgb16(const AVFrame* frame, AVFrame* rgb) {
+  if (frame->width <= 0 || frame->height <= 0 || rgb->format != AV_PIX_FMT_GBRP16 || rgb->width <= 0 ||
+      rgb->height <= 0 || !image::WithinPixelLimits(rgb->width, rgb->height)) {
+    return Status::InvalidArgument("bad frame size");
+  }
+  // Bilinear: a bicubic kernel's overshoot at edges, small in code values,
+  // becomes bright halos once the steep PQ curve turns them into light.
+  SwsPtr sws = ConverterFor(frame, rgb->width, rgb->height, AV_PIX_FMT_GBRP16, SWS_BILINEAR | SWS_FULL_CHR_H_INT,
+                            true);
+  if (!sws) return Status::NotSupported("no conversion from this pixel format");
+  const int rows = sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, rgb->data, rgb->linesize);
+  if (rows != rgb->height) return Status::Internal("sws_scale failed");
   return Status::OK();
 }
 

@@ -183,6 +183,11 @@ class MediaFile {
 Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, uint8_t* bgra, int stride);
 // The same into a new buffer; *bgra is replaced on success.
 Status ConvertToBgra(const AVFrame* frame, int out_width, int out_height, std::vector<uint8_t>* bgra);
+// Converts a decoded frame to the AV_PIX_FMT_GBRP16 frame `rgb` (its size
+// and buffers set by the caller), with the same matrix and range as
+// ConvertToBgra but the transfer kept: HDR samples stay PQ- or HLG-encoded
+// for the tone mapper. Bilinear, with chroma where the frame sited it.
+Status ConvertToPlanarRgb16(const AVFrame* frame, AVFrame* rgb);
 
 }  // namespace ffmpeg
 }  // namespace thumbnail

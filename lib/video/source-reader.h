@@ -4,7 +4,8 @@
 // FFmpeg video thumbnails
 // (video-thumbnail.h), loaded as a module (media-module.h). Its classes are
 // in tessera::thumbnail, the namespace of the generator whose fallback they
-// serve; it depends on lib/image, never on lib/thumbnail.
+// serve; it depends on lib/image and lib/color (HDR tone mapping), never on
+// lib/thumbnail.
 //
 // Takes one still frame out of a video file and writes it as an upright JPEG.
 //

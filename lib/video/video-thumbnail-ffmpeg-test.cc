@@ -320,6 +320,40 @@ TEST_F(VideoFfmpegTest, HlgVideoIsToneMappedNotWashedOutAndRefusedByTheFrameRead
   EXPECT_EQ("HDR video is not supported", ExportMessage(hdr, dir_.File("hdr.jpg")));
 }
 
+// A PQ clip's highlights reach white at the peak it declares (MaxCLL, else
+// its mastering display's), and at 1000 cd/m² when it declares none: a
+// grey of 300 cd/m² is white only in the clips that say it is their peak.
+TEST_F(VideoFfmpegTest, PqHighlightsReachWhiteAtTheDeclaredPeak) {
+  struct Case {
+    const char* name;
+    const char* metadata;
+    bool white;
+  };
+  for (const Case& c : {Case{"none.mp4", "", false}, Case{"max-cll.mp4", ":hdr10=1:max-cll=300,100", true},
+                        Case{"mastering.mp4",
+                             ":hdr10=1:master-display=G(13250,34500)B(7500,3000)R(34000,16000)"
+                             "WP(15635,16450)L(3000000,50)",
+                             true}}) {
+    SCOPED_TRACE(c.name);
+    const std::string clip = dir_.File(c.name);
+    ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=white:s=64x48:r=10:d=1.5 "
+                          "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=smpte2084:m=bt2020nc:p=bt2020:npl=300,"
+                          "format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params 'log-level=none" +
+                          std::string(c.metadata) +
+                          "' -colorspace bt2020nc -color_primaries bt2020 -color_trc smpte2084 '" + clip + "'"));
+    image::Bitmap thumb;
+    ASSERT_TRUE(ExtractVideoThumbnail(clip, 64, &thumb).ok());
+    const uint8_t* p = Pixel(thumb, 32, 24);
+    EXPECT_EQ(p[0], p[2]);
+    if (c.white) {
+      EXPECT_GE(p[1], 253);
+    } else {
+      EXPECT_LE(p[1], 248);
+      EXPECT_GE(p[1], 230);
+    }
+  }
+}
+
 std::shared_ptr<const utility::Cancellation> Cancelled() {
   auto cancellation = std::make_shared<utility::Cancellation>();
   cancellation->Cancel();

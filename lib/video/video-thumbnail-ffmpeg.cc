@@ -1,13 +1,9 @@
 #include "lib/video/video-thumbnail.h"
 
 extern "C" {
-#include <libavfilter/avfilter.h>
-#include <libavfilter/buffersink.h>
-#include <libavfilter/buffersrc.h>
-#include <libavutil/macros.h>
+#include <libavutil/csp.h>
+#include <libavutil/mastering_display_metadata.h>
 }
-
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,8 +11,8 @@ extern "C" {
 #include <memory>
 #include <mutex>
 #include <string>
-#include <type_traits>
 
+#include "lib/color/hdr-tone-map.h"
 #include "lib/file/file-op.h"
 #include "lib/image/area-resample.h"
 #include "lib/image/limits.h"
@@ -34,140 +30,81 @@ constexpr int64_t kFrameTimeUs = 1000000;  // the frame at one second
 // start when the file cannot seek).
 constexpr int kMaxFramesDecoded = 600;
 
-// The filter library is only needed to tone-map HDR frames, and loading it
-// (with the many libraries it depends on) costs about as much as loading all
-// the rest of FFmpeg: it is loaded on the first HDR frame instead of with
-// the program. The same major version as the headers' is required.
-struct FilterLibrary {
-  decltype(&avfilter_version) version;
-  decltype(&avfilter_graph_alloc) graph_alloc;
-  decltype(&avfilter_graph_free) graph_free;
-  decltype(&avfilter_get_by_name) get_by_name;
-  decltype(&avfilter_graph_create_filter) graph_create_filter;
-  decltype(&avfilter_inout_alloc) inout_alloc;
-  decltype(&avfilter_inout_free) inout_free;
-  decltype(&avfilter_graph_parse_ptr) graph_parse_ptr;
-  decltype(&avfilter_graph_config) graph_config;
-  decltype(&av_buffersrc_add_frame) buffersrc_add_frame;
-  decltype(&av_buffersink_get_frame) buffersink_get_frame;
-};
-
-// The loaded library (kept for the life of the process), or nullptr when it
-// is missing or of another version. Thread-safe.
-const FilterLibrary* Filters() {
-  static std::once_flag once;
-  static FilterLibrary* library = nullptr;
-  std::call_once(once, [] {
-    void* handle = dlopen("libavfilter.so." AV_STRINGIFY(LIBAVFILTER_VERSION_MAJOR), RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) return;
-    auto* l = new FilterLibrary;
-    bool complete = true;
-    auto find = [&](auto* function, const char* name) {
-      *function = reinterpret_cast<std::remove_pointer_t<decltype(function)>>(dlsym(handle, name));
-      complete = complete && *function != nullptr;
-    };
-    find(&l->version, "avfilter_version");
-    find(&l->graph_alloc, "avfilter_graph_alloc");
-    find(&l->graph_free, "avfilter_graph_free");
-    find(&l->get_by_name, "avfilter_get_by_name");
-    find(&l->graph_create_filter, "avfilter_graph_create_filter");
-    find(&l->inout_alloc, "avfilter_inout_alloc");
-    find(&l->inout_free, "avfilter_inout_free");
-    find(&l->graph_parse_ptr, "avfilter_graph_parse_ptr");
-    find(&l->graph_config, "avfilter_graph_config");
-    find(&l->buffersrc_add_frame, "av_buffersrc_add_frame");
-    find(&l->buffersink_get_frame, "av_buffersink_get_frame");
-    if (!complete || AV_VERSION_MAJOR(l->version()) != LIBAVFILTER_VERSION_MAJOR) {
-      delete l;
-      dlclose(handle);
-      return;
-    }
-    library = l;
-  });
-  return library;
-}
-
-struct GraphFreer {
-  void operator()(AVFilterGraph* p) const { Filters()->graph_free(&p); }
-};
-using GraphPtr = std::unique_ptr<AVFilterGraph, GraphFreer>;
-
 bool IsHdrTransfer(int transfer) {
   return transfer == AVCOL_TRC_SMPTE2084 || transfer == AVCOL_TRC_ARIB_STD_B67;
 }
 
-// Maps a PQ or HLG frame to BT.709 SDR BGRA of width x height: linear
-// light in BT.709 primaries, a curve that keeps mid-tones and rolls off
-// highlights (no desaturation, so colours keep their hue), then the BT.709
-// transfer. (A filmic curve such as hable leaves reference white far too
-// dark.) The first stage also scales, so that the stages on 32-bit floats
-// (12 bytes a pixel, each keeping its own frame) work at the size wanted,
-// not at the size of the frame. Takes the frame's reference.
-Status ToneMapToBgra(AVFrame* frame, int width, int height, image::Bitmap* bitmap) {
-  const FilterLibrary* filters = Filters();
-  if (filters == nullptr) return Status::NotSupported("the tone-mapping filter library cannot be loaded");
-  GraphPtr graph(filters->graph_alloc());
-  if (!graph) return Status::Internal("avfilter_graph_alloc failed");
-  graph->nb_threads = 1;
-  const AVRational sar = frame->sample_aspect_ratio.num > 0 ? frame->sample_aspect_ratio : AVRational{1, 1};
-  const std::string source_args = "video_size=" + std::to_string(frame->width) + "x" +
-                                  std::to_string(frame->height) +
-                                  ":pix_fmt=" + std::to_string(frame->format) + ":time_base=1/1" +
-                                  ":pixel_aspect=" + std::to_string(sar.num) + "/" + std::to_string(sar.den);
-  AVFilterContext* source = nullptr;
-  AVFilterContext* sink = nullptr;
-  int error = filters->graph_create_filter(&source, filters->get_by_name("buffer"), "in",
-                                           source_args.c_str(), nullptr, graph.get());
-  if (error < 0) return Status::Internal(ffmpeg::AvError("buffer", error));
-  error = filters->graph_create_filter(&sink, filters->get_by_name("buffersink"), "out", nullptr,
-                                       nullptr, graph.get());
-  if (error < 0) return Status::Internal(ffmpeg::AvError("buffersink", error));
-
-  AVFilterInOut* outputs = filters->inout_alloc();
-  AVFilterInOut* inputs = filters->inout_alloc();
-  if (outputs == nullptr || inputs == nullptr) {
-    filters->inout_free(&outputs);
-    filters->inout_free(&inputs);
-    return Status::Internal("avfilter_inout_alloc failed");
+// The brightest content a frame declares (cd/m²): its MaxCLL, else its
+// mastering display's peak; 0 when it says neither.
+double DeclaredPeakNits(const AVFrame* frame) {
+  const AVFrameSideData* light = av_frame_get_side_data(frame, AV_FRAME_DATA_CONTENT_LIGHT_LEVEL);
+  if (light != nullptr && light->size >= sizeof(AVContentLightMetadata)) {
+    const unsigned max_cll = reinterpret_cast<const AVContentLightMetadata*>(light->data)->MaxCLL;
+    if (max_cll > 0) return max_cll;
   }
-  outputs->name = av_strdup("in");
-  outputs->filter_ctx = source;
-  inputs->name = av_strdup("out");
-  inputs->filter_ctx = sink;
-  const std::string chain = "zscale=w=" + std::to_string(width) + ":h=" + std::to_string(height) +
-                            ":t=linear:npl=100:p=bt709,format=gbrpf32le,tonemap=tonemap=mobius:desat=0,"
-                            "zscale=t=bt709:m=bt709:r=pc,format=gbrp";
-  error = filters->graph_parse_ptr(graph.get(), chain.c_str(), &inputs, &outputs, nullptr);
-  filters->inout_free(&outputs);
-  filters->inout_free(&inputs);
-  if (error < 0) return Status::NotSupported(ffmpeg::AvError("tone-mapping filters", error));
-  error = filters->graph_config(graph.get(), nullptr);
-  if (error < 0) return Status::NotSupported(ffmpeg::AvError("avfilter_graph_config", error));
-
-  ffmpeg::FramePtr output(av_frame_alloc());
-  if (!output) return Status::Internal("out of memory");
-  // The graph takes the frame over, and lets it go once it is scaled.
-  error = filters->buffersrc_add_frame(source, frame);
-  if (error >= 0) error = filters->buffersrc_add_frame(source, nullptr);
-  if (error >= 0) error = filters->buffersink_get_frame(sink, output.get());
-  if (error < 0) return Status::Internal(ffmpeg::AvError("tone mapping", error));
-  if (output->format != AV_PIX_FMT_GBRP || output->width != width || output->height != height) {
-    return Status::Internal("unexpected tone-mapped frame");
+  const AVFrameSideData* mastering = av_frame_get_side_data(frame, AV_FRAME_DATA_MASTERING_DISPLAY_METADATA);
+  if (mastering != nullptr && mastering->size >= sizeof(AVMasteringDisplayMetadata)) {
+    const auto* display = reinterpret_cast<const AVMasteringDisplayMetadata*>(mastering->data);
+    if (display->has_luminance && display->max_luminance.den > 0) {
+      const double nits = av_q2d(display->max_luminance);
+      if (nits > 0) return nits;
+    }
   }
+  return 0;
+}
+
+// The frame's primaries as chromaticities; false when they are not tagged
+// (the tone mapper then assumes BT.2020, as HDR video has).
+bool PrimariesOf(const AVFrame* frame, color::Chromaticities* out) {
+  const AVColorPrimariesDesc* desc =
+      av_csp_primaries_desc_from_id(static_cast<AVColorPrimaries>(frame->color_primaries));
+  if (desc == nullptr) return false;
+  *out = {{av_q2d(desc->prim.r.x), av_q2d(desc->prim.r.y)},
+          {av_q2d(desc->prim.g.x), av_q2d(desc->prim.g.y)},
+          {av_q2d(desc->prim.b.x), av_q2d(desc->prim.b.y)},
+          {av_q2d(desc->wp.x), av_q2d(desc->wp.y)}};
+  return true;
+}
+
+// Maps a PQ or HLG frame to SDR BGRA of width x height with the tone mapper
+// HDR stills use, in the rendering video has (color::kVideoRendering): the
+// converter scales the frame and turns its YUV into R'G'B' at 16 bits, still
+// PQ- or HLG-encoded, and the tone mapper takes those planes row by row.
+// The planes (6 bytes a pixel) are the only copy, at the converted size.
+Status ToneMapToBgra(const AVFrame* frame, int width, int height, image::Bitmap* bitmap) {
+  if (frame->width <= 0 || frame->height <= 0 || width <= 0 || height <= 0 ||
+      !image::WithinPixelLimits(width, height)) {
+    return Status::InvalidArgument("bad frame size");
+  }
+  ffmpeg::FramePtr planes(av_frame_alloc());
+  if (!planes) return Status::Internal("out of memory");
+  planes->format = AV_PIX_FMT_GBRP16;
+  planes->width = width;
+  planes->height = height;
+  if (av_frame_get_buffer(planes.get(), 0) < 0) return Status::Internal("out of memory for tone mapping");
+  Status status = ffmpeg::ConvertToPlanarRgb16(frame, planes.get());
+  if (!status.ok()) return status;
+
+  color::HdrSource source;
+  source.transfer = frame->color_trc == AVCOL_TRC_ARIB_STD_B67 ? color::HdrTransfer::kHlg : color::HdrTransfer::kPq;
+  PrimariesOf(frame, &source.primaries);
+  source.bit_depth = 16;
+  source.peak_nits = DeclaredPeakNits(frame);
+  source.rendering = color::kVideoRendering;
+  const color::HdrToneMapper mapper(source);
+
   image::Bitmap pixels;
-  Status status = image::Bitmap::Create(width, height, &pixels);
+  status = image::Bitmap::Create(width, height, &pixels);
   if (!status.ok()) return status;
   for (int y = 0; y < height; ++y) {
-    const uint8_t* g = output->data[0] + static_cast<ptrdiff_t>(output->linesize[0]) * y;
-    const uint8_t* b = output->data[1] + static_cast<ptrdiff_t>(output->linesize[1]) * y;
-    const uint8_t* r = output->data[2] + static_cast<ptrdiff_t>(output->linesize[2]) * y;
+    auto plane_row = [&](int plane) {
+      const uint8_t* row = planes->data[plane] + static_cast<ptrdiff_t>(planes->linesize[plane]) * y;
+      return reinterpret_cast<const uint16_t*>(row);
+    };
     uint8_t* row = pixels.row(y);
-    for (int x = 0; x < width; ++x) {
-      row[4 * x] = b[x];
-      row[4 * x + 1] = g[x];
-      row[4 * x + 2] = r[x];
-      row[4 * x + 3] = 0xFF;
-    }
+    // GBRP16's planes are G, B, R.
+    mapper.ConvertRow(plane_row(2), plane_row(0), plane_row(1), static_cast<size_t>(width), row);
+    for (int x = 0; x < width; ++x) row[4 * x + 3] = 0xFF;
   }
   *bitmap = std::move(pixels);
   return Status::OK();
@@ -394,7 +331,7 @@ Status DecodeUprightFrame(const std::string& utf8_path, const FileIdentity* id, 
 
   // Converted only at the size the largest request needs: a huge
   // frame would otherwise take gigabytes, above all for tone mapping, which
-  // works on floats (12 bytes a pixel, in every stage of it).
+  // works on a 16-bit RGB copy (6 bytes a pixel).
   const uint32_t limit = std::max(cx, largest_cx);
   int converted_width = 0;
   int converted_height = 0;
