@@ -79,10 +79,25 @@ std::string Anchored(const std::string& path) {
   return absolute.empty() ? path : absolute;
 }
 
+// The path with each run of separators made one, but for the two that open
+// a share or a long-form path. Win32 takes a long-form path literally, and an
+// empty component (an output folder given as "C:\out\" and joined with
+// "/name") makes it invalid.
+std::string WithSingleSeparators(const std::string& path) {
+  const size_t kept = path.size() >= 2 && IsSeparator(path[0]) && IsSeparator(path[1]) ? 2 : 0;
+  std::string result = path.substr(0, kept);
+  for (size_t i = kept; i < path.size(); ++i) {
+    if (IsSeparator(path[i]) && result.size() > kept && IsSeparator(result.back())) continue;
+    result.push_back(path[i]);
+  }
+  return result;
+}
+
 // The long form handed to Win32, as UTF-8 (for messages) and UTF-16. A path
 // that does not convert becomes empty and fails in the call that follows.
 struct LongPath {
-  explicit LongPath(const std::string& path) : text(ToLongPath(Anchored(path))), wide(utility::UTF8ToUTF16(text)) {}
+  explicit LongPath(const std::string& path)
+      : text(ToLongPath(WithSingleSeparators(Anchored(path)))), wide(utility::UTF8ToUTF16(text)) {}
   std::string text;
   std::u16string wide;
 };
