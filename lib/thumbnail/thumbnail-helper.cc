@@ -79,6 +79,10 @@ bool ThumbnailHelper::Refuse(const std::string& extension, ThumbnailError* error
 
 template <typename RunJob>
 int32_t ThumbnailHelper::RetryFromFrame(int32_t first_result, RunJob run_job) {
+  if (!export_failed_for_.empty() && export_failed_for_ == src_) {
+    LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
+    return first_result;
+  }
   const std::string frame_path = NormalizeSeparators(file::RandomPath(output_dir_) + ".jpg");
   // Registered before the frame writer creates it, forgotten once it is
   // gone: a termination in between removes it.
@@ -98,8 +102,10 @@ int32_t ThumbnailHelper::RetryFromFrame(int32_t first_result, RunJob run_job) {
       LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
     }
   } catch (...) {
+    export_failed_for_ = src_;
     LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
   }
+  if (abandoned) export_failed_for_ = src_;
   file::FSRemove(frame_path);
   // A frame file that an abandoned export may still write stays unreported:
   // the end of the process removes it, whichever way the process ends.

@@ -79,13 +79,17 @@ class ThumbnailHelper {
   // The video fallback: exports a frame beside the outputs and runs
   // `run_job` on it; returns `first_result` when the export throws or has
   // not ended by the run's deadline (its thread is then left behind). The
-  // frame file is always removed.
+  // frame file is always removed. A source whose export failed is not read
+  // again for the next size: the platform's reader fails the same way each
+  // time, and a reader that may hang on a broken file gets one chance.
   template <typename RunJob>
   int32_t RetryFromFrame(int32_t first_result, RunJob run_job);
 
   std::string output_dir_;
   std::string src_;
   std::string extension_;
+  // The source whose frame could not be exported, if any.
+  std::string export_failed_for_;
   ThumbnailSize size_ = 0;
   std::unordered_set<uint32_t> options_;
 };

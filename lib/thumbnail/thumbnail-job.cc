@@ -15,6 +15,7 @@
 #include "lib/file/file-op.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-extraction.h"
+#include "lib/utility/process-exit.h"
 #include "lib/utility/run-deadline.h"
 #include "lib/utility/text-conversion.h"
 
@@ -180,7 +181,7 @@ void ExitWithAbandonedJobs(int status) {
   if (OutputWriteMutex().try_lock_for(kExitWriteWait)) {
     for (const std::string& path : paths) file::FSRemove(path);
   }
-  std::_Exit(status);
+  utility::EndProcessNow(status);
 }
 
 }  // namespace thumbnail

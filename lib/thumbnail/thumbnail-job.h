@@ -87,8 +87,9 @@ bool RunBeforeRunDeadline(std::function<void()> work, const std::vector<std::str
 // standard output and standard error, waits for an output file being
 // written to be finished, removes the output files of every abandoned job
 // (all under OutputWriteMutex, so that none is being written or can be
-// written afterwards), and leaves with std::_Exit, running no destructors. If a write does not finish within a few seconds the files are
-// left behind rather than raced. Call from the main thread only.
+// written afterwards), and leaves with utility::EndProcessNow, running no
+// destructors. If a write does not finish within a few seconds the files
+// are left behind rather than raced. Call from the main thread only.
 //
 // Those files are still unreported files (lib/file/unreported-files.h): a
 // termination signal arriving meanwhile removes the same ones, and neither
