@@ -17,6 +17,12 @@ namespace thumbnail {
 
 std::unique_ptr<ThumbnailProvider> CreateShellThumbnailProvider();
 
+// The chain CreatePlatformThumbnailProvider returns on Windows, with `shell`
+// in the Shell's place: `shell` first, bounded in time (BoundedProvider),
+// then our own decoders. A test build of the tool puts a handler that never
+// answers there.
+std::unique_ptr<ThumbnailProvider> CreateShellFirstChain(ThumbnailProviderFactory shell);
+
 }  // namespace thumbnail
 }  // namespace tessera
 

@@ -4,6 +4,7 @@
 // attempt (provider-chain.h).
 #include <chrono>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "lib/thumbnail/decoder-thumbnail-provider.h"
@@ -24,13 +25,17 @@ constexpr std::chrono::seconds kShellBound{5};
 
 }  // namespace
 
-std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
+std::unique_ptr<ThumbnailProvider> CreateShellFirstChain(ThumbnailProviderFactory shell) {
   std::vector<ThumbnailProviderFactory> links;
-  links.push_back([]() -> std::unique_ptr<ThumbnailProvider> {
-    return std::make_unique<BoundedProvider>(CreateShellThumbnailProvider, kShellBound);
+  links.push_back([shell]() -> std::unique_ptr<ThumbnailProvider> {
+    return std::make_unique<BoundedProvider>(shell, kShellBound);
   });
   links.push_back(CreateDecoderThumbnailProvider);
   return std::make_unique<ProviderChain>(std::move(links));
+}
+
+std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
+  return CreateShellFirstChain(CreateShellThumbnailProvider);
 }
 
 }  // namespace thumbnail
