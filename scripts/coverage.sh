@@ -17,7 +17,7 @@ if ! command -v lcov >/dev/null; then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends lcov
 fi
 
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTESSERA_CCACHE=OFF \
   -DCMAKE_C_FLAGS=--coverage -DCMAKE_CXX_FLAGS=--coverage \
   -DCMAKE_EXE_LINKER_FLAGS=--coverage -DCMAKE_SHARED_LINKER_FLAGS=--coverage \
   -DCMAKE_MODULE_LINKER_FLAGS=--coverage >/dev/null
