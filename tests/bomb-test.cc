@@ -44,9 +44,10 @@ constexpr auto PutLe32 = tessera::testing::AppendLe32;
 // Peak resident memory any run may reach.
 constexpr long kMaxRssBytes = long{1} << 30;
 
-// How long a hostile video may keep a run busy: far less than the run's
-// budget of a minute (a release build takes a few seconds at most).
-constexpr std::chrono::seconds kMaxVideoRun{20};
+// How long a hostile video may keep a run busy: what the tool promises for
+// any input (the run's budget and the exit), on every platform and under any
+// load. A release build takes a few seconds; bench/ measures that.
+constexpr std::chrono::seconds kMaxVideoRun{70};
 
 // What a file of many tracks may take beyond what one of them alone takes.
 constexpr long kTrackSlackKib = 128 * 1024;
@@ -367,7 +368,7 @@ TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
 
 // HEIF grids of a few hundred kilobytes that libheif would grind through for
 // minutes: tens of thousands of tile items, or tens of thousands of
-// references to them. Each run ends quickly with a clean refusal.
+// references to them. Each run ends in seconds with a clean refusal.
 TEST(BombTest, HeifTileBombsEndQuickly) {
   ScratchDir scratch;
   ASSERT_FALSE(scratch.path().empty());
@@ -402,7 +403,7 @@ TEST(BombTest, HeifTileBombsEndQuickly) {
     ExpectCleanRun(RunTool({"--output_dir", out, "--src", src}), out);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_LT(seconds, 5.0);
+    EXPECT_LT(seconds, 30.0);  // minutes without the structure check
     struct rusage usage;
     ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
     EXPECT_LT(usage.ru_maxrss * 1024L, kMaxRssBytes) << usage.ru_maxrss << " KiB";
