@@ -5,9 +5,9 @@
 
 #include "gtest/gtest.h"
 #include "lib/codec/decoders.h"
-#include "lib/codec/heif-structure.h"
+#include "lib/codec/heif/heif-structure.h"
+#include "lib/codec/heif/testing/heif-fixtures.h"
 #include "lib/codec/testing/bitmap-probe.h"
-#include "lib/codec/testing/heif-fixtures.h"
 #include "lib/codec/testing/served-ahead.h"
 #include "lib/color/hdr-tone-map.h"
 #include "lib/utility/cancellation.h"

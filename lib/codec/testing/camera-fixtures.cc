@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "lib/codec/testing/image-fixtures.h"
-#include "lib/codec/testing/tiff-fixtures.h"
+#include "lib/codec/tiff/testing/tiff-fixtures.h"
 
 namespace tessera {
 namespace codec {

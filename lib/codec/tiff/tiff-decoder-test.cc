@@ -13,7 +13,7 @@
 #include "lib/codec/testing/bitmap-probe.h"
 #include "lib/codec/testing/camera-fixtures.h"
 #include "lib/codec/testing/served-ahead.h"
-#include "lib/codec/testing/tiff-fixtures.h"
+#include "lib/codec/tiff/testing/tiff-fixtures.h"
 #include "lib/color/testing/icc-fixtures.h"
 #include "lib/utility/testing/byte-writers.h"
 

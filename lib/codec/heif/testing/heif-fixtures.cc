@@ -1,4 +1,4 @@
-#include "lib/codec/testing/heif-fixtures.h"
+#include "lib/codec/heif/testing/heif-fixtures.h"
 
 #include <libheif/heif.h>
 
