@@ -19,7 +19,7 @@
 #include <jpeglib.h>
 #include <libheif/heif.h>
 
-#include "lib/codec/testing/heif-fixtures.h"
+#include "lib/codec/heif/testing/heif-fixtures.h"
 #include "lib/codec/testing/image-fixtures.h"
 #include "lib/color/testing/icc-fixtures.h"
 #include "lib/thumbnail/testing/scratch-dir.h"

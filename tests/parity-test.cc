@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "lib/codec/heif/testing/heif-fixtures.h"
 #include "lib/codec/testing/bmp-fixtures.h"
 #include "lib/codec/testing/camera-fixtures.h"
-#include "lib/codec/testing/heif-fixtures.h"
 #include "lib/codec/testing/image-fixtures.h"
-#include "lib/codec/testing/tiff-fixtures.h"
+#include "lib/codec/tiff/testing/tiff-fixtures.h"
 #include "lib/color/testing/icc-fixtures.h"
 #include "lib/utility/testing/scratch-dir.h"
 #include "lib/video/testing/video-test-files.h"

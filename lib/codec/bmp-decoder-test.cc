@@ -21,14 +21,11 @@ using testing::BmpLayout;
 using testing::FillBmpPixels;
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return CreateBmpDecoder()->Decode(source.get(), cx, out);
+  return testing::DecodeBytes(CreateBmpDecoder(), bytes, cx, out);
 }
 
 void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& what) {
-  EXPECT_NEAR(c.r, r, 3) << what << " " << testing::ToString(c);
-  EXPECT_NEAR(c.g, g, 3) << what << " " << testing::ToString(c);
-  EXPECT_NEAR(c.b, b, 3) << what << " " << testing::ToString(c);
+  testing::ExpectColorNear(c, r, g, b, 3, what);
 }
 
 // Top half red, bottom half blue: shows both the colours and which way up.

@@ -16,7 +16,7 @@
 // refused cleanly) after one ERROR line when the module cannot be loaded.
 //
 // Camera files in a TIFF container still reach the RAW module: the TIFF
-// module links its own copy of the RAW loader (raw-module.h), which finds
+// module links its own copy of the RAW loader (raw/raw-module.h), which finds
 // the RAW module beside the executable as the tool's copy would.
 #ifndef TESSERA_LIB_CODEC_DECODER_MODULES_H_
 #define TESSERA_LIB_CODEC_DECODER_MODULES_H_

@@ -9,8 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -127,8 +125,7 @@ TEST_F(ImageEncoderTest, PngRoundTripIsExactRgb) {
   const std::string path = Path("image.png");
   ASSERT_TRUE(SavePng(bitmap, path).ok());
 
-  std::ifstream in(path, std::ios::binary);
-  const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const std::string bytes = test::ReadAll(path);
   spng_ctx* ctx = spng_ctx_new(0);
   ASSERT_NE(ctx, nullptr);
   ASSERT_EQ(spng_set_png_buffer(ctx, bytes.data(), bytes.size()), 0);
@@ -187,8 +184,7 @@ TEST_F(ImageEncoderTest, FailuresAreReportedNotFatal) {
 // the name no longer leads to what was written.
 #ifndef _WIN32
 TEST_F(ImageEncoderTest, SavesThroughTheOpenFileNeverThroughALinkAtItsName) {
-  const std::string outside = Path("outside");
-  std::ofstream(outside) << "precious";
+  const std::string outside = scratch_.MakeFile("outside", "precious");
   const std::string name = Path("output");
   const std::string parked = Path("parked");
   const Bitmap bitmap = TwoTone(40, 30);
@@ -204,8 +200,7 @@ TEST_F(ImageEncoderTest, SavesThroughTheOpenFileNeverThroughALinkAtItsName) {
   // A link at the path is not opened either.
   EXPECT_EQ(SavePng(bitmap, name).code(), Status::Code::kIoError);
 
-  std::ifstream in(outside, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()), "precious");
+  EXPECT_EQ(test::ReadAll(outside), "precious");
   // The refused save still went into the file that was opened.
   const DecodedJpeg written = DecodeJpeg(parked);
   EXPECT_EQ(written.width, 40);

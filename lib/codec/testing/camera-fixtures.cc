@@ -6,26 +6,17 @@
 #include <vector>
 
 #include "lib/codec/testing/image-fixtures.h"
-#include "lib/codec/testing/tiff-fixtures.h"
+#include "lib/codec/tiff/testing/tiff-fixtures.h"
+#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
 namespace codec {
 namespace testing {
 namespace {
 
-uint32_t Le32(const std::string& s, size_t at) {
-  uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = v << 8 | static_cast<uint8_t>(s[at + i]);
-  return v;
-}
-
-uint16_t Le16(const std::string& s, size_t at) {
-  return static_cast<uint16_t>(static_cast<uint8_t>(s[at]) | static_cast<uint8_t>(s[at + 1]) << 8);
-}
-
-void PutLe32(std::string* s, size_t at, uint32_t v) {
-  for (int i = 0; i < 4; ++i) (*s)[at + i] = static_cast<char>(v >> (8 * i));
-}
+using ::tessera::testing::PutLe32At;
+using ::tessera::testing::ReadLe16;
+using ::tessera::testing::ReadLe32;
 
 void SetDngIdentity(TIFF* tif) {
   TIFFSetField(tif, TIFFTAG_MAKE, "Tessera");
@@ -208,17 +199,17 @@ std::string NikonScanNef(int width, int height, int preview_width, int preview_h
   std::string bytes = WriteTiff({scan, preview});
   if (scan_data || bytes.size() < 8) return bytes;
   // The scan's one strip, of its full size, starts past the end.
-  const size_t ifd = Le32(bytes, 4);
+  const size_t ifd = ReadLe32(bytes, 4);
   if (ifd + 2 > bytes.size()) return "";
-  const uint16_t entries = Le16(bytes, ifd);
-  for (uint16_t i = 0; i < entries; ++i) {
+  const uint32_t entries = ReadLe16(bytes, ifd);
+  for (uint32_t i = 0; i < entries; ++i) {
     const size_t entry = ifd + 2 + size_t{12} * i;
     if (entry + 12 > bytes.size()) return "";
-    const uint16_t tag = Le16(bytes, entry);
+    const uint32_t tag = ReadLe16(bytes, entry);
     if (tag != TIFFTAG_STRIPOFFSETS && tag != TIFFTAG_STRIPBYTECOUNTS) continue;
     bytes[entry + 2] = TIFF_LONG;  // either may have been written as a short
     bytes[entry + 3] = 0;
-    PutLe32(&bytes, entry + 8, tag == TIFFTAG_STRIPOFFSETS ? 0x7FFF0000u : static_cast<uint32_t>(width) * height * 6);
+    PutLe32At(&bytes, entry + 8, tag == TIFFTAG_STRIPOFFSETS ? 0x7FFF0000u : static_cast<uint32_t>(width) * height * 6);
   }
   return bytes;
 }

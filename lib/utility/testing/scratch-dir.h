@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 #include <system_error>
@@ -47,6 +48,12 @@ class ScratchDir {
  private:
   std::string path_;
 };
+
+// The bytes of the file at `path` (none when it cannot be read).
+inline std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 // Whether anything, a dangling link included, is there.
 inline bool Exists(const std::string& path) {

@@ -5,9 +5,9 @@
 
 #include "gtest/gtest.h"
 #include "lib/codec/decoders.h"
-#include "lib/codec/heif-structure.h"
+#include "lib/codec/heif/heif-structure.h"
+#include "lib/codec/heif/testing/heif-fixtures.h"
 #include "lib/codec/testing/bitmap-probe.h"
-#include "lib/codec/testing/heif-fixtures.h"
 #include "lib/codec/testing/served-ahead.h"
 #include "lib/color/hdr-tone-map.h"
 #include "lib/utility/cancellation.h"
@@ -24,14 +24,11 @@ using testing::HeifFixture;
 using testing::SolidHeif;
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return CreateHeifDecoder()->Decode(source.get(), cx, out);
+  return testing::DecodeBytes(CreateHeifDecoder(), bytes, cx, out);
 }
 
 void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& what) {
-  EXPECT_NEAR(c.r, r, 6) << what << " " << testing::ToString(c);
-  EXPECT_NEAR(c.g, g, 6) << what << " " << testing::ToString(c);
-  EXPECT_NEAR(c.b, b, 6) << what << " " << testing::ToString(c);
+  testing::ExpectColorNear(c, r, g, b, 6, what);
 }
 
 // Left half red, right half blue.
@@ -72,21 +69,6 @@ TEST_F(HeifDecoderTest, RotationBoxIsAppliedOnce) {
   EXPECT_EQ(bitmap.height(), 16);
 }
 
-TEST_F(HeifDecoderTest, ThumbnailOnlyWhenLargeEnough) {
-  // The primary is red, its 32x16 thumbnail green.
-  HeifFixture fixture;
-  fixture.paint = SolidHeif(255, 0, 0);
-  fixture.thumbnail_paint = SolidHeif(0, 255, 0);
-  const std::string heif = EncodeHeif(fixture);
-  image::Bitmap bitmap;
-  ASSERT_TRUE(Decode(heif, 24, &bitmap).ok());
-  EXPECT_EQ(bitmap.width(), 24);
-  ExpectColor(MeanColor(bitmap), 0, 255, 0, "thumbnail");
-  ASSERT_TRUE(Decode(heif, 48, &bitmap).ok());
-  EXPECT_EQ(bitmap.width(), 48);
-  ExpectColor(MeanColor(bitmap), 255, 0, 0, "primary");
-}
-
 TEST_F(HeifDecoderTest, WideGamutPrimariesConvertToSrgb) {
   // Display P3 (nclx primaries 12) mid green: sRGB has less of the green
   // primary, so red drops and green rises relative to the stored values.
@@ -125,14 +107,22 @@ TEST_F(HeifDecoderTest, HostileInputFailsCleanly) {
   EXPECT_FALSE(Decode(heif.substr(0, 40), 64, &bitmap).ok());
 }
 
-TEST_F(HeifDecoderTest, OneDecodeServesTheSizesOfTheSameImage) {
-  // The primary (64x32) is red, its thumbnail (32x16) green: requests up
-  // to 32 take the thumbnail, larger ones the primary, and neither is ever
-  // served from the other.
+// The primary (64x32, red and blue halves) serves requests over 32, its
+// green 32x16 thumbnail the others; one decode serves the other sizes of
+// the same image, and neither image is ever served from the other.
+TEST_F(HeifDecoderTest, ThumbnailOnlyWhenLargeEnoughAndOneDecodeServesItsSizes) {
   HeifFixture fixture;
   fixture.paint = RedBlue;
   fixture.thumbnail_paint = SolidHeif(0, 255, 0);
   const std::string heif = EncodeHeif(fixture);
+  image::Bitmap bitmap;
+  ASSERT_TRUE(Decode(heif, 24, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 24);
+  ExpectColor(MeanColor(bitmap), 0, 255, 0, "thumbnail");
+  ASSERT_TRUE(Decode(heif, 48, &bitmap).ok());
+  EXPECT_EQ(bitmap.width(), 48);
+  ExpectColor(MeanColor(bitmap, 0, 0, 20, 24), 255, 0, 0, "primary");
+
   const testing::DecoderFactory create = [] { return CreateHeifDecoder(); };
   EXPECT_EQ(testing::ServedAhead(create, heif, {24, 48, 16, 60, 32}), (std::vector<uint32_t>{16, 32}));
   EXPECT_EQ(testing::ServedAhead(create, heif, {48, 24, 60, 16}), (std::vector<uint32_t>{60}));

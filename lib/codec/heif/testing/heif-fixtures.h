@@ -4,8 +4,8 @@
 // one coded tile, which can take the shapes real encoders never write
 // (tens of thousands of tiles, tiles referenced many times over).
 // Test-only.
-#ifndef TESSERA_LIB_CODEC_TESTING_HEIF_FIXTURES_H_
-#define TESSERA_LIB_CODEC_TESTING_HEIF_FIXTURES_H_
+#ifndef TESSERA_LIB_CODEC_HEIF_TESTING_HEIF_FIXTURES_H_
+#define TESSERA_LIB_CODEC_HEIF_TESTING_HEIF_FIXTURES_H_
 
 #include <cstdint>
 #include <functional>
@@ -76,4 +76,4 @@ std::string BuildHeifItemGraph(const HeifItemGraph& graph);
 }  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_CODEC_TESTING_HEIF_FIXTURES_H_
+#endif  // TESSERA_LIB_CODEC_HEIF_TESTING_HEIF_FIXTURES_H_

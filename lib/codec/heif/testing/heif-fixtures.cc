@@ -1,8 +1,10 @@
-#include "lib/codec/testing/heif-fixtures.h"
+#include "lib/codec/heif/testing/heif-fixtures.h"
 
 #include <libheif/heif.h>
 
 #include <vector>
+
+#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
 namespace codec {
@@ -39,19 +41,9 @@ heif_error WriteToString(heif_context*, const void* data, size_t size, void* use
   return heif_error{heif_error_Ok, heif_suberror_Unspecified, "ok"};
 }
 
-uint32_t Be32(const std::string& s, size_t at) {
-  return uint32_t{static_cast<uint8_t>(s[at])} << 24 | uint32_t{static_cast<uint8_t>(s[at + 1])} << 16 |
-         uint32_t{static_cast<uint8_t>(s[at + 2])} << 8 | uint32_t{static_cast<uint8_t>(s[at + 3])};
-}
-
-void Put16(std::string* s, uint32_t v) {
-  s->push_back(static_cast<char>(v >> 8));
-  s->push_back(static_cast<char>(v));
-}
-void Put32(std::string* s, uint32_t v) {
-  Put16(s, v >> 16);
-  Put16(s, v & 0xFFFF);
-}
+constexpr auto Be32 = ::tessera::testing::ReadBe32;
+constexpr auto Put16 = ::tessera::testing::AppendBe16;
+constexpr auto Put32 = ::tessera::testing::AppendBe32;
 
 std::string MakeBox(const char* type, const std::string& payload) {
   std::string box;

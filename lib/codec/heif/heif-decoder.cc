@@ -24,7 +24,7 @@
 #include <vector>
 
 #include "lib/codec/decoders.h"
-#include "lib/codec/heif-structure.h"
+#include "lib/codec/heif/heif-structure.h"
 #include "lib/codec/reducing-sink.h"
 #include "lib/color/color-profile.h"
 #include "lib/color/hdr-tone-map.h"

@@ -1,7 +1,7 @@
 // TIFF test files written with libtiff, pages of any sample layout.
 // Test-only.
-#ifndef TESSERA_LIB_CODEC_TESTING_TIFF_FIXTURES_H_
-#define TESSERA_LIB_CODEC_TESTING_TIFF_FIXTURES_H_
+#ifndef TESSERA_LIB_CODEC_TIFF_TESTING_TIFF_FIXTURES_H_
+#define TESSERA_LIB_CODEC_TIFF_TESTING_TIFF_FIXTURES_H_
 
 #include <tiffio.h>
 
@@ -56,4 +56,4 @@ std::function<double(int, int, int)> Solid(std::vector<double> value);
 }  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_CODEC_TESTING_TIFF_FIXTURES_H_
+#endif  // TESSERA_LIB_CODEC_TIFF_TESTING_TIFF_FIXTURES_H_

@@ -1,11 +1,11 @@
-#include "lib/codec/heif-structure.h"
+#include "lib/codec/heif/heif-structure.h"
 
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "lib/codec/testing/heif-fixtures.h"
+#include "lib/codec/heif/testing/heif-fixtures.h"
 #include "lib/utility/cancellation.h"
 
 namespace tessera {

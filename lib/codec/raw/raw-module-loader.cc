@@ -5,8 +5,8 @@
 
 #include "lib/codec/decoder-module.h"
 #include "lib/codec/decoders.h"
-#include "lib/codec/raw-decoder.h"
-#include "lib/codec/raw-module.h"
+#include "lib/codec/raw/raw-decoder.h"
+#include "lib/codec/raw/raw-module.h"
 #include "lib/codec/reduction-cache.h"
 
 namespace tessera {

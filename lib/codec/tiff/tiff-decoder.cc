@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "lib/codec/decoders.h"
-#include "lib/codec/raw-decoder.h"
+#include "lib/codec/raw/raw-decoder.h"
 #include "lib/codec/reducing-sink.h"
 #include "lib/color/color-profile.h"
 #include "lib/image/limits.h"
@@ -531,7 +531,7 @@ Candidate ChooseImage(const ImageChoices& choices, uint32_t cx) {
 
 // A smaller image to serve cx from when the page's own data cannot be
 // read: the smallest reduced copy (or, with `next_page_too`, the preview
-// page) large enough by the rule of camera RAW previews (raw-decoder.cc):
+// page) large enough by the rule of camera RAW previews (raw/raw-decoder.cc):
 // a longer side of at least two thirds of cx, or of the page's.
 bool ChooseStandIn(const ImageChoices& choices, uint32_t cx, bool next_page_too, Candidate* out) {
   const uint32_t main_longer = std::max(choices.main.width, choices.main.height);

@@ -22,7 +22,7 @@
 #include <string>
 
 #include "lib/codec/decoders.h"
-#include "lib/codec/raw-decoder.h"
+#include "lib/codec/raw/raw-decoder.h"
 #include "lib/codec/reducing-sink.h"
 #include "lib/image/exif-orientation.h"
 #include "lib/image/limits.h"

@@ -9,8 +9,8 @@
 // refuses files beyond what cameras and phones write (a 48-megapixel grid
 // has 100 to 200 tiles) before any of that work starts. Internal to
 // lib/codec.
-#ifndef TESSERA_LIB_CODEC_HEIF_STRUCTURE_H_
-#define TESSERA_LIB_CODEC_HEIF_STRUCTURE_H_
+#ifndef TESSERA_LIB_CODEC_HEIF_HEIF_STRUCTURE_H_
+#define TESSERA_LIB_CODEC_HEIF_HEIF_STRUCTURE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -56,4 +56,4 @@ Status CheckHeifStructure(const uint8_t* data, size_t size, const ByteSource& so
 }  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_CODEC_HEIF_STRUCTURE_H_
+#endif  // TESSERA_LIB_CODEC_HEIF_HEIF_STRUCTURE_H_

@@ -11,15 +11,15 @@
 // (no decoder: the file is refused cleanly) and DecodeCameraRaw() refuses
 // with NotSupported, so that the TIFF decoder reads a camera file in a TIFF
 // container as the plain TIFF it also is.
-#ifndef TESSERA_LIB_CODEC_RAW_MODULE_H_
-#define TESSERA_LIB_CODEC_RAW_MODULE_H_
+#ifndef TESSERA_LIB_CODEC_RAW_RAW_MODULE_H_
+#define TESSERA_LIB_CODEC_RAW_RAW_MODULE_H_
 
 #include <cstdint>
 #include <string>
 
 #include "lib/codec/byte-source.h"
 #include "lib/codec/image-decoder.h"
-#include "lib/codec/raw-decoder.h"
+#include "lib/codec/raw/raw-decoder.h"
 #include "lib/codec/reducing-sink.h"
 #include "lib/image/bitmap.h"
 #include "lib/utility/status.h"
@@ -49,4 +49,4 @@ void SetRawModulePath(const std::string& path);
 }  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_CODEC_RAW_MODULE_H_
+#endif  // TESSERA_LIB_CODEC_RAW_RAW_MODULE_H_

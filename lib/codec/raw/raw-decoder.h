@@ -2,8 +2,8 @@
 // RAW formats are TIFF-shaped). Internal to lib/codec. Defined with LibRaw by
 // raw-decoder.cc, or, in the tool, by the RAW module's loader
 // (raw-module.h), which loads LibRaw on the first call.
-#ifndef TESSERA_LIB_CODEC_RAW_DECODER_H_
-#define TESSERA_LIB_CODEC_RAW_DECODER_H_
+#ifndef TESSERA_LIB_CODEC_RAW_RAW_DECODER_H_
+#define TESSERA_LIB_CODEC_RAW_RAW_DECODER_H_
 
 #include <cstdint>
 #include <string>
@@ -60,4 +60,4 @@ bool IsNotCameraRaw(const Status& status);
 }  // namespace codec
 }  // namespace tessera
 
-#endif  // TESSERA_LIB_CODEC_RAW_DECODER_H_
+#endif  // TESSERA_LIB_CODEC_RAW_RAW_DECODER_H_

@@ -1,7 +1,4 @@
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -19,11 +16,7 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 
-void ExpectColor(const Rgb& c, double r, double g, double b) {
-  EXPECT_NEAR(c.r, r, 12) << testing::ToString(c);
-  EXPECT_NEAR(c.g, g, 12) << testing::ToString(c);
-  EXPECT_NEAR(c.b, b, 12) << testing::ToString(c);
-}
+void ExpectColor(const Rgb& c, double r, double g, double b) { testing::ExpectColorNear(c, r, g, b, 12); }
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
   auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());

@@ -1,4 +1,4 @@
-#include "lib/codec/testing/tiff-fixtures.h"
+#include "lib/codec/tiff/testing/tiff-fixtures.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "lib/codec/heif-structure.h"
+#include "lib/codec/heif/heif-structure.h"
 
 #include <string>
 #include <unordered_map>

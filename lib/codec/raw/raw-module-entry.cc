@@ -1,7 +1,7 @@
 // The loadable RAW module's one export: the table of its entry points.
 #include "lib/codec/decoders.h"
-#include "lib/codec/raw-decoder.h"
-#include "lib/codec/raw-module.h"
+#include "lib/codec/raw/raw-decoder.h"
+#include "lib/codec/raw/raw-module.h"
 
 namespace tessera {
 namespace codec {
