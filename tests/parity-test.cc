@@ -303,6 +303,7 @@ TEST(ParityTest, TheWindowsBuildMakesTheThumbnailsThisBuildMakes) {
     const std::chrono::duration<double> linux_time = middle - start;
     const std::chrono::duration<double> windows_time = Clock::now() - middle;
     std::printf("%-18s %8.2f %8.2f\n", fixture.name, linux_time.count(), windows_time.count());
+    std::fflush(stdout);
     ASSERT_TRUE(linux_run.exited && linux_run.status == 0) << linux_run.err;
     ASSERT_TRUE(windows_run.exited && windows_run.status == 0) << windows_run.status << " " << windows_run.err;
     const Json::Value linux_report = Report(linux_run);
