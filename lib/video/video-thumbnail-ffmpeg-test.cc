@@ -63,6 +63,13 @@ class VideoFfmpegTest : public ::testing::Test {
     }
     return "";
   }
+  // Makes `name` in the scratch directory with `ffmpeg <args> <path>`.
+  std::string Make(const std::string& name, const std::string& args) {
+    const std::string path = dir_.Path(name);
+    EXPECT_TRUE(RunFfmpeg(args + " '" + path + "'")) << name;
+    return path;
+  }
+
   test::ScratchDir dir_;
 };
 
@@ -71,14 +78,13 @@ TEST_F(VideoFfmpegTest, ExportsUprightFramesOfRotatedClips) {
     int rotation;  // counter-clockwise, as the display matrix reads
     int width, height, marker_x, marker_y;
   };
-  const std::string marked = dir_.Path("marked.mp4");
-  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + marked + "'"));
+  const std::string marked = Make("marked.mp4", std::string(kMarked) + kH264);
   for (const Case& c : {Case{0, 64, 48, 4, 4}, Case{90, 48, 64, 4, 59}, Case{180, 64, 48, 59, 43}}) {
     SCOPED_TRACE(c.rotation);
     // The rotation tag becomes a display matrix when the stream is copied.
-    const std::string clip = dir_.Path("turned" + std::to_string(c.rotation) + ".mp4");
-    ASSERT_TRUE(RunFfmpeg("-i '" + marked + "' -c copy -metadata:s:v:0 rotate=" + std::to_string(c.rotation) +
-                          " '" + clip + "'"));
+    const std::string turn = std::to_string(c.rotation);
+    const std::string clip = Make("turned" + turn + ".mp4", "-i '" + marked + "' -c copy -metadata:s:v:0 rotate=" +
+                                  turn);
 
     const std::string frame = dir_.Path("frame.jpg");
     ASSERT_EQ("", ExportMessage(clip, frame));
@@ -106,8 +112,7 @@ bool SameBitmap(const image::Bitmap& a, const image::Bitmap& b) {
 // size: each must be exactly what a fresh decode gives, and a file that
 // changes is decoded again.
 TEST_F(VideoFfmpegTest, LaterSizesOfOneClipEqualFreshDecodes) {
-  const std::string clip = dir_.Path("clip.mp4");
-  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + "-vf setsar=2 " + kH264 + "'" + clip + "'"));
+  const std::string clip = Make("clip.mp4", std::string(kMarked) + "-vf setsar=2 " + kH264);
   image::Bitmap small, large, same;
   ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &small, nullptr, kRunLargest).ok());
   ASSERT_TRUE(ExtractVideoThumbnail(clip, 128, &large, nullptr, kRunLargest).ok());
@@ -126,7 +131,7 @@ TEST_F(VideoFfmpegTest, LaterSizesOfOneClipEqualFreshDecodes) {
   ASSERT_TRUE(ExtractVideoThumbnail(copy, 40, &fresh, nullptr, kRunLargest).ok());
   EXPECT_TRUE(SameBitmap(small, fresh));
 
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=64x48:r=10:d=2 " + std::string(kH264) + "'" + clip + "'"));
+  Make("clip.mp4", "-f lavfi -i color=c=red:s=64x48:r=10:d=2 " + std::string(kH264));
   ASSERT_TRUE(ExtractVideoThumbnail(clip, 40, &fresh, nullptr, kRunLargest).ok());
   EXPECT_EQ(40, fresh.width());
   EXPECT_TRUE(RedBgra(Pixel(fresh, 30, 20)));
@@ -163,8 +168,7 @@ TEST_F(VideoFfmpegTest, PicksTheSameFrameAmongUndecodedBFrames) {
     SCOPED_TRACE(c.duration);
     std::string source = moving;
     source.replace(source.find("DURATION"), 8, c.duration);
-    const std::string clip = dir_.Path(std::string("bars-") + c.duration + ".mp4");
-    ASSERT_TRUE(RunFfmpeg(source + c.audio + b_frames + "'" + clip + "'"));
+    const std::string clip = Make(std::string("bars-") + c.duration + ".mp4", source + c.audio + b_frames);
     image::Bitmap thumb;
     ASSERT_TRUE(ExtractVideoThumbnail(clip, 64, &thumb).ok());
     ASSERT_EQ(64, thumb.width());
@@ -173,19 +177,16 @@ TEST_F(VideoFfmpegTest, PicksTheSameFrameAmongUndecodedBFrames) {
 }
 
 TEST_F(VideoFfmpegTest, CoverArtCountsAsVideoButPlainAudioDoesNot) {
-  const std::string cover = dir_.Path("cover.png");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=40x40 -frames:v 1 '" + cover + "'"));
-  const std::string with_art = dir_.Path("art.m4a");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i sine=d=1 -i '" + cover + "' -map 0 -map 1 -c:a aac -c:v png "
-                        "-disposition:v attached_pic '" + with_art + "'"));
+  const std::string cover = Make("cover.png", "-f lavfi -i color=c=red:s=40x40 -frames:v 1");
+  const std::string with_art = Make("art.m4a", "-f lavfi -i sine=d=1 -i '" + cover +
+                                                   "' -map 0 -map 1 -c:a aac -c:v png -disposition:v attached_pic");
   EXPECT_TRUE(IsVideoContent(with_art));
   image::Bitmap thumb;
   ASSERT_TRUE(ExtractVideoThumbnail(with_art, 20, &thumb).ok());
   EXPECT_EQ(20, thumb.width());
   EXPECT_TRUE(RedBgra(Pixel(thumb, 10, 10)));
 
-  const std::string plain = dir_.Path("plain.m4a");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i sine=d=1 -c:a aac '" + plain + "'"));
+  const std::string plain = Make("plain.m4a", "-f lavfi -i sine=d=1 -c:a aac");
   EXPECT_FALSE(IsVideoContent(plain));
   EXPECT_EQ(Status::Code::kNotSupported, ExtractVideoThumbnail(plain, 20, &thumb).code());
   EXPECT_NE("", ExportMessage(plain, dir_.Path("plain.jpg")));
@@ -196,16 +197,13 @@ TEST_F(VideoFfmpegTest, CoverArtCountsAsVideoButPlainAudioDoesNot) {
 // got a packet (the container's choice skips them), and the stream chosen
 // may have packets of which none decodes (the next one is taken).
 TEST_F(VideoFfmpegTest, TakesAVideoStreamThatHasFrames) {
-  const std::string red = dir_.Path("red.wmv");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=64x48:r=10:d=2 -c:v wmv2 '" + red + "'"));
+  const std::string red = Make("red.wmv", "-f lavfi -i color=c=red:s=64x48:r=10:d=2 -c:v wmv2");
   // Started past their end, the first two inputs give no frames to encode.
-  ASSERT_TRUE(RunFfmpeg("-ss 10 -i '" + red + "' -ss 10 -i '" + red + "' -i '" + red +
-                        "' -map 0:v -map 1:v -map 2:v -c:v wmv2 '" + dir_.Path("cut-short.wmv") + "'"));
-  const std::string green = dir_.Path("green.mkv");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=64x48:r=10:d=2 -c:v mpeg4 '" + green + "'"));
+  Make("cut-short.wmv", "-ss 10 -i '" + red + "' -ss 10 -i '" + red + "' -i '" + red +
+                            "' -map 0:v -map 1:v -map 2:v -c:v wmv2");
+  const std::string green = Make("green.mkv", "-f lavfi -i color=c=green:s=64x48:r=10:d=2 -c:v mpeg4");
   // Every byte of the first stream's packets overwritten.
-  ASSERT_TRUE(RunFfmpeg("-i '" + green + "' -i '" + green + "' -map 0:v -map 1:v -c copy -bsf:v:0 noise=amount=1 '" +
-                        dir_.Path("damaged.mkv") + "'"));
+  Make("damaged.mkv", "-i '" + green + "' -i '" + green + "' -map 0:v -map 1:v -c copy -bsf:v:0 noise=amount=1");
   struct Case {
     const char* name;
     bool (*colour)(const uint8_t*);
@@ -222,11 +220,10 @@ TEST_F(VideoFfmpegTest, TakesAVideoStreamThatHasFrames) {
 }
 
 TEST_F(VideoFfmpegTest, RefusesListsImagesMissingAndDamagedFiles) {
-  const std::string clip = dir_.Path("clip.mp4");
-  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
+  const std::string clip = Make("clip.mp4", std::string(kMarked) + kH264);
   std::ofstream(dir_.Path("list.ffconcat")) << "ffconcat version 1.0\nfile 'clip.mp4'\n";
   std::ofstream(dir_.Path("list.m3u8")) << "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\nclip.mp4\n#EXT-X-ENDLIST\n";
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=red:s=40x40 -frames:v 1 '" + dir_.Path("still.jpg") + "'"));
+  Make("still.jpg", "-f lavfi -i color=c=red:s=40x40 -frames:v 1");
   for (const char* name : {"list.ffconcat", "list.m3u8", "still.jpg", "missing.mp4"}) {
     SCOPED_TRACE(name);
     EXPECT_FALSE(IsVideoContent(dir_.Path(name)));
@@ -255,13 +252,12 @@ TEST_F(VideoFfmpegTest, RefusesListsImagesMissingAndDamagedFiles) {
 TEST_F(VideoFfmpegTest, HlgVideoIsToneMappedNotWashedOutAndRefusedByTheFrameReader) {
   // The same colour bars as SDR H.264 and as 10-bit HLG BT.2020 HEVC.
   const std::string bars = "-f lavfi -i smptebars=s=64x48:r=10:d=2 ";
-  const std::string sdr = dir_.Path("sdr.mp4");
-  const std::string hdr = dir_.Path("hdr.mp4");
-  ASSERT_TRUE(RunFfmpeg(bars + kH264 + "-colorspace bt709 -color_primaries bt709 -color_trc bt709 '" + sdr + "'"));
-  ASSERT_TRUE(RunFfmpeg(bars +
-                        "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=arib-std-b67:m=bt2020nc:p=bt2020,"
-                        "format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params log-level=none "
-                        "-colorspace bt2020nc -color_primaries bt2020 -color_trc arib-std-b67 '" + hdr + "'"));
+  const std::string sdr = Make("sdr.mp4", bars + kH264 + "-colorspace bt709 -color_primaries bt709 -color_trc bt709");
+  const std::string hdr = Make("hdr.mp4", bars +
+                                              "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=arib-std-b67:m=bt2020nc:"
+                                              "p=bt2020,format=yuv420p10le -c:v libx265 -preset ultrafast "
+                                              "-x265-params log-level=none -colorspace bt2020nc "
+                                              "-color_primaries bt2020 -color_trc arib-std-b67");
   image::Bitmap sdr_thumb, hdr_thumb;
   ASSERT_TRUE(ExtractVideoThumbnail(sdr, 64, &sdr_thumb).ok());
   ASSERT_TRUE(ExtractVideoThumbnail(hdr, 64, &hdr_thumb).ok());
@@ -289,12 +285,12 @@ TEST_F(VideoFfmpegTest, PqHighlightsReachWhiteAtTheDeclaredPeak) {
                              "WP(15635,16450)L(3000000,50)",
                              true}}) {
     SCOPED_TRACE(c.name);
-    const std::string clip = dir_.Path(c.name);
-    ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=white:s=64x48:r=10:d=1.5 "
-                          "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=smpte2084:m=bt2020nc:p=bt2020:npl=300,"
-                          "format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params 'log-level=none" +
-                          std::string(c.metadata) +
-                          "' -colorspace bt2020nc -color_primaries bt2020 -color_trc smpte2084 '" + clip + "'"));
+    const std::string clip =
+        Make(c.name, "-f lavfi -i color=c=white:s=64x48:r=10:d=1.5 "
+                     "-vf zscale=tin=bt709:min=bt709:pin=bt709:t=smpte2084:m=bt2020nc:p=bt2020:npl=300,"
+                     "format=yuv420p10le -c:v libx265 -preset ultrafast -x265-params 'log-level=none" +
+                         std::string(c.metadata) +
+                         "' -colorspace bt2020nc -color_primaries bt2020 -color_trc smpte2084");
     image::Bitmap thumb;
     ASSERT_TRUE(ExtractVideoThumbnail(clip, 64, &thumb).ok());
     const uint8_t* p = Pixel(thumb, 32, 24);
@@ -319,8 +315,7 @@ std::shared_ptr<const utility::Cancellation> Cancelled() {
 // the run's deadline has passed. A stop is no failure of the file: it is
 // tried again, and then works.
 TEST_F(VideoFfmpegTest, CancelledWorkStopsAtOnceAndIsTriedAgainLater) {
-  const std::string clip = dir_.Path("clip.mp4");
-  ASSERT_TRUE(RunFfmpeg(std::string(kMarked) + kH264 + "'" + clip + "'"));
+  const std::string clip = Make("clip.mp4", std::string(kMarked) + kH264);
   image::Bitmap thumb;
   EXPECT_FALSE(IsVideoContent(clip, Cancelled()));
   EXPECT_EQ(Status::Code::kTimeout, ExtractVideoThumbnail(clip, 32, &thumb, Cancelled()).code());
@@ -343,15 +338,13 @@ TEST_F(VideoFfmpegTest, CancelledWorkStopsAtOnceAndIsTriedAgainLater) {
 // failure without opening it (so even a cancelled one does), until the file
 // changes.
 TEST_F(VideoFfmpegTest, FailuresThatWouldRepeatAreRememberedForTheFile) {
-  const std::string tiny = dir_.Path("tiny.mkv");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=blue:s=16x16:r=1:d=1 " + std::string(kH264) + "'" + tiny + "'"));
+  const std::string tiny = Make("tiny.mkv", "-f lavfi -i color=c=blue:s=16x16:r=1:d=1 " + std::string(kH264));
   // More tracks than any real file has: refused when opened.
   std::string maps;
   for (int i = 0; i < 300; ++i) maps += "-map 0:v ";
-  ASSERT_TRUE(RunFfmpeg("-i '" + tiny + "' " + maps + "-c copy '" + dir_.Path("tracks.mkv") + "'"));
+  Make("tracks.mkv", "-i '" + tiny + "' " + maps + "-c copy");
   // A clip whose frames are all zero bytes: it opens, but nothing decodes.
-  const std::string good = dir_.Path("good.mp4");
-  ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=64x48:r=10:d=1 " + std::string(kH264) + "'" + good + "'"));
+  const std::string good = Make("good.mp4", "-f lavfi -i color=c=green:s=64x48:r=10:d=1 " + std::string(kH264));
   std::ifstream in(good, std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   const size_t mdat = bytes.find("mdat");
@@ -402,8 +395,7 @@ TEST_F(VideoFfmpegTest, HugeFramesAreConvertedAtTheSizeTheRunNeeds) {
   };
   for (const Case& c : {Case{"wide-sdr.mp4", kH264}, Case{"wide-pq.mp4", hdr_args}}) {
     SCOPED_TRACE(c.name);
-    const std::string clip = dir_.Path(c.name);
-    ASSERT_TRUE(RunFfmpeg("-f lavfi -i color=c=green:s=4000x96:r=10:d=1.5 " + c.codec + "'" + clip + "'"));
+    const std::string clip = Make(c.name, "-f lavfi -i color=c=green:s=4000x96:r=10:d=1.5 " + c.codec);
     struct Request {
       uint32_t cx;
       int width, height;
