@@ -34,11 +34,11 @@ class SourceReaderTest : public ::testing::Test {
  protected:
   // Exports with seek time 1 through a fake; returns the exception text, or
   // "" on success (the image then in image_).
-  std::string Export(const FakeMediaScript& script, int32_t seek_seconds = 1) {
+  std::string Export(const FakeMediaScript& script) {
     const std::string path = dir_.Path("frame.jpg");
     try {
       SourceReader reader(std::make_unique<FakeMediaSource>(script, log_), u"clip.mp4", kShortWait);
-      reader.ExportFrame(utility::UTF8ToUTF16(path), seek_seconds);
+      reader.ExportFrame(utility::UTF8ToUTF16(path), 1);
     } catch (const std::runtime_error& error) {
       return error.what();
     }
