@@ -5,12 +5,14 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace tessera {
 namespace test {
@@ -43,6 +45,16 @@ class ScratchDir {
   std::string MakeFile(const std::string& name, const std::string& content = "data") const {
     std::ofstream(Path(name)) << content;
     return Path(name);
+  }
+  // The names of the directory's entries, sorted.
+  std::vector<std::string> Names() const {
+    std::vector<std::string> names;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(path_, ignored)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
   }
 
  private:
