@@ -22,7 +22,7 @@
 #include "lib/codec/heif/testing/heif-fixtures.h"
 #include "lib/codec/testing/image-fixtures.h"
 #include "lib/color/testing/icc-fixtures.h"
-#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/scratch-dir.h"
 #include "lib/utility/testing/byte-writers.h"
 #include "tests/clean-run.h"
 #include "tests/image-bytes.h"
@@ -37,7 +37,7 @@ using testing::PutBe32;
 using testing::RunProcess;
 using testing::RunTool;
 using testing::ZeroPng;
-using thumbnail::testing::ScratchDir;
+using test::ScratchDir;
 constexpr auto PutLe16 = tessera::testing::AppendLe16;
 constexpr auto PutLe32 = tessera::testing::AppendLe32;
 
@@ -260,28 +260,28 @@ bool Ffmpeg(const std::vector<std::string>& args) {
 TEST(BombTest, HostileVideosCostWhatOneSmallFrameCosts) {
   ScratchDir scratch;
   ASSERT_FALSE(scratch.path().empty());
-  const std::string out = scratch.Join("out");
+  const std::string out = scratch.Path("out");
 
   // One 4K key frame, then a hundred tracks holding it (2.5 MB).
-  const std::string frame = scratch.Join("frame.mkv");
+  const std::string frame = scratch.Path("frame.mkv");
   ASSERT_TRUE(Ffmpeg({"-f", "lavfi", "-i", "color=c=gray:s=3840x2160:r=1:d=1", "-frames:v", "1", "-c:v", "libx264",
                       "-preset", "ultrafast", "-pix_fmt", "yuv420p", frame}));
   std::vector<std::string> remux = {"-i", frame};
   for (int i = 0; i < 100; ++i) remux.insert(remux.end(), {"-map", "0:v"});
-  remux.insert(remux.end(), {"-c", "copy", scratch.Join("tracks.mkv")});
+  remux.insert(remux.end(), {"-c", "copy", scratch.Path("tracks.mkv")});
   ASSERT_TRUE(Ffmpeg(remux));
-  std::ofstream(scratch.Join("empty-tracks.mkv"), std::ios::binary) << EmptyTracksMkv(1000);
+  std::ofstream(scratch.Path("empty-tracks.mkv"), std::ios::binary) << EmptyTracksMkv(1000);
   // An 8192 x 8192 frame tagged PQ (200 KB).
   ASSERT_TRUE(Ffmpeg({"-f", "lavfi", "-i", "color=c=gray:s=8192x8192:r=1:d=1", "-frames:v", "1", "-c:v", "libx264",
                       "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-color_trc", "smpte2084", "-color_primaries",
-                      "bt2020", "-colorspace", "bt2020nc", scratch.Join("pq.mp4")}));
+                      "bt2020", "-colorspace", "bt2020nc", scratch.Path("pq.mp4")}));
 
   // Runs the tool on `name`; its peak resident size goes to *peak_kib.
   auto run = [&](const char* name, int thumbnails, long* peak_kib) {
     std::filesystem::remove_all(out);
     mkdir(out.c_str(), 0755);
     const auto start = std::chrono::steady_clock::now();
-    const ProcessResult result = RunTool({"--output_dir", out, "--src", scratch.Join(name)});
+    const ProcessResult result = RunTool({"--output_dir", out, "--src", scratch.Path(name)});
     const auto elapsed = std::chrono::steady_clock::now() - start;
     EXPECT_EQ(thumbnails, ExpectCleanRun(result, out));
     EXPECT_LT(elapsed, kMaxVideoRun);
@@ -311,7 +311,7 @@ TEST(BombTest, HostileVideosCostWhatOneSmallFrameCosts) {
 TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
   ScratchDir scratch;
   ASSERT_FALSE(scratch.path().empty());
-  const std::string out = scratch.Join("out");
+  const std::string out = scratch.Path("out");
   ASSERT_EQ(mkdir(out.c_str(), 0755), 0);
 
   struct Case {
@@ -345,7 +345,7 @@ TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_FALSE(c.bytes.empty());
-    const std::string src = scratch.Join(c.name);
+    const std::string src = scratch.Path(c.name);
     std::ofstream(src, std::ios::binary) << c.bytes;
     std::filesystem::remove_all(out);
     mkdir(out.c_str(), 0755);
@@ -372,7 +372,7 @@ TEST(BombTest, PeakMemoryStaysBoundedForEveryFamily) {
 TEST(BombTest, HeifTileBombsEndQuickly) {
   ScratchDir scratch;
   ASSERT_FALSE(scratch.path().empty());
-  const std::string out = scratch.Join("out");
+  const std::string out = scratch.Path("out");
   codec::testing::HeifFixture fixture;
   fixture.width = fixture.height = 64;
   fixture.paint = codec::testing::SolidHeif(90, 120, 200);
@@ -394,7 +394,7 @@ TEST(BombTest, HeifTileBombsEndQuickly) {
     grid.rows = c.rows;
     grid.columns = c.columns;
     grid.tile_items = c.tile_items;
-    const std::string src = scratch.Join(c.name);
+    const std::string src = scratch.Path(c.name);
     std::ofstream(src, std::ios::binary) << codec::testing::BuildHeifGrid(grid);
     std::filesystem::remove_all(out);
     mkdir(out.c_str(), 0755);

@@ -229,7 +229,7 @@ std::vector<Fixture> Fixtures() {
       {"clip.mkv", Ffmpeg(std::string(kClip) + kH264)},
       {"mpeg4.avi", Ffmpeg(std::string(kClip) + "-c:v mpeg4")},
       {"clip.flv", Ffmpeg(std::string(kClip) + "-c:v flv1")},
-      {"cover.m4a", Ffmpeg("-f lavfi -i sine=d=1 -f lavfi -i testsrc2=s=200x200 -frames:v 1 -map 0 -map 1 -c:a aac "
+      {"cover.m4a", Ffmpeg("-f lavfi -i sine=d=1 -f lavfi -i testsrc2=s=200x200:d=0.04 -map 0 -map 1 -c:a aac "
                            "-c:v png -disposition:v attached_pic")},
       {"audio.m4a", Ffmpeg("-f lavfi -i sine=d=1 -c:a aac")},
       {"no-moov.mp4", From("h264.mp4", [](const std::string& from, const std::string& to) {
