@@ -11,9 +11,9 @@ to=$2
 objdump=x86_64-w64-mingw32-objdump
 
 # The system DLLs the tool and its modules may import (lower case).
-system_dlls=" kernel32.dll user32.dll gdi32.dll advapi32.dll shell32.dll ole32.dll oleaut32.dll shlwapi.dll
+system_dlls=(kernel32.dll user32.dll gdi32.dll advapi32.dll shell32.dll ole32.dll oleaut32.dll shlwapi.dll
   msvcrt.dll ucrtbase.dll bcrypt.dll ws2_32.dll secur32.dll crypt32.dll gdiplus.dll propsys.dll mfplat.dll
-  mfreadwrite.dll mf.dll evr.dll windowscodecs.dll userenv.dll ntdll.dll version.dll "
+  mfreadwrite.dll mf.dll evr.dll windowscodecs.dll userenv.dll ntdll.dll version.dll)
 
 rm -rf "$to/thumbnail-tool" "$to/thumbnail-tool-windows.zip"
 mkdir -p "$to/thumbnail-tool"
@@ -28,7 +28,7 @@ for binary in "$to"/thumbnail-tool/*; do
     case "$name" in
       api-ms-win-*) continue ;;
     esac
-    if [[ "$system_dlls" != *" $name "* ]]; then
+    if [[ " ${system_dlls[*]} " != *" $name "* ]]; then
       echo "package: $(basename "$binary") imports $dll, which Windows does not ship" >&2
       status=1
     fi
