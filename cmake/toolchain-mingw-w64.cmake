@@ -3,7 +3,8 @@
 # statically, so an .exe imports only system DLLs.
 #
 # Libraries that Debian does not package for mingw (JsonCpp, ICU's common
-# library, lcms2, GoogleTest) are cross-built by scripts/build-windows.sh into
+# library, lcms2, the codec libraries, FFmpeg, GoogleTest) are cross-built by
+# scripts/build-windows.sh into
 # TESSERA_WINDOWS_DEPS (default: <build dir>/deps/prefix) and found there,
 # through pkg-config and CMake's package search alike.
 set(CMAKE_SYSTEM_NAME Windows)
@@ -27,12 +28,15 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# pkg-config answers only from the cross-built prefix, never from the host.
+# pkg-config answers only from the cross-built prefix, never from the host,
+# and with what static linking needs (the libraries a library links itself).
 set(ENV{PKG_CONFIG_LIBDIR} "${TESSERA_WINDOWS_DEPS}/lib/pkgconfig")
 set(ENV{PKG_CONFIG_PATH} "")
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "")
+set(PKG_CONFIG_ARGN --static CACHE STRING "Arguments given to every pkg-config call")
 
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
+set(CMAKE_MODULE_LINKER_FLAGS_INIT "-static -static-libgcc -static-libstdc++")
 
 # Test executables run under Wine (see scripts/windows/wine-run.sh).
 if(NOT CMAKE_CROSSCOMPILING_EMULATOR)

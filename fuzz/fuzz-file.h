@@ -4,13 +4,13 @@
 #ifndef TESSERA_FUZZ_FUZZ_FILE_H_
 #define TESSERA_FUZZ_FUZZ_FILE_H_
 
-#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <string>
 
 namespace tessera {
@@ -30,16 +30,9 @@ class ScratchFile {
 
   // Replaces the content; false when the file cannot be written.
   bool Write(const uint8_t* data, size_t size) const {
-    const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    size_t done = 0;
-    while (done < size) {
-      const ssize_t n = ::write(fd, data + done, size - done);
-      if (n <= 0) break;
-      done += static_cast<size_t>(n);
-    }
-    ::close(fd);
-    return done == size;
+    std::ofstream out(path_, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    return static_cast<bool>(out.flush());
   }
 
   const std::string& path() const { return path_; }

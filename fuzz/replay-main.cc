@@ -1,15 +1,14 @@
 // Replays fuzz inputs without libFuzzer, so that the committed seeds and
 // every input that once crashed keep running as ordinary tests (and under
-// the sanitizer build). Arguments are files or directories of files; a
-// missing directory is skipped. Exits non-zero only when an input cannot be
-// read; a fault in the code under test aborts the process.
-#include <dirent.h>
-#include <sys/stat.h>
-
+// the sanitizer build). Arguments are files or directories of files, each
+// directory's in name order; a missing one is skipped. Exits non-zero only
+// when an input cannot be read; a fault in the code under test aborts the
+// process.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -17,38 +16,21 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
-bool IsDirectory(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-void CollectFiles(const std::string& path, std::vector<std::string>* files) {
-  if (!IsDirectory(path)) {
-    files->push_back(path);
-    return;
-  }
-  DIR* dir = ::opendir(path.c_str());
-  if (dir == nullptr) return;
-  std::vector<std::string> names;
-  while (const dirent* entry = ::readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(path + "/" + name);
-  }
-  ::closedir(dir);
-  std::sort(names.begin(), names.end());
-  files->insert(files->end(), names.begin(), names.end());
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
+  namespace fs = std::filesystem;
   std::vector<std::string> files;
   for (int i = 1; i < argc; ++i) {
-    struct stat st;
-    if (::stat(argv[i], &st) != 0) continue;  // no regressions for this target yet
-    CollectFiles(argv[i], &files);
+    std::error_code error;
+    if (!fs::is_directory(argv[i], error)) {
+      if (fs::exists(argv[i], error)) files.push_back(argv[i]);  // else: no regressions for this target yet
+      continue;
+    }
+    std::vector<std::string> names;
+    for (const fs::directory_entry& entry : fs::directory_iterator(argv[i], error)) {
+      names.push_back(entry.path().string());
+    }
+    std::sort(names.begin(), names.end());
+    files.insert(files.end(), names.begin(), names.end());
   }
   for (const std::string& file : files) {
     std::ifstream in(file, std::ios::binary);

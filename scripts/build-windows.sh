@@ -35,13 +35,20 @@ deps=${TESSERA_WINDOWS_DEPS_DIR:-$build/deps}
 scripts/windows/build-deps.sh "$deps"
 deps=$(cd "$deps" && pwd)
 
-# The Linux tool, whose output the Windows one must reproduce byte for byte.
+# The Linux tool, whose output the Windows one must reproduce, and the Linux
+# end-to-end suites, which run once more against the Windows build.
 cmake -S . -B build -G Ninja >/dev/null
-cmake --build build -j2 --target thumbnail-tool
+cmake --build build -j2 --target thumbnail-tool tool_e2e_test bad_input_test video_e2e_test parity_test
 linux_tool=$PWD/build/tool/thumbnail-tool/thumbnail-tool
 
-cmake --preset windows -DTESSERA_LINUX_TOOL="$linux_tool" -DTESSERA_WINDOWS_DEPS="$deps/prefix" >/dev/null
+cmake --preset windows -DTESSERA_LINUX_TOOL="$linux_tool" -DTESSERA_LINUX_BUILD="$PWD/build" \
+  -DTESSERA_WINDOWS_DEPS="$deps/prefix" >/dev/null
 cmake --build --preset windows
+
+# What a Windows machine needs: the .exe and the modules it loads, in one
+# folder and one zip. None of them may import a DLL that a stock Windows
+# lacks (a C++ runtime, a codec library): they are linked in.
+scripts/windows/package.sh "$build/tool/thumbnail-tool" "$build/package"
 
 # One Wine prefix for the whole run, in the build folder; its server and
 # services are started once up front, so no test pays for the start-up.

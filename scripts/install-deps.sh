@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   # toolchain
-  cmake ninja-build g++ pkg-config
+  cmake ninja-build g++ pkg-config ccache
   # report and text
   libjsoncpp-dev libicu-dev
   # image codecs, colour and metadata

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/scratch-dir.h"
 #include "tests/clean-run.h"
 #include "tests/tool-runner.h"
 
@@ -31,7 +31,7 @@ using testing::ExpectCleanRun;
 using testing::ProcessResult;
 using testing::RunProcess;
 using testing::RunTool;
-using thumbnail::testing::ScratchDir;
+using test::ScratchDir;
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -56,7 +56,7 @@ class BadInputTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_FALSE(scratch_.path().empty());
-    out_ = scratch_.Join("out");
+    out_ = scratch_.Path("out");
     ASSERT_EQ(mkdir(out_.c_str(), 0755), 0);
   }
 
@@ -69,7 +69,7 @@ class BadInputTest : public ::testing::Test {
   int Run(const std::string& src) { return ExpectCleanRun(RunTool({"--output_dir", out_, "--src", src}), out_); }
 
   std::string Jpeg() {
-    const std::string path = scratch_.Join("photo-source.jpg");
+    const std::string path = scratch_.Path("photo-source.jpg");
     if (!std::filesystem::exists(path)) {
       EXPECT_TRUE(MakeMedia(path, {"-frames:v", "1"}));
     }
@@ -84,7 +84,7 @@ TEST_F(BadInputTest, EmptyFilesOfEveryKindGiveNullReports) {
   for (const char* name : {"a.jpg", "a.jpeg", "a.png", "a.tif", "a.gif", "a.bmp", "a.webp", "a.heic", "a.cr2",
                            "a.nef", "a.dng", "a.mp4", "a.mov", "a.avi", "a.mkv", "a.wmv", "a.txt", "noext"}) {
     SCOPED_TRACE(name);
-    const std::string src = scratch_.Join(name);
+    const std::string src = scratch_.Path(name);
     WriteFile(src, "");
     EXPECT_EQ(Run(src), 0);
     ClearOutput();
@@ -92,19 +92,19 @@ TEST_F(BadInputTest, EmptyFilesOfEveryKindGiveNullReports) {
 }
 
 TEST_F(BadInputTest, ContentDecidesTheDecoderNotTheName) {
-  const std::string text = scratch_.Join("text.jpg");
+  const std::string text = scratch_.Path("text.jpg");
   WriteFile(text, "This is not a picture, whatever its name says.\n");
   EXPECT_EQ(Run(text), 0);
 
-  const std::string png = scratch_.Join("really-a-png.jpg");
+  const std::string png = scratch_.Path("really-a-png.jpg");
   ASSERT_TRUE(MakeMedia(png, {"-frames:v", "1", "-f", "image2", "-c:v", "png"}));
   ClearOutput();
   EXPECT_EQ(Run(png), 4);
 }
 
 TEST_F(BadInputTest, TruncatedFilesFailOrDegradeCleanly) {
-  const std::string png = scratch_.Join("whole.png");
-  const std::string mp4 = scratch_.Join("whole.mp4");
+  const std::string png = scratch_.Path("whole.png");
+  const std::string mp4 = scratch_.Path("whole.mp4");
   ASSERT_TRUE(MakeMedia(png, {"-frames:v", "1"}));
   ASSERT_TRUE(MakeMedia(mp4, {"-t", "3", "-c:v", "libx264", "-pix_fmt", "yuv420p"}));
   const std::string mp4_bytes = ReadFile(mp4);
@@ -126,21 +126,21 @@ TEST_F(BadInputTest, TruncatedFilesFailOrDegradeCleanly) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    WriteFile(scratch_.Join(c.name), c.bytes);
+    WriteFile(scratch_.Path(c.name), c.bytes);
     ClearOutput();
-    Run(scratch_.Join(c.name));
+    Run(scratch_.Path(c.name));
   }
 }
 
 TEST_F(BadInputTest, SourcesThatAreNotRegularFilesAreRefusedAtOnce) {
-  const std::string dir = scratch_.Join("x.jpg");
+  const std::string dir = scratch_.Path("x.jpg");
   ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
   EXPECT_EQ(Run(dir), 0);
 
   // Opening a FIFO without a writer blocks: nothing may try.
   for (const char* name : {"fifo.jpg", "fifo.mp4"}) {
     SCOPED_TRACE(name);
-    const std::string fifo = scratch_.Join(name);
+    const std::string fifo = scratch_.Path(name);
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ClearOutput();
     EXPECT_EQ(Run(fifo), 0);
@@ -151,7 +151,7 @@ TEST_F(BadInputTest, SourcesThatAreNotRegularFilesAreRefusedAtOnce) {
   EXPECT_EQ(Run("/dev/zero"), 0);
   for (const char* name : {"zero.jpg", "zero.mp4"}) {
     SCOPED_TRACE(name);
-    const std::string link = scratch_.Join(name);
+    const std::string link = scratch_.Path(name);
     ASSERT_EQ(symlink("/dev/zero", link.c_str()), 0);
     ClearOutput();
     EXPECT_EQ(Run(link), 0);
@@ -161,7 +161,7 @@ TEST_F(BadInputTest, SourcesThatAreNotRegularFilesAreRefusedAtOnce) {
 TEST_F(BadInputTest, OddPathsStillWorkOrFailCleanly) {
   const std::string jpeg = Jpeg();
 
-  const std::string link = scratch_.Join("link.jpg");
+  const std::string link = scratch_.Path("link.jpg");
   ASSERT_EQ(symlink(jpeg.c_str(), link.c_str()), 0);
   EXPECT_EQ(Run(link), 4);
 
@@ -169,7 +169,7 @@ TEST_F(BadInputTest, OddPathsStillWorkOrFailCleanly) {
   EXPECT_EQ(ExpectCleanRun(RunTool({"--output_dir", out_ + "/", "--src", jpeg}), out_), 4);
 
   // Bytes that are not UTF-8 in the file name.
-  const std::string raw_name = scratch_.Join("\xff\xfe-photo.jpg");
+  const std::string raw_name = scratch_.Path("\xff\xfe-photo.jpg");
   std::filesystem::copy_file(jpeg, raw_name);
   ClearOutput();
   Run(raw_name);
@@ -186,11 +186,11 @@ TEST_F(BadInputTest, OddPathsStillWorkOrFailCleanly) {
   ClearOutput();
   EXPECT_EQ(Run(deep + "/" + std::string(255, 'n') + "/" + std::string(255, 'm') + ".jpg"), 0);
 
-  const std::string missing = scratch_.Join("missing.jpg");
+  const std::string missing = scratch_.Path("missing.jpg");
   ClearOutput();
   EXPECT_EQ(Run(missing), 0);
 
-  const std::string unreadable = scratch_.Join("unreadable.jpg");
+  const std::string unreadable = scratch_.Path("unreadable.jpg");
   std::filesystem::copy_file(jpeg, unreadable);
   ASSERT_EQ(chmod(unreadable.c_str(), 0), 0);
   ClearOutput();
@@ -203,15 +203,15 @@ TEST_F(BadInputTest, OddPathsStillWorkOrFailCleanly) {
 TEST_F(BadInputTest, UnusableOutputDirectoriesLeaveNothingBehind) {
   const std::string jpeg = Jpeg();
 
-  const std::string missing = scratch_.Join("no-such-dir");
+  const std::string missing = scratch_.Path("no-such-dir");
   EXPECT_EQ(ExpectCleanRun(RunTool({"--output_dir", missing, "--src", jpeg}), ""), 0);
   EXPECT_FALSE(std::filesystem::exists(missing));
 
-  const std::string file_as_dir = scratch_.Join("plain-file");
+  const std::string file_as_dir = scratch_.Path("plain-file");
   WriteFile(file_as_dir, "x");
   EXPECT_EQ(ExpectCleanRun(RunTool({"--output_dir", file_as_dir, "--src", jpeg}), ""), 0);
 
-  const std::string read_only = scratch_.Join("read-only");
+  const std::string read_only = scratch_.Path("read-only");
   ASSERT_EQ(mkdir(read_only.c_str(), 0555), 0);
   const int made = ExpectCleanRun(RunTool({"--output_dir", read_only, "--src", jpeg}), read_only);
   if (geteuid() != 0) {

@@ -10,11 +10,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 
+#include "lib/thumbnail/testing/image-size.h"
 #include "tests/tool-runner.h"
 
 namespace tessera {
@@ -65,6 +69,42 @@ inline int ExpectCleanRun(const ProcessResult& run, const std::string& out_dir) 
     EXPECT_EQ(ListNames(out_dir), reported) << run.out;
   }
   return run.exited && run.status == 0 ? static_cast<int>(reported.size()) : -1;
+}
+
+// Checks a clean run that made all four sizes of a `width` x `height`
+// source: the report's exact text (sizes sorted by name, three-space
+// indentation), each file named by eight random characters in `out_dir`, and
+// each a JPEG whose shorter side is its size's edge (the source's when that is
+// smaller: never enlarged), upright at the source's shape. Returns the paths
+// by size name.
+inline std::map<std::string, std::string> ExpectFourThumbnails(const ProcessResult& run, const std::string& out_dir,
+                                                              int width, int height) {
+  EXPECT_EQ(ExpectCleanRun(run, out_dir), 4) << run.out;
+  static const std::pair<const char*, int> kEdges[] = {
+      {"large", 1280}, {"medium", 320}, {"small", 120}, {"small-medium", 240}};
+  std::map<std::string, std::string> paths;
+  std::string expected = "{\n";
+  for (const auto& [name, edge] : kEdges) {
+    SCOPED_TRACE(name);
+    const std::string key = std::string("   \"") + name + "\" : \"";
+    const size_t at = run.out.find(key);
+    if (at == std::string::npos) continue;
+    const size_t from = at + key.size();
+    const std::string path = run.out.substr(from, run.out.find('"', from) - from);
+    EXPECT_EQ(path.rfind(out_dir + "/", 0), 0u) << path;
+    EXPECT_EQ(path.size(), out_dir.size() + 9) << path;
+    expected += key + path + (paths.size() < 3 ? "\",\n" : "\"\n");
+    paths[name] = path;
+
+    const thumbnail::testing::ImageSize size = thumbnail::testing::ReadImageSize(path);
+    EXPECT_TRUE(size.is_jpeg);
+    const double scale = static_cast<double>(std::min(edge, std::min(width, height))) / std::min(width, height);
+    EXPECT_EQ(std::min(size.width, size.height), std::min(edge, std::min(width, height)));
+    EXPECT_NEAR(size.width, width * scale, 1.0);
+    EXPECT_NEAR(size.height, height * scale, 1.0);
+  }
+  EXPECT_EQ(run.out, expected + "}\n\n");
+  return paths;
 }
 
 }  // namespace testing

@@ -11,6 +11,10 @@ MANIFEST.tsv and checks what every run must satisfy:
 Usage: corpus-run.py <thumbnail-tool> <corpus-dir> [--filter SUBSTRING] [--verbose]
 Prints one line per file and a summary; exits 1 when a run broke a rule that
 holds for every input (crash, hang, bad report, stray files).
+
+A Windows build (a tool whose name ends in .exe) runs under Wine
+(scripts/windows/wine-run.sh), given the paths as Wine's Z: drive shows them;
+the paths it reports are read back the same way.
 """
 import argparse
 import csv
@@ -23,6 +27,7 @@ import sys
 import tempfile
 import time
 
+WINE_RUN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "scripts", "windows", "wine-run.sh")
 SIZES = {"small": 120, "small-medium": 240, "medium": 320, "large": 1280}
 TIME_LIMIT_S = 150
 
@@ -69,6 +74,14 @@ def close(a, b, tolerance=2):
     return abs(a[0] - b[0]) <= tolerance and abs(a[1] - b[1]) <= tolerance
 
 
+def to_wine(path):
+    return "Z:" + os.path.abspath(path).replace("/", "\\")
+
+
+def from_wine(path):
+    return path[2:].replace("\\", "/") if path.startswith("Z:\\") else path
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("tool")
@@ -90,8 +103,11 @@ def main():
         problems = []
         started = time.monotonic()
         try:
-            proc = subprocess.run([args.tool, "--output_dir", out_dir, "--src", src],
-                                  capture_output=True, timeout=TIME_LIMIT_S)
+            if args.tool.endswith(".exe"):
+                command = [WINE_RUN, args.tool, "--output_dir", to_wine(out_dir), "--src", to_wine(src)]
+            else:
+                command = [args.tool, "--output_dir", out_dir, "--src", src]
+            proc = subprocess.run(command, capture_output=True, timeout=TIME_LIMIT_S)
         except subprocess.TimeoutExpired:
             problems.append("hang")
             proc = None
@@ -111,6 +127,7 @@ def main():
         reported = set()
         mismatches = []
         for name, path in (report or {}).items():
+            path = from_wine(path)
             reported.add(os.path.basename(path))
             if name not in SIZES or not os.path.isfile(path):
                 problems.append("bad entry %s -> %s" % (name, path))

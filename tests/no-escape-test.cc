@@ -18,16 +18,16 @@
 #include <string>
 #include <vector>
 
-#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/scratch-dir.h"
 #include "tests/tool-runner.h"
 
 namespace tessera {
 namespace {
 
+using test::ScratchDir;
 using testing::ProcessResult;
 using testing::RunProcess;
 using testing::RunTool;
-using thumbnail::testing::ScratchDir;
 
 // A TCP socket listening on 127.0.0.1 at a free port.
 class LoopbackListener {
@@ -98,11 +98,11 @@ class OpenWatch {
 TEST(NoEscapeTest, ListsOfOtherFilesAndUrlsAreNeverFollowed) {
   ScratchDir scratch;
   ASSERT_FALSE(scratch.path().empty());
-  const std::string out = scratch.Join("out");
+  const std::string out = scratch.Path("out");
   ASSERT_EQ(mkdir(out.c_str(), 0755), 0);
 
   // A playable local clip that a list could point at.
-  const std::string secret = scratch.Join("secret.ts");
+  const std::string secret = scratch.Path("secret.ts");
   const ProcessResult made = RunProcess(
       "ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10", "-t", "2", "-c:v",
                  "mpeg2video", secret});
@@ -127,7 +127,7 @@ TEST(NoEscapeTest, ListsOfOtherFilesAndUrlsAreNeverFollowed) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string src = scratch.Join(c.name);
+    const std::string src = scratch.Path(c.name);
     std::ofstream(src, std::ios::binary) << c.content;
     OpenWatch watch(secret);
     ASSERT_TRUE(watch.ok());

@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/scratch-dir.h"
 #include "tests/clean-run.h"
 #include "tests/image-bytes.h"
 #include "tests/tool-runner.h"
@@ -26,13 +26,13 @@
 namespace tessera {
 namespace {
 
+using test::ScratchDir;
 using testing::ExpectCleanRun;
 using testing::ListNames;
 using testing::ProcessResult;
 using testing::RunTool;
 using testing::StartedProcess;
 using testing::StartTool;
-using thumbnail::testing::ScratchDir;
 
 // 256 megapixels of grey: a few hundred kilobytes on disk, a second or more
 // of inflating (far more in the sanitizer build).
@@ -46,8 +46,8 @@ class TerminationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_FALSE(scratch_.path().empty());
-    out_ = scratch_.Join("out");
-    src_ = scratch_.Join("large.png");
+    out_ = scratch_.Path("out");
+    src_ = scratch_.Path("large.png");
     std::ofstream(src_, std::ios::binary) << testing::ZeroPng(kLargeSide, kLargeSide);
     ClearOutput();
   }
@@ -115,15 +115,15 @@ TEST_F(TerminationTest, AnUndisturbedRunLeavesExactlyTheFilesItReports) {
 // links, and a size whose file was taken away before it was written must
 // fail rather than report a name that now leads elsewhere.
 TEST_F(TerminationTest, OutputsSwappedForLinksMidRunAreNeverWrittenThrough) {
-  const std::string precious = scratch_.Join("precious");
+  const std::string precious = scratch_.Path("precious");
   std::ofstream(precious) << "precious";
-  const std::string parked = scratch_.Join("parked");
+  const std::string parked = scratch_.Path("parked");
   ASSERT_EQ(mkdir(parked.c_str(), 0755), 0);
   std::atomic<bool> done{false};
   std::set<std::string> swapped_while_empty;  // read after the join only
   std::thread attacker([&] {
     std::set<std::string> seen;
-    const std::string staged = scratch_.Join("staged-link");
+    const std::string staged = scratch_.Path("staged-link");
     while (!done.load()) {
       for (const std::string& name : ListNames(out_)) {
         if (!seen.insert(name).second) continue;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 extern char** environ;
 
@@ -125,11 +126,95 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
   return StartProcess(program, args).Wait();
 }
 
-ProcessResult RunTool(const std::vector<std::string>& args) { return RunProcess(ToolPath(), args); }
+namespace {
 
-StartedProcess StartTool(const std::vector<std::string>& args) { return StartProcess(ToolPath(), args); }
+const char* WindowsTool() {
+  const char* exe = std::getenv("TESSERA_WINDOWS_TOOL");
+  return exe != nullptr && *exe != '\0' ? exe : nullptr;
+}
 
-const char* ToolPath() { return TESSERA_TOOL_PATH; }
+// "/a/b" as Wine sees it: "Z:\a\b".
+std::string ToWinePath(const std::string& path) {
+  std::string wine = "Z:" + path;
+  for (char& c : wine) {
+    if (c == '/') c = '\\';
+  }
+  return wine;
+}
+
+// An argument with its path (or its inline value's path) on Wine's Z: drive.
+std::string ToWineArgument(const std::string& arg) {
+  if (!arg.empty() && arg[0] == '/') return ToWinePath(arg);
+  const size_t equals = arg.find('=');
+  if (arg.compare(0, 2, "--") == 0 && equals != std::string::npos && equals + 1 < arg.size() &&
+      arg[equals + 1] == '/') {
+    return arg.substr(0, equals + 1) + ToWinePath(arg.substr(equals + 1));
+  }
+  return arg;
+}
+
+// Turns every "Z:" path in `text` back into this machine's path. In the JSON
+// report a separator is an escaped backslash (two bytes), in log lines a
+// plain one; a path ends at a quote or white space.
+std::string FromWinePaths(const std::string& text, bool json) {
+  const std::string separator = json ? "\\\\" : "\\";
+  std::string out;
+  size_t i = 0;
+  while (i < text.size()) {
+    if (text.compare(i, 2 + separator.size(), "Z:" + separator) != 0) {
+      out += text[i++];
+      continue;
+    }
+    i += 2;
+    while (i < text.size() && text[i] != '"' && text[i] != '\'' && text[i] != ' ' && text[i] != '\n') {
+      if (text.compare(i, separator.size(), separator) == 0) {
+        out += '/';
+        i += separator.size();
+      } else {
+        out += text[i++];
+      }
+    }
+  }
+  return out;
+}
+
+StartedProcess StartWindowsTool(const std::string& exe, const std::vector<std::string>& args) {
+  std::vector<std::string> wine_args = {exe};
+  for (const std::string& arg : args) wine_args.push_back(ToWineArgument(arg));
+  return StartProcess(TESSERA_SOURCE_DIR "/scripts/windows/wine-run.sh", wine_args);
+}
+
+}  // namespace
+
+ProcessResult RunToolCopy(const std::string& path, const std::vector<std::string>& args) {
+  if (!ToolUnderWine()) return RunProcess(path, args);
+  ProcessResult result = StartWindowsTool(path, args).Wait();
+  result.out = FromWinePaths(result.out, true);
+  result.err = FromWinePaths(result.err, false);
+  return result;
+}
+
+ProcessResult RunTool(const std::vector<std::string>& args) { return RunToolCopy(ToolPath(), args); }
+
+ProcessResult RunBuiltTool(const std::vector<std::string>& args) { return RunProcess(TESSERA_TOOL_PATH, args); }
+
+std::string ToolCopyName() { return ToolUnderWine() ? "thumbnail-tool.exe" : "thumbnail-tool"; }
+
+std::string ModuleFileName(const std::string& stem) {
+  return ToolUnderWine() ? stem + ".dll" : "lib" + stem + ".so";
+}
+
+StartedProcess StartTool(const std::vector<std::string>& args) {
+  const char* exe = WindowsTool();
+  return exe == nullptr ? StartProcess(ToolPath(), args) : StartWindowsTool(exe, args);
+}
+
+const char* ToolPath() {
+  const char* exe = WindowsTool();
+  return exe != nullptr ? exe : TESSERA_TOOL_PATH;
+}
+
+bool ToolUnderWine() { return WindowsTool() != nullptr; }
 
 }  // namespace testing
 }  // namespace tessera

@@ -50,9 +50,31 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
 
 // The thumbnail tool of this build, and its path (the modules it loads on
 // demand are beside it).
+//
+// With TESSERA_WINDOWS_TOOL set in the environment, the tool is instead the
+// Windows build named there, run under Wine (scripts/windows/wine-run.sh):
+// every argument that is a path of this machine (or an option's inline value
+// that is one) is handed over as the same path on Wine's Z: drive, and the
+// Z: paths in what the tool prints are turned back into this machine's, so
+// that a test's expectations hold for both builds. Tests that check what has
+// no meaning there (signals, links, FIFOs, the modules' files, memory peaks)
+// skip those checks when ToolUnderWine().
 ProcessResult RunTool(const std::vector<std::string>& args);
 StartedProcess StartTool(const std::vector<std::string>& args);
 const char* ToolPath();
+bool ToolUnderWine();
+
+// Runs this build's own tool, whatever TESSERA_WINDOWS_TOOL says (for
+// comparisons of the two).
+ProcessResult RunBuiltTool(const std::vector<std::string>& args);
+
+// Runs a copy of the tool at `path` (made from ToolPath(), named as
+// ToolCopyName() says) as RunTool runs the tool itself.
+ProcessResult RunToolCopy(const std::string& path, const std::vector<std::string>& args);
+// The file names of a copy of the tool and of one of its modules (by stem,
+// "tessera-tiff"), for the platform of the tool under test.
+std::string ToolCopyName();
+std::string ModuleFileName(const std::string& stem);
 
 }  // namespace testing
 }  // namespace tessera

@@ -6,9 +6,9 @@
 #include "gtest/gtest.h"
 #include "lib/codec/decoders.h"
 #include "lib/codec/testing/bitmap-probe.h"
+#include "lib/codec/testing/bmp-fixtures.h"
 #include "lib/codec/testing/image-fixtures.h"
 #include "lib/codec/testing/served-ahead.h"
-#include "lib/utility/testing/byte-writers.h"
 
 namespace tessera {
 namespace codec {
@@ -17,98 +17,21 @@ namespace {
 using testing::MeanColor;
 using testing::Rgb;
 
-constexpr auto Put16 = tessera::testing::AppendLe16;
-constexpr auto Put32 = tessera::testing::AppendLe32;
-
-struct BmpLayout {
-  int width = 5;
-  int height = 6;
-  int bits = 24;
-  uint32_t compression = 0;
-  uint32_t info_size = 40;
-  bool top_down = false;
-  std::vector<uint32_t> masks;      // after a 40-byte header, or inside a larger one
-  std::vector<uint32_t> palette;    // 0x00RRGGBB
-  std::string pixels;               // rows in file order, padded
-};
-
-std::string Encode(const BmpLayout& layout) {
-  std::string info;
-  const bool core = layout.info_size == 12;
-  if (core) {
-    Put32(&info, 12);
-    Put16(&info, layout.width);
-    Put16(&info, layout.height);
-    Put16(&info, 1);
-    Put16(&info, layout.bits);
-  } else {
-    Put32(&info, layout.info_size);
-    Put32(&info, layout.width);
-    Put32(&info, static_cast<uint32_t>(layout.top_down ? -layout.height : layout.height));
-    Put16(&info, 1);
-    Put16(&info, layout.bits);
-    Put32(&info, layout.compression);
-    Put32(&info, static_cast<uint32_t>(layout.pixels.size()));
-    Put32(&info, 2835);
-    Put32(&info, 2835);
-    Put32(&info, static_cast<uint32_t>(layout.palette.size()));
-    Put32(&info, 0);
-    const bool inside = layout.info_size >= 52;
-    for (uint32_t mask : layout.masks) {
-      if (inside) Put32(&info, mask);
-    }
-    info.resize(layout.info_size, '\0');
-    if (!inside) {
-      for (uint32_t mask : layout.masks) Put32(&info, mask);
-    }
-  }
-  for (uint32_t c : layout.palette) {
-    Put16(&info, c & 0xFFFF);  // B, G
-    info.push_back(static_cast<char>((c >> 16) & 0xFF));
-    if (!core) info.push_back('\0');
-  }
-  std::string out = "BM";
-  Put32(&out, static_cast<uint32_t>(14 + info.size() + layout.pixels.size()));
-  Put32(&out, 0);
-  Put32(&out, static_cast<uint32_t>(14 + info.size()));
-  return out + info + layout.pixels;
-}
-
-// Rows of `layout` from a per-pixel function of the displayed position; the
-// function returns the packed sample (index or bit-field value).
-void FillPixels(BmpLayout* layout, const std::function<uint32_t(int x, int y)>& sample) {
-  const size_t stride = (static_cast<size_t>(layout->width) * layout->bits + 31) / 32 * 4;
-  layout->pixels.assign(stride * layout->height, '\0');
-  for (int r = 0; r < layout->height; ++r) {
-    const int y = layout->top_down ? r : layout->height - 1 - r;
-    uint8_t* line = reinterpret_cast<uint8_t*>(&layout->pixels[r * stride]);
-    for (int x = 0; x < layout->width; ++x) {
-      const uint32_t v = sample(x, y);
-      if (layout->bits < 8) {
-        const int bit = x * layout->bits;
-        line[bit / 8] |= static_cast<uint8_t>(v << (8 - layout->bits - bit % 8));
-      } else {
-        for (int b = 0; b < layout->bits / 8; ++b) line[x * layout->bits / 8 + b] = (v >> (8 * b)) & 0xFF;
-      }
-    }
-  }
-}
+using testing::BmpLayout;
+using testing::FillBmpPixels;
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return CreateBmpDecoder()->Decode(source.get(), cx, out);
+  return testing::DecodeBytes(CreateBmpDecoder(), bytes, cx, out);
 }
 
 void ExpectColor(const Rgb& c, double r, double g, double b, const std::string& what) {
-  EXPECT_NEAR(c.r, r, 3) << what << " " << testing::ToString(c);
-  EXPECT_NEAR(c.g, g, 3) << what << " " << testing::ToString(c);
-  EXPECT_NEAR(c.b, b, 3) << what << " " << testing::ToString(c);
+  testing::ExpectColorNear(c, r, g, b, 3, what);
 }
 
 // Top half red, bottom half blue: shows both the colours and which way up.
 void ExpectRedOverBlue(const BmpLayout& layout, const std::string& what) {
   image::Bitmap bitmap;
-  const Status status = Decode(Encode(layout), 100, &bitmap);
+  const Status status = Decode(testing::EncodeBmp(layout), 100, &bitmap);
   ASSERT_TRUE(status.ok()) << what << ": " << status.ToString();
   EXPECT_EQ(bitmap.width(), layout.width) << what;
   EXPECT_EQ(bitmap.height(), layout.height) << what;
@@ -128,7 +51,7 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
       layout.bits = bits;
       layout.top_down = top_down;
       layout.palette = {0x00FF00, 0xFF0000, 0x0000FF};  // index 0 unused
-      FillPixels(&layout, red_over_blue(1, bits == 1 ? 0 : 2));
+      FillBmpPixels(&layout, red_over_blue(1, bits == 1 ? 0 : 2));
       if (bits == 1) layout.palette = {0x0000FF, 0xFF0000};
       ExpectRedOverBlue(layout, std::to_string(bits) + "-bit" + way);
     }
@@ -154,7 +77,7 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
       layout.info_size = d.info_size;
       layout.masks = d.masks;
       layout.top_down = top_down;
-      FillPixels(&layout, red_over_blue(d.red, d.blue));
+      FillBmpPixels(&layout, red_over_blue(d.red, d.blue));
       ExpectRedOverBlue(layout, d.what + way);
     }
   }
@@ -163,7 +86,7 @@ TEST(BmpDecoderTest, EveryDepthAndLayout) {
   os2.info_size = 12;
   os2.bits = 8;
   os2.palette = {0xFF0000, 0x0000FF};
-  FillPixels(&os2, [](int, int y) { return y < 3 ? 0u : 1u; });
+  FillBmpPixels(&os2, [](int, int y) { return y < 3 ? 0u : 1u; });
   ExpectRedOverBlue(os2, "OS/2 core header");
 }
 
@@ -175,9 +98,9 @@ TEST(BmpDecoderTest, AlphaIsFlattenedOverWhite) {
   layout.compression = 3;
   layout.info_size = 124;
   layout.masks = {0x00FF0000, 0x0000FF00, 0x000000FF, 0xFF000000};
-  FillPixels(&layout, [](int x, int) { return x < 4 ? 0xFF00FF00u : 0x0000FF00u; });
+  FillBmpPixels(&layout, [](int x, int) { return x < 4 ? 0xFF00FF00u : 0x0000FF00u; });
   image::Bitmap bitmap;
-  ASSERT_TRUE(Decode(Encode(layout), 8, &bitmap).ok());
+  ASSERT_TRUE(Decode(testing::EncodeBmp(layout), 8, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 4, 6), 0, 255, 0, "opaque");
   ExpectColor(MeanColor(bitmap, 4, 0, 8, 6), 255, 255, 255, "transparent");
   for (int x = 0; x < 8; ++x) EXPECT_EQ(bitmap.row(0)[x * 4 + 3], 255);
@@ -200,7 +123,7 @@ TEST(BmpDecoderTest, RunLengthEncoded) {
                           2, 0, 0, 1};             // row 0: run 2 x 0, end of bitmap
   layout.pixels.assign(reinterpret_cast<const char*>(rle8), sizeof(rle8));
   image::Bitmap bitmap;
-  ASSERT_TRUE(Decode(Encode(layout), 100, &bitmap).ok());
+  ASSERT_TRUE(Decode(testing::EncodeBmp(layout), 100, &bitmap).ok());
   ASSERT_EQ(bitmap.height(), 4);
   ExpectColor(MeanColor(bitmap, 0, 3, 6, 4), 0, 0, 255, "bottom row");
   ExpectColor(MeanColor(bitmap, 0, 2, 6, 3), 255, 255, 255, "skipped row");
@@ -215,7 +138,7 @@ TEST(BmpDecoderTest, RunLengthEncoded) {
   const uint8_t rle4[] = {6, 0x10, 0, 0,           // bottom: blue red blue red blue red
                           0, 3, 0x00, 0x00, 3, 0x00, 0, 1};  // top: literal of 3 red, run of 3 red
   layout.pixels.assign(reinterpret_cast<const char*>(rle4), sizeof(rle4));
-  ASSERT_TRUE(Decode(Encode(layout), 100, &bitmap).ok());
+  ASSERT_TRUE(Decode(testing::EncodeBmp(layout), 100, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 0, 0, 6, 1), 255, 0, 0, "RLE4 top");
   ExpectColor(MeanColor(bitmap, 0, 1, 1, 2), 0, 0, 255, "RLE4 bottom first");
   ExpectColor(MeanColor(bitmap, 1, 1, 2, 2), 255, 0, 0, "RLE4 bottom second");
@@ -225,9 +148,9 @@ TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
   BmpLayout layout;
   layout.width = 64;
   layout.height = 32;
-  FillPixels(&layout, [](int x, int) { return x < 32 ? 0xFF0000u : 0x00FF00u; });
+  FillBmpPixels(&layout, [](int x, int) { return x < 32 ? 0xFF0000u : 0x00FF00u; });
   image::Bitmap bitmap;
-  ASSERT_TRUE(Decode(Encode(layout), 16, &bitmap).ok());
+  ASSERT_TRUE(Decode(testing::EncodeBmp(layout), 16, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 16);
   EXPECT_EQ(bitmap.height(), 8);
   ExpectColor(MeanColor(bitmap, 0, 0, 8, 8), 255, 0, 0, "reduced left");
@@ -244,7 +167,7 @@ TEST(BmpDecoderTest, ReducedAndEmbeddedPng) {
   wrapped.bits = 0;
   wrapped.compression = 5;
   wrapped.pixels = testing::EncodePng(png);
-  ASSERT_TRUE(Decode(Encode(wrapped), 100, &bitmap).ok());
+  ASSERT_TRUE(Decode(testing::EncodeBmp(wrapped), 100, &bitmap).ok());
   EXPECT_EQ(bitmap.width(), 20);
   ExpectColor(MeanColor(bitmap), 0, 0, 255, "embedded PNG");
 }
@@ -256,8 +179,8 @@ TEST(BmpDecoderTest, OneDecodeServesTheOtherSizes) {
   BmpLayout layout;
   layout.width = 130;
   layout.height = 70;
-  FillPixels(&layout, [](int x, int y) { return static_cast<uint32_t>(x * 0x010203 + y * 0x030507); });
-  EXPECT_EQ(testing::ServedAhead(bmp, Encode(layout), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
+  FillBmpPixels(&layout, [](int x, int y) { return static_cast<uint32_t>(x * 0x010203 + y * 0x030507); });
+  EXPECT_EQ(testing::ServedAhead(bmp, testing::EncodeBmp(layout), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
 
   // A wrapped stream's own decoder serves them: PNG and JPEG reduce to
   // every size in one decode (JPEG at the scale of the largest, so its
@@ -273,14 +196,14 @@ TEST(BmpDecoderTest, OneDecodeServesTheOtherSizes) {
   wrapped.bits = 0;
   wrapped.compression = 5;
   wrapped.pixels = testing::EncodePng(png);
-  EXPECT_EQ(testing::ServedAhead(bmp, Encode(wrapped), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
+  EXPECT_EQ(testing::ServedAhead(bmp, testing::EncodeBmp(wrapped), {40, 100, 300}), (std::vector<uint32_t>{100, 300}));
   testing::RgbImage photo(640, 360, 20, 120, 220);
   photo.Fill(100, 50, 400, 300, 240, 200, 10);
   wrapped.width = 640;
   wrapped.height = 360;
   wrapped.compression = 4;
   wrapped.pixels = testing::EncodeJpeg(photo);
-  EXPECT_EQ(testing::ServedAhead(bmp, Encode(wrapped), {40, 100, 300, 1000}, true),
+  EXPECT_EQ(testing::ServedAhead(bmp, testing::EncodeBmp(wrapped), {40, 100, 300, 1000}, true),
             (std::vector<uint32_t>{100, 300, 1000}));
 }
 
@@ -288,8 +211,8 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
   BmpLayout layout;
   layout.bits = 8;
   layout.palette = {0xFF0000};  // indices past the table
-  FillPixels(&layout, [](int x, int) { return x * 50u; });
-  const std::string bmp = Encode(layout);
+  FillBmpPixels(&layout, [](int x, int) { return x * 50u; });
+  const std::string bmp = testing::EncodeBmp(layout);
   image::Bitmap bitmap;
   ASSERT_TRUE(Decode(bmp, 100, &bitmap).ok());
   ExpectColor(MeanColor(bitmap, 1, 0, 5, 6), 0, 0, 0, "outside the palette");
@@ -301,7 +224,7 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
   huge.width = 1 << 20;
   huge.height = 1 << 20;
   huge.pixels = "xxxx";
-  EXPECT_TRUE(IsImageTooLarge(Decode(Encode(huge), 100, &bitmap)));
+  EXPECT_TRUE(IsImageTooLarge(Decode(testing::EncodeBmp(huge), 100, &bitmap)));
 
   // RLE data that runs past the row and the image is cut, not written past.
   BmpLayout rle;
@@ -312,16 +235,16 @@ TEST(BmpDecoderTest, HostileInputFailsCleanly) {
   rle.palette = {0xFF0000};
   const uint8_t data[] = {255, 0, 0, 200, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 255, 255, 0, 2, 9, 9};
   rle.pixels.assign(reinterpret_cast<const char*>(data), sizeof(data));
-  EXPECT_TRUE(Decode(Encode(rle), 100, &bitmap).ok());
-  const std::string rle_bytes = Encode(rle);
+  EXPECT_TRUE(Decode(testing::EncodeBmp(rle), 100, &bitmap).ok());
+  const std::string rle_bytes = testing::EncodeBmp(rle);
   for (size_t n = 0; n < rle_bytes.size(); ++n) Decode(rle_bytes.substr(0, n), 100, &bitmap);
 
   // Mismatched depth and compression, and unknown compression.
   BmpLayout bad = layout;
   bad.compression = 2;  // RLE4 at 8 bits
-  EXPECT_FALSE(Decode(Encode(bad), 100, &bitmap).ok());
+  EXPECT_FALSE(Decode(testing::EncodeBmp(bad), 100, &bitmap).ok());
   bad.compression = 11;
-  EXPECT_FALSE(Decode(Encode(bad), 100, &bitmap).ok());
+  EXPECT_FALSE(Decode(testing::EncodeBmp(bad), 100, &bitmap).ok());
 }
 
 }  // namespace

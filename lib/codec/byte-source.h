@@ -32,6 +32,12 @@ class ByteSource {
   // ReadAll(), which falls back to reading.
   virtual const uint8_t* contiguous_data() const { return nullptr; }
 
+  // What tells this content apart from other content, for caches keyed by
+  // it: for a file the identity of the open file (device, file id, size and
+  // times), so that another file at the same path, or this one changed,
+  // never matches; empty when there is none (memory sources).
+  virtual std::string ContentIdentity() const { return std::string(); }
+
   // A second, independent source on the same bytes, for reading on another
   // thread after this one is gone; nullptr when the bytes cannot outlive
   // this source (memory views).
@@ -50,6 +56,8 @@ class ByteSource {
 
   // Opens a regular file for reading without blocking: FIFOs, devices and
   // directories fail at once (InvalidArgument), a missing file is NotFound.
+  // Other processes may read, write, rename or delete the file meanwhile.
+  // One definition per platform (byte-source-posix.cc, byte-source-win.cc).
   static Status OpenFile(const std::string& utf8_path, std::unique_ptr<ByteSource>* out);
 
   // A view of memory the caller keeps alive for the source's lifetime.

@@ -1,12 +1,12 @@
 // The "too large" and "cancelled" statuses of image-decoder.h, and the "not
-// camera RAW" one of raw-decoder.h. They live
+// camera RAW" one of raw/raw-decoder.h. They live
 // apart from the format dispatch so that a decoder linked into a module on
 // its own (HEIF, RAW, TIFF, GIF, WebP) does not drag every other decoder and
 // its library in with it.
 #include <string>
 
 #include "lib/codec/image-decoder.h"
-#include "lib/codec/raw-decoder.h"
+#include "lib/codec/raw/raw-decoder.h"
 
 namespace tessera {
 namespace codec {

@@ -6,7 +6,7 @@
 //   uint32_t abi_version;
 //   ImageDecoder* (*create_decoder)();  // a new decoder, owned by the caller
 //
-// and names its module through static members: kKind (log lines), kFileName,
+// and names its module through static members: kKind (log lines), kFileStem (ModuleFileName),
 // kEntryName (the exported C function returning the table) and kAbiVersion,
 // raised whenever the table's layout or meaning changes.
 #ifndef TESSERA_LIB_CODEC_DECODER_MODULE_H_
@@ -27,7 +27,7 @@ class DecoderModule {
   // that decoders made from the module stay valid until the process ends.
   static utility::ModuleLoader& Loader() {
     static auto* loader =
-        new utility::ModuleLoader(Table::kKind, Table::kFileName, Table::kEntryName, Table::kAbiVersion);
+        new utility::ModuleLoader(Table::kKind, Table::kFileStem, Table::kEntryName, Table::kAbiVersion);
     return *loader;
   }
 

@@ -2,22 +2,22 @@
 // directly, and as loadable modules that the tool loads beside its
 // executable the first time a file of their format is decoded, so that other
 // runs never map their libraries (each costs start-up time and memory in
-// every run that maps it):
+// every run that maps it). By stem (libtessera-heif.so on POSIX,
+// tessera-heif.dll on Windows; utility::ModuleFileName):
 //
-//   libtessera-heif.so  libheif and the codecs under it
-//   libtessera-tiff.so  libtiff and the LERC, zstd, xz, JBIG and deflate
-//                       libraries under it
-//   libtessera-webp.so  libwebp and libwebpdemux
-//   libtessera-gif.so   giflib
+//   tessera-heif  libheif and the codecs under it
+//   tessera-tiff  libtiff and the compression libraries under it
+//   tessera-webp  libwebp and libwebpdemux
+//   tessera-gif   giflib
 //
 // Each module exports one C function, its table's kEntryName, returning its
-// table; its loader (<format>-module-dlopen.cc) defines Create<Format>Decoder()
+// table; its loader (<format>-module-loader.cc) defines Create<Format>Decoder()
 // of decoders.h by calling it, and returns nullptr (no decoder: the file is
 // refused cleanly) after one ERROR line when the module cannot be loaded.
 //
 // Camera files in a TIFF container still reach the RAW module: the TIFF
-// module links its own copy of the RAW loader (raw-module.h), which finds
-// libtessera-raw.so beside the executable as the tool's copy would.
+// module links its own copy of the RAW loader (raw/raw-module.h), which finds
+// the RAW module beside the executable as the tool's copy would.
 #ifndef TESSERA_LIB_CODEC_DECODER_MODULES_H_
 #define TESSERA_LIB_CODEC_DECODER_MODULES_H_
 
@@ -39,25 +39,25 @@ struct DecoderOnlyTable {
 
 struct HeifModuleTable : DecoderOnlyTable {
   static constexpr char kKind[] = "HEIF";
-  static constexpr char kFileName[] = "libtessera-heif.so";
+  static constexpr char kFileStem[] = "tessera-heif";
   static constexpr char kEntryName[] = "TesseraHeifModuleTable";
 };
 
 struct TiffModuleTable : DecoderOnlyTable {
   static constexpr char kKind[] = "TIFF";
-  static constexpr char kFileName[] = "libtessera-tiff.so";
+  static constexpr char kFileStem[] = "tessera-tiff";
   static constexpr char kEntryName[] = "TesseraTiffModuleTable";
 };
 
 struct WebpModuleTable : DecoderOnlyTable {
   static constexpr char kKind[] = "WebP";
-  static constexpr char kFileName[] = "libtessera-webp.so";
+  static constexpr char kFileStem[] = "tessera-webp";
   static constexpr char kEntryName[] = "TesseraWebpModuleTable";
 };
 
 struct GifModuleTable : DecoderOnlyTable {
   static constexpr char kKind[] = "GIF";
-  static constexpr char kFileName[] = "libtessera-gif.so";
+  static constexpr char kFileStem[] = "tessera-gif";
   static constexpr char kEntryName[] = "TesseraGifModuleTable";
 };
 

@@ -73,15 +73,10 @@ Frame SolidFrame(int left, int top, int width, int height, uint8_t index) {
 }
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return CreateGifDecoder()->Decode(source.get(), cx, out);
+  return testing::DecodeBytes(CreateGifDecoder(), bytes, cx, out);
 }
 
-void ExpectColor(const Rgb& c, double r, double g, double b) {
-  EXPECT_NEAR(c.r, r, 3) << testing::ToString(c);
-  EXPECT_NEAR(c.g, g, 3) << testing::ToString(c);
-  EXPECT_NEAR(c.b, b, 3) << testing::ToString(c);
-}
+void ExpectColor(const Rgb& c, double r, double g, double b) { testing::ExpectColorNear(c, r, g, b, 3); }
 
 TEST(GifDecoderTest, FirstFrameOnTheLogicalScreen) {
   // A red frame on the right half of a 40x20 screen, then a blue frame that

@@ -2,7 +2,7 @@
 // (byte-source.h), the choice of a decoder by content and this interface,
 // one decoder per format (JPEG, PNG, TIFF, GIF, BMP, WebP, HEIF, camera RAW),
 // the reducing sink they share, and the loadable modules of the decoders
-// that need a large library (decoder-modules.h, raw-module.h). Namespace
+// that need a large library (decoder-modules.h, raw/raw-module.h). Namespace
 // tessera::codec; depends on lib/image and lib/color below it.
 //
 // The decoders behind the thumbnail provider. A decoder is chosen by

@@ -18,8 +18,7 @@ using testing::PngImage;
 using testing::Rgb;
 
 Status DecodeBytes(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return CreatePngDecoder()->Decode(source.get(), cx, out);
+  return testing::DecodeBytes(CreatePngDecoder(), bytes, cx, out);
 }
 
 // RGBA 8-bit: the left half opaque red, the right half fully transparent

@@ -65,15 +65,10 @@ std::string EncodeAnimation(int width, int height, const std::vector<std::vector
 }
 
 Status Decode(const std::string& bytes, uint32_t cx, image::Bitmap* out) {
-  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return CreateWebpDecoder()->Decode(source.get(), cx, out);
+  return testing::DecodeBytes(CreateWebpDecoder(), bytes, cx, out);
 }
 
-void ExpectColor(const Rgb& c, double r, double g, double b) {
-  EXPECT_NEAR(c.r, r, 4) << testing::ToString(c);
-  EXPECT_NEAR(c.g, g, 4) << testing::ToString(c);
-  EXPECT_NEAR(c.b, b, 4) << testing::ToString(c);
-}
+void ExpectColor(const Rgb& c, double r, double g, double b) { testing::ExpectColorNear(c, r, g, b, 4); }
 
 TEST(WebpDecoderTest, StillIsScaledOnLoadAndFlattened) {
   // Left half blue, right half transparent.

@@ -2,7 +2,7 @@
 #include "lib/codec/decoder-modules.h"
 #include "lib/codec/decoders.h"
 
-extern "C" __attribute__((visibility("default"))) const tessera::codec::WebpModuleTable*
+extern "C" TESSERA_MODULE_EXPORT const tessera::codec::WebpModuleTable*
 TesseraWebpModuleTable() {
   return tessera::codec::DecoderOnlyTableOf<tessera::codec::WebpModuleTable, &tessera::codec::CreateWebpDecoder>();
 }

@@ -3,9 +3,11 @@
 #include <lcms2.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "lib/color/testing/icc-fixtures.h"
 
 namespace tessera {
 namespace color {
@@ -22,20 +24,9 @@ std::vector<uint8_t> Save(cmsHPROFILE profile, cmsToneCurve* curve) {
   return bytes;
 }
 
-// A Display-P3-like profile: P3 primaries, sRGB transfer curve.
-std::vector<uint8_t> MakeP3Profile() {
-  const cmsCIExyY white = {0.3127, 0.3290, 1.0};
-  const cmsCIExyYTRIPLE primaries = {{0.680, 0.320, 1.0}, {0.265, 0.690, 1.0}, {0.150, 0.060, 1.0}};
-  const cmsFloat64Number params[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
-  cmsToneCurve* curve = cmsBuildParametricToneCurve(nullptr, 4, params);
-  cmsToneCurve* curves[3] = {curve, curve, curve};
-  return Save(cmsCreateRGBProfile(&white, &primaries, curves), curve);
-}
-
-std::vector<uint8_t> MakeGrayProfile() {
-  cmsToneCurve* curve = cmsBuildGamma(nullptr, 2.2);
-  return Save(cmsCreateGrayProfile(cmsD50_xyY(), curve), curve);
-}
+std::vector<uint8_t> Bytes(const std::string& profile) { return std::vector<uint8_t>(profile.begin(), profile.end()); }
+std::vector<uint8_t> MakeP3Profile() { return Bytes(testing::DisplayP3Profile()); }
+std::vector<uint8_t> MakeGrayProfile() { return Bytes(testing::GrayGammaProfile(2.2)); }
 
 TEST(ColorTransformTest, UnusableProfilesGiveIdentity) {
   std::vector<uint8_t> garbage(600, 0x5a);
@@ -207,8 +198,7 @@ TEST(ColorTransformTest, LabBecomesSrgb) {
 }
 
 TEST(ColorTransformTest, SixteenBitGrayKeepsItsPrecision) {
-  cmsToneCurve* linear = cmsBuildGamma(nullptr, 1.0);
-  const std::vector<uint8_t> icc = Save(cmsCreateGrayProfile(cmsD50_xyY(), linear), linear);
+  const std::vector<uint8_t> icc = Bytes(testing::GrayGammaProfile(1.0));
   const ColorTransform gray = ColorTransform::FromIcc(icc.data(), icc.size(), PixelLayout::kGray16);
   ASSERT_FALSE(gray.is_identity());
   // Linear light of 1/1000 and 1/2: 8-bit input could not tell the first

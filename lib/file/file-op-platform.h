@@ -21,6 +21,11 @@ int DeleteRegularFile(const std::string& path);
 // layer closes the file again and sets -1. Nothing is logged.
 bool OpenForWriting(const std::string& path, int* descriptor);
 
+// Replaces the content of the file open as `descriptor` (POSIX) or, with
+// -1, of the existing file at `path` (Windows) with `size` bytes at `data`;
+// whether that worked (errno says why not).
+bool WriteAll(const std::string& path, int descriptor, const void* data, size_t size);
+
 // Closes a descriptor that OpenForWriting handed out.
 void CloseDescriptor(int descriptor);
 

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -182,6 +183,21 @@ int RemoveTreeAt(int parent_fd, const char* name, int depth) {
 
 }  // namespace
 
+std::string ToNativePath(const std::string& path) { return path; }
+
+int FSIdentifyRegularFile(const std::string& path, std::string* identity) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return IsNotFound(errno) ? -ENOENT : -EINVAL;
+  if (!S_ISREG(info.st_mode)) return -EINVAL;
+  char text[160];
+  std::snprintf(text, sizeof(text), "%llu:%llu:%lld:%lld.%09ld:%lld.%09ld",
+                static_cast<unsigned long long>(info.st_dev), static_cast<unsigned long long>(info.st_ino),
+                static_cast<long long>(info.st_size), static_cast<long long>(info.st_mtim.tv_sec),
+                info.st_mtim.tv_nsec, static_cast<long long>(info.st_ctim.tv_sec), info.st_ctim.tv_nsec);
+  *identity = text;
+  return 0;
+}
+
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;
   std::string stripped = StripTrailingSlashes(path);
@@ -282,6 +298,25 @@ bool OpenForWriting(const std::string& path, int* descriptor) {
     return false;
   }
   *descriptor = fd;
+  return true;
+}
+
+bool WriteAll(const std::string& /*path*/, int descriptor, const void* data, size_t size) {
+  if (descriptor < 0) {
+    errno = EBADF;
+    return false;
+  }
+  if (ftruncate(descriptor, 0) != 0) return false;
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  size_t done = 0;
+  while (done < size) {
+    const ssize_t written = pwrite(descriptor, bytes + done, size - done, static_cast<off_t>(done));
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(written);
+  }
   return true;
 }
 

@@ -9,9 +9,7 @@
 #endif
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <set>
 #include <string>
 #include <utility>
@@ -25,6 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::tessera::test::Exists;
+using ::tessera::test::ReadAll;
 using ::testing::ContainsRegex;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
@@ -152,11 +151,6 @@ TEST_F(FileOpTest, RemoveTreeUnlinksLinksWithoutFollowingThem) {
   EXPECT_EQ(FSRemove(dir_.Path("tree")), 0);
   EXPECT_FALSE(Exists(dir_.Path("tree")));
   EXPECT_TRUE(Exists(outside));
-}
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // Whatever stands at the name beforehand, nothing outside the directory is

@@ -47,6 +47,10 @@ TEST_F(FileOpWinTest, ExistsComparesTheStoredName) {
   EXPECT_EQ(GetCapturedStderr(), "");
   EXPECT_TRUE(FSExists(dir_.path().substr(0, 2), false));  // the drive, "Z:"
   EXPECT_TRUE(FSExists(dir_.path().substr(0, 3), true));   // its root, "Z:\\"
+  // A folder given with a trailing separator and joined with "/name".
+  EXPECT_TRUE(FSExists(dir_.path() + "\\/readme.txt", true));
+  EXPECT_EQ(FSRemove(dir_.path() + "\\\\readme.txt"), 0);
+  EXPECT_FALSE(FSExists(file, false));
 
   // A one-byte name is no drive: its stored case counts.
   dir_.MakeFile("a");

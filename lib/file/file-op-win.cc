@@ -8,6 +8,8 @@
 #include <windows.h>
 #include <io.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -77,10 +79,25 @@ std::string Anchored(const std::string& path) {
   return absolute.empty() ? path : absolute;
 }
 
+// The path with each run of separators made one, but for the two that open
+// a share or a long-form path. Win32 takes a long-form path literally, and an
+// empty component (an output folder given as "C:\out\" and joined with
+// "/name") makes it invalid.
+std::string WithSingleSeparators(const std::string& path) {
+  const size_t kept = path.size() >= 2 && IsSeparator(path[0]) && IsSeparator(path[1]) ? 2 : 0;
+  std::string result = path.substr(0, kept);
+  for (size_t i = kept; i < path.size(); ++i) {
+    if (IsSeparator(path[i]) && result.size() > kept && IsSeparator(result.back())) continue;
+    result.push_back(path[i]);
+  }
+  return result;
+}
+
 // The long form handed to Win32, as UTF-8 (for messages) and UTF-16. A path
 // that does not convert becomes empty and fails in the call that follows.
 struct LongPath {
-  explicit LongPath(const std::string& path) : text(ToLongPath(Anchored(path))), wide(utility::UTF8ToUTF16(text)) {}
+  explicit LongPath(const std::string& path)
+      : text(ToLongPath(WithSingleSeparators(Anchored(path)))), wide(utility::UTF8ToUTF16(text)) {}
   std::string text;
   std::u16string wide;
 };
@@ -198,6 +215,30 @@ int RemoveTree(const std::string& dir, int depth) {
 
 }  // namespace
 
+std::string ToNativePath(const std::string& path) { return LongPath(path).text; }
+
+int FSIdentifyRegularFile(const std::string& path, std::string* identity) {
+  LongPath long_path(path);
+  // No access asked for: the file's attributes only, whoever has it open.
+  ScopedHandle handle(CreateFileW(Wide(long_path.wide), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                  nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  if (handle.get() == INVALID_HANDLE_VALUE) {
+    handle.release();
+    return IsNotFound(GetLastError()) ? -ENOENT : -EINVAL;
+  }
+  BY_HANDLE_FILE_INFORMATION info;
+  if (GetFileType(handle.get()) != FILE_TYPE_DISK || !GetFileInformationByHandle(handle.get(), &info) ||
+      (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    return -EINVAL;
+  }
+  char text[160];
+  std::snprintf(text, sizeof(text), "%lu:%lu.%lu:%lu.%lu:%lu.%lu", info.dwVolumeSerialNumber, info.nFileIndexHigh,
+                info.nFileIndexLow, info.nFileSizeHigh, info.nFileSizeLow, info.ftLastWriteTime.dwHighDateTime,
+                info.ftLastWriteTime.dwLowDateTime);
+  *identity = text;
+  return 0;
+}
+
 bool FSExists(const std::string& path, bool exact_case) {
   if (path.empty()) return false;
   // A drive root ("C:", "C:\\") has no stored name to compare; a one-byte
@@ -310,6 +351,35 @@ bool OpenForWriting(const std::string& path, int* descriptor) {
   if (file == nullptr) return false;
   fclose(file);
   *descriptor = -1;
+  return true;
+}
+
+bool WriteAll(const std::string& path, int /*descriptor*/, const void* data, size_t size) {
+  // No handle is kept on this platform (OpenForWriting made the file): the
+  // file at the path is emptied and written.
+  LongPath long_path(path);
+  ScopedHandle handle(CreateFileW(Wide(long_path.wide), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                  TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (handle.get() == INVALID_HANDLE_VALUE) {
+    handle.release();
+    errno = IsNotFound(GetLastError()) ? ENOENT : EACCES;
+    return false;
+  }
+  if (GetFileType(handle.get()) != FILE_TYPE_DISK) {
+    errno = EINVAL;
+    return false;
+  }
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  size_t done = 0;
+  while (done < size) {
+    const DWORD chunk = size - done > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size - done);
+    DWORD written = 0;
+    if (!WriteFile(handle.get(), bytes + done, chunk, &written, nullptr) || written == 0) {
+      errno = GetLastError() == ERROR_DISK_FULL ? ENOSPC : EIO;
+      return false;
+    }
+    done += written;
+  }
   return true;
 }
 

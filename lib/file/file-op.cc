@@ -143,6 +143,10 @@ int FSOpenForWriting(const std::string& path, OpenFile* file) {
   return 0;
 }
 
+int FSWriteOpenFile(const std::string& path, const OpenFile& file, const void* data, size_t size) {
+  return platform::WriteAll(path, file.descriptor(), data, size) ? 0 : -1;
+}
+
 bool FSNamesOpenFile(const std::string& path, const OpenFile& file) {
   return !file.is_open() || platform::NamesDescriptor(path, file.descriptor());
 }

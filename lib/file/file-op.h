@@ -44,6 +44,18 @@ struct FSStatInfo {
 // then every '/' turned into '\'. Pure string logic.
 std::string ToLongPath(const std::string& path);
 
+// The path as the platform's own file functions are to be given it, in
+// UTF-8: on Windows made absolute (against the current directory) and in
+// long-path form, so that it may exceed MAX_PATH; unchanged on POSIX.
+std::string ToNativePath(const std::string& path);
+
+// Identifies the regular file that `path` leads to (links followed), for
+// caches keyed by content: *identity receives its device and file id, size
+// and modification and change times as text, so that another file at the
+// path, or this one changed, gives another identity. 0; -ENOENT when nothing
+// is there; -EINVAL when it is no regular file. Nothing is logged.
+int FSIdentifyRegularFile(const std::string& path, std::string* identity);
+
 // Whether the path exists; with exact_case the stored name of the last
 // component must match byte for byte.
 bool FSExists(const std::string& path, bool exact_case);
@@ -98,6 +110,13 @@ class OpenFile {
 // files on termination (unreported-files.h) creates nothing and fails.
 // Thread-safe.
 int FSOpenForWriting(const std::string& path, OpenFile* file);
+
+// Replaces what the file holds with the `size` bytes at `data`: the file
+// `file` holds open is emptied and written from its start; where the
+// platform keeps no handle (Windows), the existing file at `path` is. 0, or
+// -1 (errno says why; nothing is logged). Writes into one file must not
+// overlap.
+int FSWriteOpenFile(const std::string& path, const OpenFile& file, const void* data, size_t size);
 
 // Whether `path` still names the file that `file` holds open: false when the
 // name is gone or now names something else, such as a link put in its place.

@@ -9,8 +9,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +21,7 @@ namespace file {
 namespace {
 
 using ::tessera::test::Exists;
+using ::tessera::test::ReadAll;
 
 TEST(UnreportedFilesTest, EachRegistrationIsForgottenOnItsOwn) {
   const std::string path = "out/Ab3-x_9Z";
@@ -84,11 +83,6 @@ TEST(UnreportedFilesTest, ConcurrentRegistrationsNeitherLoseNorMixPaths) {
 }
 
 #ifndef _WIN32
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // What a run does before it is stopped: makes two files, hands one over as
 // a report would, registers a name the attacker turned into a link to
 // `outside` and a frame it never got to write; then the signal comes.

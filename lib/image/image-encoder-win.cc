@@ -1,5 +1,8 @@
-// Saving bitmaps with GDI+ (flat API). GDI+ is started once per process, on
-// first use, and stays up until the process ends.
+// The encoder table on Windows: the platform's own image encoders, GDI+'s
+// (flat API), which the frame writer looks up by MIME type and saves with.
+// Thumbnails are saved by image-encoder.cc, as on every platform. GDI+ is
+// started once per process, on first use, and stays up until the process
+// ends.
 #include <windows.h>
 // GDI+ needs the Windows types first.
 #include <gdiplus.h>
@@ -17,10 +20,6 @@ namespace image {
 namespace {
 
 namespace gdip = Gdiplus::DllExports;
-
-constexpr int kJpegQuality = 85;
-// {1d5be4b5-fa4a-452d-9cdd-5db35105e7eb}
-constexpr GUID kEncoderQuality = {0x1d5be4b5, 0xfa4a, 0x452d, {0x9c, 0xdd, 0x5d, 0xb3, 0x51, 0x05, 0xe7, 0xeb}};
 
 // GdiplusStartup once, thread-safely; false when GDI+ could not start.
 bool EnsureGdiplus() {
@@ -75,33 +74,15 @@ Status Save(const Bitmap& bitmap, const std::string& utf8_path, const wchar_t* m
   return Status::OK();
 }
 
-}  // namespace
-
-Status SaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
-  ULONG quality = kJpegQuality;
-  Gdiplus::EncoderParameters parameters;
-  parameters.Count = 1;
-  parameters.Parameter[0].Guid = kEncoderQuality;
-  parameters.Parameter[0].Type = Gdiplus::EncoderParameterValueTypeLong;
-  parameters.Parameter[0].NumberOfValues = 1;
-  parameters.Parameter[0].Value = &quality;
-  return Save(bitmap, utf8_path, L"image/jpeg", &parameters);
+// What the frame writer saves with: GDI+'s encoder as it comes, with no
+// encoder parameters (its default quality).
+Status GdiplusSaveJpeg(const Bitmap& bitmap, const std::string& utf8_path) {
+  return Save(bitmap, utf8_path, L"image/jpeg", nullptr);
 }
 
-Status SavePng(const Bitmap& bitmap, const std::string& utf8_path) {
+Status GdiplusSavePng(const Bitmap& bitmap, const std::string& utf8_path) {
   return Save(bitmap, utf8_path, L"image/png", nullptr);
 }
-
-// GDI+ saves to a path; the file layer keeps no handle on this platform.
-Status SaveJpeg(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::string& utf8_path) {
-  return SaveJpeg(bitmap, utf8_path);
-}
-
-Status SavePng(const Bitmap& bitmap, const file::OpenFile& /*file*/, const std::string& utf8_path) {
-  return SavePng(bitmap, utf8_path);
-}
-
-namespace {
 
 // GDI+'s own table, asked for anew every time; only the formats saved here
 // come out of it.
@@ -130,8 +111,8 @@ class GdiplusEncoderTable : public EncoderTable {
     for (UINT i = 0; i < count; ++i) {
       const WCHAR* mime = table[i].MimeType;
       if (mime == nullptr) continue;
-      if (wcscmp(mime, L"image/jpeg") == 0) list.push_back({"image/jpeg", &SaveJpeg});
-      if (wcscmp(mime, L"image/png") == 0) list.push_back({"image/png", &SavePng});
+      if (wcscmp(mime, L"image/jpeg") == 0) list.push_back({"image/jpeg", &GdiplusSaveJpeg});
+      if (wcscmp(mime, L"image/png") == 0) list.push_back({"image/png", &GdiplusSavePng});
     }
     *encoders = std::move(list);
     return 0;

@@ -1,6 +1,7 @@
-// Saving a bitmap as JPEG or PNG, and the table of encoders by MIME type.
-// One implementation per platform: libjpeg-turbo and libspng on POSIX
-// (image-encoder-posix.cc), GDI+ on Windows. No library header here.
+// Saving a bitmap as JPEG or PNG (libjpeg-turbo and libspng on every
+// platform, image-encoder.cc), and the platform's table of encoders by MIME
+// type (ours on POSIX, GDI+'s on Windows: image-encoder-posix.cc,
+// image-encoder-win.cc). No library header here.
 //
 // Outputs carry no metadata (no EXIF, no GPS, no embedded thumbnail). Alpha
 // is ignored: bitmaps are saved as opaque RGB.
@@ -31,8 +32,8 @@ Status SavePng(const Bitmap& bitmap, const std::string& utf8_path);
 // opened again, so a name swapped for a link meanwhile leads nowhere. The
 // save then fails (IoError) if utf8_path no longer names that file: a caller
 // that hands the name on must not send anyone elsewhere. When `file` holds
-// nothing (always on Windows, whose encoder writes to a path), utf8_path is
-// written as above. Saves into one file must not overlap.
+// nothing (always on Windows, whose file layer keeps no handle), utf8_path
+// is written as above. Saves into one file must not overlap.
 Status SaveJpeg(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path);
 Status SavePng(const Bitmap& bitmap, const file::OpenFile& file, const std::string& utf8_path);
 

@@ -12,5 +12,8 @@ PixelMemory AllocatePixels(size_t bytes) {
   return PixelMemory(static_cast<uint8_t*>(std::malloc(bytes + kPixelSlack)), PixelMemoryFree{});
 }
 
+// The Windows heap returns large blocks to the system when they are freed.
+void PreferMappedLargeBlocks() {}
+
 }  // namespace image
 }  // namespace tessera

@@ -28,6 +28,12 @@ using PixelMemory = std::unique_ptr<uint8_t[], PixelMemoryFree>;
 // when memory is short.
 PixelMemory AllocatePixels(size_t bytes);
 
+// Asks the C library to give every large block (a decoder's buffers, a
+// picture) a mapping of its own, returned to the system when freed, rather
+// than carving such blocks from the heap, where freed memory stays resident
+// and adds up across the sizes of a run. Once per process; thread-safe.
+void PreferMappedLargeBlocks();
+
 }  // namespace image
 }  // namespace tessera
 

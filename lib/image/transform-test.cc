@@ -55,23 +55,16 @@ void ExpectUpright(int orientation, int w, int h, const Bitmap& upright) {
   }
 }
 
+// Every orientation, on a picture smaller than a tile and on sizes beyond
+// the 64-pixel tiles, not multiples of them, both aspects.
 TEST(TransformTest, EveryExifOrientationLandsUpright) {
+  const int sizes[][2] = {{2, 3}, {150, 67}, {1, 131}};
   for (int orientation = 1; orientation <= 8; ++orientation) {
-    Bitmap bitmap = Labelled(2, 3);
-    ASSERT_TRUE(ApplyExifOrientation(orientation, &bitmap).ok());
-    ExpectUpright(orientation, 2, 3, bitmap);
-  }
-}
-
-TEST(TransformTest, LargerThanOneTileAndOddSizes) {
-  // Sizes beyond the 64-pixel tiles, not multiples of them, both aspects.
-  for (int orientation = 1; orientation <= 8; ++orientation) {
-    Bitmap wide = Labelled(150, 67);
-    ASSERT_TRUE(ApplyExifOrientation(orientation, &wide).ok());
-    ExpectUpright(orientation, 150, 67, wide);
-    Bitmap tall = Labelled(1, 131);
-    ASSERT_TRUE(ApplyExifOrientation(orientation, &tall).ok());
-    ExpectUpright(orientation, 1, 131, tall);
+    for (const auto& size : sizes) {
+      Bitmap bitmap = Labelled(size[0], size[1]);
+      ASSERT_TRUE(ApplyExifOrientation(orientation, &bitmap).ok());
+      ExpectUpright(orientation, size[0], size[1], bitmap);
+    }
   }
 }
 

@@ -1,22 +1,7 @@
-// The POSIX thumbnail provider: our own decoders, chosen by content.
-//
-//   CreateItem     the path names a regular file we can open (never blocks:
-//                  FIFOs and devices are refused at once)
-//   BindToHandler  sniffs the first bytes and picks a decoder, telling it
-//                  every request a run makes of a file; content that is no
-//                  image format goes to the RAW decoder when the name has a
-//                  camera RAW extension (headerless RAW files have no
-//                  signature: LibRaw knows them by their size), else to the
-//                  video path when a demuxer recognises it as a video (or a
-//                  file with cover art)
-//   GetThumbnail   decodes, shrinking on load, to a bitmap within cx
-#include <errno.h>
-#include <malloc.h>
-#include <sys/stat.h>
-
-#include <cstdio>
+#include "lib/thumbnail/decoder-thumbnail-provider.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -24,6 +9,7 @@
 
 #include "lib/codec/byte-source.h"
 #include "lib/codec/image-decoder.h"
+#include "lib/image/pixel-memory.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/source-classification.h"
 #include "lib/thumbnail/thumbnail-job.h"
@@ -69,36 +55,13 @@ int32_t DecodeErrorCode(const Status& status) {
   }
 }
 
-// Names a file's content for the decoders' per-process cache: path, device,
-// inode, size, modification and change times, taken before and after the
-// file is opened. Empty (no caching) when the two differ or stat fails, so a
-// file replaced while it is opened is never mistaken for the old one.
-std::string ContentKey(const std::string& path, const struct stat& before) {
-  struct stat after;
-  if (stat(path.c_str(), &after) != 0) return std::string();
-  if (before.st_dev != after.st_dev || before.st_ino != after.st_ino ||
-      before.st_size != after.st_size || before.st_mtim.tv_sec != after.st_mtim.tv_sec ||
-      before.st_mtim.tv_nsec != after.st_mtim.tv_nsec ||
-      before.st_ctim.tv_sec != after.st_ctim.tv_sec ||
-      before.st_ctim.tv_nsec != after.st_ctim.tv_nsec) {
-    return std::string();
-  }
-  char identity[160];
-  snprintf(identity, sizeof(identity), "\n%llu:%llu:%lld:%lld.%09ld:%lld.%09ld",
-           static_cast<unsigned long long>(after.st_dev), static_cast<unsigned long long>(after.st_ino),
-           static_cast<long long>(after.st_size), static_cast<long long>(after.st_mtim.tv_sec),
-           after.st_mtim.tv_nsec, static_cast<long long>(after.st_ctim.tv_sec), after.st_ctim.tv_nsec);
-  return path + identity;
-}
-
-
 // The largest cx one run of the tool asks of a file.
 uint32_t LargestRunRequest() {
   const std::vector<uint32_t> run = RunRequestEdges();
   return *std::max_element(run.begin(), run.end());
 }
 
-class PosixThumbnailProvider : public ThumbnailProvider {
+class DecoderThumbnailProvider : public ThumbnailProvider {
  public:
   int32_t CreateItem(const std::u16string& path) override {
     source_.reset();
@@ -107,14 +70,15 @@ class PosixThumbnailProvider : public ThumbnailProvider {
     content_key_.clear();
     cancellation_.reset();
     if (utility::UTF16ToUTF8(path, &path_) != 0) return -EINVAL;
-    struct stat before;
-    const bool have_before = stat(path_.c_str(), &before) == 0;
     Status status = codec::ByteSource::OpenFile(path_, &source_);
     if (!status.ok()) {
       LOG_DEBUG(kLogComponent, "cannot open '%s': %s", path_.c_str(), status.ToString().c_str());
       return OpenErrorCode(status);
     }
-    if (have_before) content_key_ = ContentKey(path_, before);
+    // The decoders' per-process cache tells contents apart by path and by
+    // the identity of the file that is open (never one that replaced it).
+    const std::string identity = source_->ContentIdentity();
+    if (!identity.empty()) content_key_ = path_ + "\n" + identity;
     cancellation_ = CurrentJobCancellation();
     source_->set_cancellation(cancellation_);
     return 0;
@@ -172,24 +136,11 @@ class PosixThumbnailProvider : public ThumbnailProvider {
   bool video_ = false;
 };
 
-// Pictures of tens of megabytes come and go once per size. glibc raises its
-// mmap threshold each time such a block is freed, after which the next ones
-// are carved from the heap, where freed memory stays resident and adds up
-// across sizes (a 12 MP progressive JPEG peaked at 128 instead of 88 MiB).
-// A fixed threshold keeps every large block in a mapping of its own, returned
-// to the system when freed.
-void KeepLargeBlocksMapped() {
-#ifdef __GLIBC__
-  static std::once_flag once;
-  std::call_once(once, [] { mallopt(M_MMAP_THRESHOLD, 256 * 1024); });
-#endif
-}
-
 }  // namespace
 
-std::unique_ptr<ThumbnailProvider> CreatePlatformThumbnailProvider() {
-  KeepLargeBlocksMapped();
-  return std::unique_ptr<ThumbnailProvider>(new PosixThumbnailProvider());
+std::unique_ptr<ThumbnailProvider> CreateDecoderThumbnailProvider() {
+  image::PreferMappedLargeBlocks();
+  return std::unique_ptr<ThumbnailProvider>(new DecoderThumbnailProvider());
 }
 
 }  // namespace thumbnail

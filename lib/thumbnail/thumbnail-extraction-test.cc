@@ -13,12 +13,13 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lib/thumbnail/testing/count-of.h"
 #include "lib/thumbnail/testing/fake-thumbnail-provider.h"
 #include "lib/thumbnail/testing/image-size.h"
-#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/scratch-dir.h"
 
 namespace tessera {
 namespace thumbnail {
@@ -29,7 +30,6 @@ using testing::FakeProviderConfig;
 using testing::FakeProviderFactory;
 using testing::FakeProviderRecord;
 using testing::ReadImageSize;
-using testing::ScratchDir;
 using Outputs = std::vector<std::shared_ptr<utility::TempFile>>;
 
 using testing::CountOf;
@@ -69,7 +69,7 @@ class ExtractionTest : public ::testing::Test {
     return config;
   }
 
-  ScratchDir dir_;
+  test::ScratchDir dir_;
   std::shared_ptr<FakeProviderRecord> record_ = std::make_shared<FakeProviderRecord>();
   std::string log_;
 };
@@ -85,52 +85,41 @@ TEST(CleanupListTest, RunsActionsLastFirst) {
   EXPECT_EQ("cba", order);
 }
 
-TEST_F(ExtractionTest, CascadeScalesEachSizeFromThePreviousOne) {
-  Outputs outputs = MakeOutputs(3);
-  ASSERT_TRUE(Extract(Bitmap(3840, 2160), {1280, 640, 320}, outputs));
-  EXPECT_EQ(std::vector<uint32_t>{3840}, record_->requested_cx);  // asked once, for 3 x sizes[0]
-  const int expected[3][2] = {{2275, 1280}, {1137, 640}, {568, 320}};
-  for (int i = 0; i < 3; ++i) {
-    testing::ImageSize size = ReadImageSize(outputs[i]->GetPath());
-    EXPECT_TRUE(size.is_jpeg) << i;
-    EXPECT_EQ(expected[i][0], size.width) << i;
-    EXPECT_EQ(expected[i][1], size.height) << i;
-  }
-  EXPECT_EQ("", log_);
-  EXPECT_EQ(1, record_->destroyed);
-}
-
 TEST_F(ExtractionTest, ShorterSideBecomesTheSizeTruncatedAndNeverEnlarged) {
   struct Case {
     int width, height;
-    uint32_t size;
-    int want_width, want_height;
+    std::vector<uint32_t> sizes;
+    std::vector<std::pair<int, int>> want;  // each output's width and height
+    bool as_png;
   };
   const Case cases[] = {
-      {291, 194, 50, 74, 50},     // 50 / 194 * 291 is just under 75 in double
-      {100, 50, 64, 100, 50},     // short side not above the size: kept
-      {100, 50, 40, 80, 40},
-      {50, 100, 40, 40, 80},      // portrait
-      {500, 500, 256, 256, 256},  // square
-      {300, 120, 120, 300, 120},  // short side equal to the size: unscaled
-      {30, 20, 120, 30, 20},      // small image: never enlarged
+      // Asked once, for 3 x sizes[0]; each size scaled from the one before.
+      {3840, 2160, {1280, 640, 320}, {{2275, 1280}, {1137, 640}, {568, 320}}, false},
+      {291, 194, {50}, {{74, 50}}, false},  // 50 / 194 * 291 is just under 75 in double
+      {100, 50, {64}, {{100, 50}}, false},  // short side not above the size: kept
+      {100, 50, {40}, {{80, 40}}, false},
+      {50, 100, {40}, {{40, 80}}, false},      // portrait
+      {500, 500, {256}, {{256, 256}}, false},  // square
+      {300, 120, {120}, {{300, 120}}, false},  // short side equal to the size: unscaled
+      {30, 20, {120}, {{30, 20}}, false},      // small image: never enlarged
+      {80, 60, {30}, {{40, 30}}, true},
   };
   for (const Case& c : cases) {
-    Outputs outputs = MakeOutputs(1);
-    ASSERT_TRUE(Extract(Bitmap(c.width, c.height), {c.size}, outputs)) << c.width << "x" << c.height;
-    testing::ImageSize size = ReadImageSize(outputs[0]->GetPath());
-    EXPECT_EQ(c.want_width, size.width) << c.width << "x" << c.height << " at " << c.size;
-    EXPECT_EQ(c.want_height, size.height) << c.width << "x" << c.height << " at " << c.size;
+    SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " at " + std::to_string(c.sizes[0]));
+    record_ = std::make_shared<FakeProviderRecord>();
+    Outputs outputs = MakeOutputs(c.sizes.size());
+    ASSERT_TRUE(Extract(Bitmap(c.width, c.height), c.sizes, outputs, c.as_png));
+    EXPECT_EQ(std::vector<uint32_t>{3 * c.sizes[0]}, record_->requested_cx);
+    for (size_t i = 0; i < outputs.size(); ++i) {
+      const testing::ImageSize size = ReadImageSize(outputs[i]->GetPath());
+      EXPECT_EQ(c.as_png, size.is_png) << i;
+      EXPECT_EQ(!c.as_png, size.is_jpeg) << i;
+      EXPECT_EQ(c.want[i].first, size.width) << i;
+      EXPECT_EQ(c.want[i].second, size.height) << i;
+    }
+    EXPECT_EQ("", log_);
+    EXPECT_EQ(1, record_->destroyed);
   }
-}
-
-TEST_F(ExtractionTest, PngFlagWritesPng) {
-  Outputs outputs = MakeOutputs(1);
-  ASSERT_TRUE(Extract(Bitmap(80, 60), {30}, outputs, /*as_png=*/true));
-  testing::ImageSize size = ReadImageSize(outputs[0]->GetPath());
-  EXPECT_TRUE(size.is_png);
-  EXPECT_EQ(40, size.width);
-  EXPECT_EQ(30, size.height);
 }
 
 TEST_F(ExtractionTest, EachProviderFailureLogsOneErrorLineWithItsSourceLine) {
@@ -178,7 +167,7 @@ TEST_F(ExtractionTest, FailedSaveStopsTheCascadeAndKeepsEarlierOutputs) {
 // stands at its name, the save must not hang on it, and the extraction fails
 // rather than leave a name that leads elsewhere.
 TEST_F(ExtractionTest, AnOutputReplacedDuringTheDecodeIsNeverWrittenThrough) {
-  const std::string precious = dir_.Join("precious");
+  const std::string precious = dir_.Path("precious");
   std::ofstream(precious) << "precious";
   struct Case {
     const char* what;

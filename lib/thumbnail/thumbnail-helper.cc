@@ -14,7 +14,6 @@
 #include "lib/utility/com-init.h"
 #include "lib/utility/temp-file.h"
 #include "lib/utility/text-conversion.h"
-#include "lib/video/exported-frames.h"
 #include "lib/video/source-reader.h"
 
 namespace tessera {
@@ -57,8 +56,6 @@ int32_t ExportVideoFrame(const std::string& src, const std::string& frame_path) 
   const std::u16string wide_frame = utility::UTF8ToUTF16(frame_path);
   SourceReader reader(wide_src);
   reader.ExportFrame(wide_frame, kFrameSeekSeconds);
-  // Only a completely written frame is ours to decode directly.
-  RegisterExportedFrame(frame_path);
   return 0;
 }
 
@@ -82,20 +79,37 @@ bool ThumbnailHelper::Refuse(const std::string& extension, ThumbnailError* error
 
 template <typename RunJob>
 int32_t ThumbnailHelper::RetryFromFrame(int32_t first_result, RunJob run_job) {
+  if (!export_failed_for_.empty() && export_failed_for_ == src_) {
+    LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
+    return first_result;
+  }
   const std::string frame_path = NormalizeSeparators(file::RandomPath(output_dir_) + ".jpg");
   // Registered before the frame writer creates it, forgotten once it is
   // gone: a termination in between removes it.
   const bool registered = file::RegisterUnreportedFile(frame_path);
   int32_t result = first_result;
+  bool abandoned = false;
   try {
-    ExportVideoFrame(src_, frame_path);
-    result = run_job(frame_path);
+    // The platform's media reader has no time limit of its own until it
+    // reads (opening a file can hang): the export runs on a thread of its
+    // own, which is left behind if it is still busy at the run's deadline.
+    const std::string src = src_;
+    if (RunBeforeRunDeadline([src, frame_path] { ExportVideoFrame(src, frame_path); }, {frame_path})) {
+      result = run_job(frame_path);
+    } else {
+      abandoned = true;
+      LOG_WARNING(kComponent, "frame export of '%s' did not end before the run's deadline", src_.c_str());
+      LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
+    }
   } catch (...) {
+    export_failed_for_ = src_;
     LOG_ERROR(kComponent, "Failed to export frame '%s'", src_.c_str());
   }
-  UnregisterExportedFrame(frame_path);
+  if (abandoned) export_failed_for_ = src_;
   file::FSRemove(frame_path);
-  if (registered) file::ForgetUnreportedFile(frame_path);
+  // A frame file that an abandoned export may still write stays unreported:
+  // the end of the process removes it, whichever way the process ends.
+  if (registered && !abandoned) file::ForgetUnreportedFile(frame_path);
   return result;
 }
 

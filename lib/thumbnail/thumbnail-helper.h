@@ -39,9 +39,7 @@ std::string NormalizeSeparators(const std::string& path);
 // `frame_path` (both UTF-8), initialising COM on the calling thread for the
 // call. Returns 0, or the failing code after ERROR "Failed to CoInitializeEx:
 // %d". The frame reader's exceptions (std::runtime_error) pass to the caller
-// after everything was released. A written frame is registered as an exported
-// frame (exported-frames.h); the caller unregisters it when it removes the
-// file. Not for concurrent use with the same paths.
+// after everything was released. Not for concurrent use with the same paths.
 int32_t ExportVideoFrame(const std::string& src, const std::string& frame_path);
 
 // One source file's thumbnails. Fields are UTF-8 text; the instance lives on
@@ -79,14 +77,19 @@ class ThumbnailHelper {
   // Refuses unsupported types and options before any file is made.
   bool Refuse(const std::string& extension, ThumbnailError* error) const;
   // The video fallback: exports a frame beside the outputs and runs
-  // `run_job` on it; returns `first_result` when the export throws. The
-  // frame file is always removed.
+  // `run_job` on it; returns `first_result` when the export throws or has
+  // not ended by the run's deadline (its thread is then left behind). The
+  // frame file is always removed. A source whose export failed is not read
+  // again for the next size: the platform's reader fails the same way each
+  // time, and a reader that may hang on a broken file gets one chance.
   template <typename RunJob>
   int32_t RetryFromFrame(int32_t first_result, RunJob run_job);
 
   std::string output_dir_;
   std::string src_;
   std::string extension_;
+  // The source whose frame could not be exported, if any.
+  std::string export_failed_for_;
   ThumbnailSize size_ = 0;
   std::unordered_set<uint32_t> options_;
 };

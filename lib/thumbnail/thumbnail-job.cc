@@ -15,6 +15,7 @@
 #include "lib/file/file-op.h"
 #include "lib/log/log.h"
 #include "lib/thumbnail/thumbnail-extraction.h"
+#include "lib/utility/process-exit.h"
 #include "lib/utility/run-deadline.h"
 #include "lib/utility/text-conversion.h"
 
@@ -136,6 +137,25 @@ int32_t GenerateOne(const ThumbnailHelper& helper, const std::string& path, cons
 
 std::shared_ptr<const utility::Cancellation> CurrentJobCancellation() { return current_job_cancellation; }
 
+void RecordAbandonedWork(const std::vector<std::string>& files) {
+  AbandonedJobs& jobs = Abandoned();
+  std::lock_guard<std::mutex> lock(jobs.mutex);
+  jobs.any = true;
+  jobs.paths.insert(jobs.paths.end(), files.begin(), files.end());
+}
+
+bool RunBeforeRunDeadline(std::function<void()> work, const std::vector<std::string>& files) {
+  std::packaged_task<void()> task(std::move(work));
+  std::future<void> done = task.get_future();
+  std::thread(std::move(task)).detach();
+  if (done.wait_until(utility::RunDeadline()) != std::future_status::ready) {
+    RecordAbandonedWork(files);
+    return false;
+  }
+  done.get();
+  return true;
+}
+
 bool HasAbandonedJobs() {
   AbandonedJobs& jobs = Abandoned();
   std::lock_guard<std::mutex> lock(jobs.mutex);
@@ -161,7 +181,7 @@ void ExitWithAbandonedJobs(int status) {
   if (OutputWriteMutex().try_lock_for(kExitWriteWait)) {
     for (const std::string& path : paths) file::FSRemove(path);
   }
-  std::_Exit(status);
+  utility::EndProcessNow(status);
 }
 
 }  // namespace thumbnail

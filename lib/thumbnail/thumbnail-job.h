@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,12 +69,27 @@ std::shared_ptr<const utility::Cancellation> CurrentJobCancellation();
 // ExitWithAbandonedJobs. Thread-safe.
 bool HasAbandonedJobs();
 
+// Records that a thread this process started is still in a call nobody
+// waits for any more (a platform thumbnail handler, a platform media reader
+// that did not return in time): the process must then end as it does after
+// an abandoned job (HasAbandonedJobs is true from now on), removing `files`,
+// which that thread may still write. Thread-safe.
+void RecordAbandonedWork(const std::vector<std::string>& files = {});
+
+// Runs `work` on a new, detached thread and waits for it no longer than the
+// run's deadline. True when it ended in time; an exception it threw is then
+// rethrown here. False when the deadline came first: the thread is left to
+// end on its own and recorded as abandoned work with `files`. For platform
+// calls that have no time limit of their own. Callable from any thread.
+bool RunBeforeRunDeadline(std::function<void()> work, const std::vector<std::string>& files);
+
 // Ends the process with `status` while abandoned jobs may still run: flushes
 // standard output and standard error, waits for an output file being
 // written to be finished, removes the output files of every abandoned job
 // (all under OutputWriteMutex, so that none is being written or can be
-// written afterwards), and leaves with std::_Exit, running no destructors. If a write does not finish within a few seconds the files are
-// left behind rather than raced. Call from the main thread only.
+// written afterwards), and leaves with utility::EndProcessNow, running no
+// destructors. If a write does not finish within a few seconds the files
+// are left behind rather than raced. Call from the main thread only.
 //
 // Those files are still unreported files (lib/file/unreported-files.h): a
 // termination signal arriving meanwhile removes the same ones, and neither

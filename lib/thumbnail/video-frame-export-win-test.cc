@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "lib/thumbnail/testing/scratch-dir.h"
+#include "lib/utility/testing/scratch-dir.h"
 #include "lib/thumbnail/thumbnail-helper.h"
 #include "lib/utility/text-conversion.h"
 
@@ -43,13 +43,13 @@ std::pair<UINT, UINT> ImageSize(const std::string& path) {
 }
 
 TEST(VideoFrameExportWinTest, ExportWritesTheFrameAsJpegOrThrows) {
-  testing::ScratchDir dir;
-  const std::string frame = dir.Join("frame.jpg");
+  test::ScratchDir dir;
+  const std::string frame = dir.Path("frame.jpg");
   ASSERT_EQ(ExportVideoFrame(DataPath("clip-96x64.mp4"), frame), 0);
   EXPECT_EQ(ImageSize(frame), std::make_pair(96u, 64u));
 
-  EXPECT_THROW(ExportVideoFrame(DataPath("missing.mp4"), dir.Join("none.jpg")), std::runtime_error);
-  EXPECT_THROW(ExportVideoFrame(frame, dir.Join("none.jpg")), std::runtime_error);  // not a video
+  EXPECT_THROW(ExportVideoFrame(DataPath("missing.mp4"), dir.Path("none.jpg")), std::runtime_error);
+  EXPECT_THROW(ExportVideoFrame(frame, dir.Path("none.jpg")), std::runtime_error);  // not a video
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ constexpr char kLogComponent[] = "thumbnail_debug";
 
 // `file_name` beside the running executable; the bare name (the dynamic
 // loader's search path) when the executable cannot be found.
-std::string PathBesideExecutable(const char* file_name) {
+std::string PathBesideExecutable(const std::string& file_name) {
   char buffer[4096];
   const ssize_t n = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
   if (n <= 0) return file_name;
@@ -26,9 +26,11 @@ std::string PathBesideExecutable(const char* file_name) {
 
 }  // namespace
 
+std::string ModuleFileName(const std::string& stem) { return "lib" + stem + ".so"; }
+
 const void* ModuleLoader::Load() {
   std::call_once(once_, [this] {
-    const std::string path = path_override_.empty() ? PathBesideExecutable(file_name_) : path_override_;
+    const std::string path = path_override_.empty() ? PathBesideExecutable(ModuleFileName(stem_)) : path_override_;
     // Lazy binding for the libraries the module pulls in: binding every
     // function of a codec library's dependency tree up front costs more than
     // a fifth of loading it, and most are never called. The module itself is

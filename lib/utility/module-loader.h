@@ -1,9 +1,14 @@
-// Loads an optional module (a shared object beside the executable) on first
-// use. A module exports one C function, taking nothing, that returns a
+// Loads an optional module (a shared object or DLL beside the executable) on
+// first use. A module exports one C function, taking nothing, that returns a
 // pointer to the module's table of entry points; the table's first member is
 // a uint32_t ABI version, raised whenever the table's layout or meaning
 // changes, so that a stale module next to a newer executable is refused
 // instead of misused.
+//
+// A module is named by its stem, "tessera-heif" say, which the platform
+// decorates (ModuleFileName): libtessera-heif.so beside the executable on
+// POSIX, tessera-heif.dll on Windows. Only the executable's own folder is
+// looked in, never a search path.
 #ifndef TESSERA_LIB_UTILITY_MODULE_LOADER_H_
 #define TESSERA_LIB_UTILITY_MODULE_LOADER_H_
 
@@ -16,12 +21,15 @@
 namespace tessera {
 namespace utility {
 
+// The file name of the module `stem` on this platform.
+std::string ModuleFileName(const std::string& stem);
+
 class ModuleLoader {
  public:
   // `kind` names the module in log lines ("the <kind> module"). All four
   // arguments must outlive the loader (string literals or constants).
-  ModuleLoader(const char* kind, const char* file_name, const char* entry_name, uint32_t abi_version)
-      : kind_(kind), file_name_(file_name), entry_name_(entry_name), abi_version_(abi_version) {}
+  ModuleLoader(const char* kind, const char* stem, const char* entry_name, uint32_t abi_version)
+      : kind_(kind), stem_(stem), entry_name_(entry_name), abi_version_(abi_version) {}
   ModuleLoader(const ModuleLoader&) = delete;
   ModuleLoader& operator=(const ModuleLoader&) = delete;
 
@@ -47,7 +55,7 @@ class ModuleLoader {
   const void* Load();
 
   const char* kind_;
-  const char* file_name_;
+  const char* stem_;
   const char* entry_name_;
   uint32_t abi_version_;
   std::string path_override_;

@@ -7,8 +7,6 @@
 #include <unistd.h>
 #endif
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -21,6 +19,7 @@ namespace utility {
 namespace {
 
 using ::tessera::test::Exists;
+using ::tessera::test::ReadAll;
 
 class TempFileTest : public ::testing::Test {
  protected:
@@ -100,11 +99,6 @@ TEST_F(TempFileTest, CopiesThatLetGoDoNotStrandTheOthers) {
 }
 
 #ifndef _WIN32
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // Someone who can write into the directory swaps the file for a link to a
 // file elsewhere while it is being filled: the writes still land in the file
 // that was created, and its removal takes the name only, never a target.

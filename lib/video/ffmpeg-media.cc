@@ -12,7 +12,6 @@ extern "C" {
 #include <libavutil/time.h>
 }
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,6 +21,7 @@ extern "C" {
 #include <cstring>
 #include <mutex>
 
+#include "lib/file/file-op.h"
 #include "lib/image/limits.h"
 #include "lib/image/pixel-memory.h"
 #include "lib/log/log.h"
@@ -139,12 +139,13 @@ Status MediaFile::Open(const std::string& utf8_path, std::chrono::milliseconds t
   int& error = av_error != nullptr ? *av_error : dummy;
   error = 0;
 
-  struct stat info;
-  if (stat(utf8_path.c_str(), &info) != 0) {
-    error = AVERROR(errno);
+  std::string identity;
+  const int identified = file::FSIdentifyRegularFile(utf8_path, &identity);
+  if (identified == -ENOENT) {
+    error = AVERROR(ENOENT);
     return Status::NotFound("no such file");
   }
-  if (!S_ISREG(info.st_mode)) {
+  if (identified != 0) {
     error = AVERROR(EINVAL);
     return Status::NotSupported("not a regular file");
   }

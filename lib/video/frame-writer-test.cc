@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/utility/testing/scratch-dir.h"
 #include "lib/utility/text-conversion.h"
 #include "lib/video/testing/video-test-files.h"
 
@@ -18,7 +19,6 @@ using testing_util::IsBluish;
 using testing_util::IsReddish;
 using testing_util::ReadJpeg;
 using testing_util::RgbImage;
-using testing_util::ScratchDir;
 
 // A blue 32x16 frame with a red 8x4 block in its top-left corner.
 image::Bitmap MarkedFrame() {
@@ -56,8 +56,8 @@ class WriteFrameRotationTest : public ::testing::TestWithParam<RotationCase> {};
 
 TEST_P(WriteFrameRotationTest, TurnsQuarterTurnsOnlyAndMarkerLandsUpright) {
   const RotationCase c = GetParam();
-  ScratchDir dir;
-  const std::string path = dir.File("frame.jpg");
+  test::ScratchDir dir;
+  const std::string path = dir.Path("frame.jpg");
   VideoFrameInfo info;
   info.width = 32;
   info.height = 16;
@@ -149,14 +149,14 @@ TEST(FindEncoderClsidTest, EachFailureHasItsMessageAndTheFirstExactMatchWins) {
 }
 
 TEST(WriteFrameAsJpegTest, FailuresCarryTheirFixedMessages) {
-  ScratchDir dir;
-  const std::u16string path = utility::UTF8ToUTF16(dir.File("frame.jpg"));
+  test::ScratchDir dir;
+  const std::u16string path = utility::UTF8ToUTF16(dir.Path("frame.jpg"));
   VideoFrameInfo info;
   const FakeEncoderTable png_only(0, 0, {{"image/png", image::SavePng}});
   EXPECT_EQ("Failed to find encoder for format",
             MessageOf([&] { WriteFrameAsJpeg(path, MarkedFrame(), info, png_only); }));
   EXPECT_EQ("Failed to create GDI+ bitmap", MessageOf([&] { WriteFrameAsJpeg(path, image::Bitmap(), info); }));
-  const std::u16string unwritable = utility::UTF8ToUTF16(dir.File("missing/frame.jpg"));
+  const std::u16string unwritable = utility::UTF8ToUTF16(dir.Path("missing/frame.jpg"));
   EXPECT_EQ("Failed to save bitmap as JPEG", MessageOf([&] { WriteFrameAsJpeg(unwritable, MarkedFrame(), info); }));
 }
 

@@ -21,7 +21,7 @@ const MediaModuleTable kTable = {
 }  // namespace thumbnail
 }  // namespace tessera
 
-extern "C" __attribute__((visibility("default"))) const tessera::thumbnail::MediaModuleTable*
+extern "C" TESSERA_MODULE_EXPORT const tessera::thumbnail::MediaModuleTable*
 TesseraMediaModuleTable() {
   return &tessera::thumbnail::kTable;
 }

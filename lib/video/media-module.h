@@ -1,12 +1,12 @@
 // The FFmpeg-based media code (media source, video content test, video
 // thumbnails) is built twice: as a static library that tests and tools may
-// link directly, and as a loadable module, libtessera-media.so, that the tool
+// link directly, and as a loadable module, tessera-media (a .so or .dll), that the tool
 // loads beside its executable on first use. A run that decodes no video then
 // never maps FFmpeg's libraries, which would otherwise cost every run tens of
 // milliseconds of start-up and tens of megabytes of memory.
 //
 // The module exports one C function, kMediaModuleEntry, returning the table
-// below. The loader (media-module-dlopen.cc) defines MediaSource::Create,
+// below. The loader (media-module-loader.cc) defines CreateFfmpegMediaSource,
 // IsVideoContent and ExtractVideoThumbnail by forwarding to that table; when
 // the module cannot be loaded they fail cleanly (no video content, a
 // NotSupported status, a media source whose every call fails) after one
@@ -35,7 +35,7 @@ namespace thumbnail {
 // module next to a newer executable is refused instead of misused.
 constexpr uint32_t kMediaModuleAbiVersion = 4;
 constexpr char kMediaModuleEntry[] = "TesseraMediaModuleTable";
-constexpr char kMediaModuleFileName[] = "libtessera-media.so";
+constexpr char kMediaModuleFileStem[] = "tessera-media";
 
 struct MediaModuleTable {
   uint32_t abi_version;
@@ -51,7 +51,8 @@ struct MediaModuleTable {
 
 // The FFmpeg media source, none of whose opens, seeks and reads goes on past
 // `deadline` (steady clock): they fail as timed out instead. What
-// MediaSource::Create gives, with the run's deadline (utility::RunDeadline).
+// MediaSource::Create gives on POSIX, with the run's deadline
+// (media-source-posix.cc).
 std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::time_point deadline);
 
 // Loads the module from `path` instead of from the executable's directory.

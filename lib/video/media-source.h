@@ -144,7 +144,7 @@ class MediaSource {
   // the callback on a reader thread. A negative return means no answer comes.
   virtual int32_t ReadSample() = 0;
 
-  // The platform's media source (one definition per mechanism).
+  // The platform's media source (media-source-posix.cc, media-source-win.cc).
   static std::unique_ptr<MediaSource> Create();
 };
 

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "lib/utility/cancellation.h"
-#include "lib/utility/run-deadline.h"
 #include "lib/utility/text-conversion.h"
 #include "lib/video/ffmpeg-media.h"
 #include "lib/video/media-module.h"
@@ -237,10 +236,6 @@ class FfmpegMediaSource : public MediaSource {
 std::unique_ptr<MediaSource> CreateFfmpegMediaSource(std::chrono::steady_clock::time_point deadline) {
   return std::make_unique<FfmpegMediaSource>(deadline);
 }
-
-// Linked where this code is linked directly; a program that loads it as a
-// module has the loader's definition instead, which passes the deadline in.
-std::unique_ptr<MediaSource> MediaSource::Create() { return CreateFfmpegMediaSource(utility::RunDeadline()); }
 
 }  // namespace thumbnail
 }  // namespace tessera

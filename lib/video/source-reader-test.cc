@@ -5,8 +5,10 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "lib/log/log.h"
+#include "lib/utility/testing/scratch-dir.h"
 #include "lib/utility/text-conversion.h"
 #include "lib/video/testing/fake-media-source.h"
 #include "lib/video/testing/video-test-files.h"
@@ -17,7 +19,6 @@ namespace {
 
 using testing_util::ReadJpeg;
 using testing_util::RgbImage;
-using testing_util::ScratchDir;
 
 constexpr std::chrono::milliseconds kShortWait{5};
 constexpr int64_t kSecond = 10000000;
@@ -33,11 +34,11 @@ class SourceReaderTest : public ::testing::Test {
  protected:
   // Exports with seek time 1 through a fake; returns the exception text, or
   // "" on success (the image then in image_).
-  std::string Export(const FakeMediaScript& script, int32_t seek_seconds = 1) {
-    const std::string path = dir_.File("frame.jpg");
+  std::string Export(const FakeMediaScript& script) {
+    const std::string path = dir_.Path("frame.jpg");
     try {
       SourceReader reader(std::make_unique<FakeMediaSource>(script, log_), u"clip.mp4", kShortWait);
-      reader.ExportFrame(utility::UTF8ToUTF16(path), seek_seconds);
+      reader.ExportFrame(utility::UTF8ToUTF16(path), 1);
     } catch (const std::runtime_error& error) {
       return error.what();
     }
@@ -47,50 +48,51 @@ class SourceReaderTest : public ::testing::Test {
   // The fake fills frame n (1-based) with the grey value 10 * n.
   int FrameNumber() const { return (image_.At(0, 0)[1] + 5) / 10; }
 
-  ScratchDir dir_;
+  test::ScratchDir dir_;
   std::shared_ptr<FakeMediaLog> log_ = std::make_shared<FakeMediaLog>();
   RgbImage image_;
 };
 
-TEST_F(SourceReaderTest, SeekableSourceSeeksAndReturnsFirstFrameAtTarget) {
-  FakeMediaScript script;
-  script.frame_times_hns = Times(kSecond / 4, 3 * kSecond);
-  EXPECT_EQ("", Export(script));
-  EXPECT_EQ(1, log_->seeks.load());
-  EXPECT_EQ(kSecond, log_->last_seek_hns.load());
-  EXPECT_EQ(5, FrameNumber());  // the frame at exactly 1 s
-  EXPECT_EQ(1, log_->reads.load());
-  EXPECT_EQ(8, image_.width);
-  EXPECT_EQ(4, image_.height);
-}
-
-TEST_F(SourceReaderTest, SlowSeekingSourceIsReadForwardUpToTheSkipLimit) {
-  FakeMediaScript script;
-  script.characteristics = kCharacteristicCanSeek | kCharacteristicHasSlowSeek;
-  script.frame_times_hns = Times(kSecond / 10, 3 * kSecond);
-  EXPECT_EQ("", Export(script));
-  EXPECT_EQ(0, log_->seeks.load());
-  EXPECT_EQ(11, log_->reads.load());  // frames 0.0 .. 1.0 s
-  EXPECT_EQ(1, log_->conversions.load());  // the frames passed over are never converted
-
-  // At 100 frames a second the target lies beyond 60 skipped frames.
-  log_ = std::make_shared<FakeMediaLog>();
-  script.frame_times_hns = Times(kSecond / 100, 3 * kSecond);
-  EXPECT_EQ("", Export(script));
-  EXPECT_EQ(SourceReader::kMaxSkipFrames + 1, log_->reads.load());
-}
-
-TEST_F(SourceReaderTest, ClipShorterThanSeekTimeGivesItsLastFrame) {
-  FakeMediaScript script;
-  script.characteristics = 0;
-  script.frame_times_hns = {0, kSecond / 5, 2 * kSecond / 5};
-  EXPECT_EQ("", Export(script));
-  EXPECT_EQ(3, FrameNumber());
-}
-
-TEST_F(SourceReaderTest, EndOfStreamBeforeAnySampleFails) {
-  FakeMediaScript script;
-  EXPECT_EQ("Failed to get desired frame", Export(script));
+// How the frame at one second is reached, and what a clip without one gives.
+TEST_F(SourceReaderTest, ReadsTheFrameAtOneSecondOrTheLastBeforeIt) {
+  constexpr uint32_t kSlowSeek = kCharacteristicCanSeek | kCharacteristicHasSlowSeek;
+  struct Case {
+    const char* name;
+    uint32_t characteristics;
+    std::vector<int64_t> frame_times;
+    std::string message;
+    int seeks, reads;
+    int frame;  // the fake's number of the frame written; 0: not checked
+  };
+  const Case cases[] = {
+      {"seekable: seeks to exactly 1 s", kCharacteristicCanSeek, Times(kSecond / 4, 3 * kSecond), "", 1, 1, 5},
+      {"slow seeking: read forward", kSlowSeek, Times(kSecond / 10, 3 * kSecond), "", 0, 11, 11},
+      // At 100 frames a second the target lies beyond the skipped frames allowed.
+      {"slow seeking, 100 fps", kSlowSeek, Times(kSecond / 100, 3 * kSecond), "", 0,
+       SourceReader::kMaxSkipFrames + 1, 0},
+      {"shorter than 1 s: its last frame", 0, {0, kSecond / 5, 2 * kSecond / 5}, "", 0, 4, 3},
+      {"no frame at all", kCharacteristicCanSeek, {}, "Failed to get desired frame", 1, 1, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeMediaScript script;
+    script.characteristics = c.characteristics;
+    script.frame_times_hns = c.frame_times;
+    log_ = std::make_shared<FakeMediaLog>();
+    ASSERT_EQ(c.message, Export(script));
+    EXPECT_EQ(c.seeks, log_->seeks.load());
+    if (c.seeks > 0) {
+      EXPECT_EQ(kSecond, log_->last_seek_hns.load());
+    }
+    EXPECT_EQ(c.reads, log_->reads.load());
+    if (!c.message.empty()) continue;
+    EXPECT_EQ(1, log_->conversions.load());  // the frames passed over are never converted
+    if (c.frame > 0) {
+      EXPECT_EQ(c.frame, FrameNumber());
+    }
+    EXPECT_EQ(8, image_.width);
+    EXPECT_EQ(4, image_.height);
+  }
 }
 
 TEST_F(SourceReaderTest, ReaderThatNeverAnswersTimesOutAndIsParked) {
@@ -129,14 +131,12 @@ TEST_F(SourceReaderTest, RotationTurnsTheFrameAndMissingRotationKeepsIt) {
   FakeMediaScript script;
   script.frame_times_hns = Times(kSecond / 2, 2 * kSecond);
   script.rotation = 90;
-  EXPECT_EQ("", Export(script));
-  EXPECT_EQ(4, image_.width);
-  EXPECT_EQ(8, image_.height);
-
-  script.has_rotation = false;
-  EXPECT_EQ("", Export(script));
-  EXPECT_EQ(8, image_.width);
-  EXPECT_EQ(4, image_.height);
+  for (bool has_rotation : {true, false}) {
+    script.has_rotation = has_rotation;
+    EXPECT_EQ("", Export(script));
+    EXPECT_EQ(has_rotation ? 4 : 8, image_.width);
+    EXPECT_EQ(has_rotation ? 8 : 4, image_.height);
+  }
 }
 
 // Every step of the platform fails with a message of its own. The two of
@@ -167,7 +167,7 @@ TEST_F(SourceReaderTest, EachFailingStepHasItsOwnMessage) {
   };
   log::LogConfig config;
   config.destination = 2;
-  config.level_config_path = dir_.File("levels.conf");
+  config.level_config_path = dir_.Path("levels.conf");
   std::ofstream(config.level_config_path) << "thumbnail_debug = 6\n";
   ASSERT_EQ(0, log::LogInit(config));
   for (const Case& c : cases) {

@@ -1,7 +1,7 @@
 // lib/video: video files — the media-source interface (media-source.h) with
 // its FFmpeg and Media Foundation implementations, this frame reader and the
-// frame writer (frame-writer.h) of the generator's frame fallback, the
-// record of exported frames, and the FFmpeg video thumbnails
+// frame writer (frame-writer.h) of the generator's frame fallback, and the
+// FFmpeg video thumbnails
 // (video-thumbnail.h), loaded as a module (media-module.h). Its classes are
 // in tessera::thumbnail, the namespace of the generator whose fallback they
 // serve; it depends on lib/image and lib/color (HDR tone mapping), never on

@@ -5,8 +5,6 @@ extern "C" {
 #include <libavutil/mastering_display_metadata.h>
 }
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -15,6 +13,7 @@ extern "C" {
 #include <string>
 
 #include "lib/color/hdr-tone-map.h"
+#include "lib/file/file-op.h"
 #include "lib/image/area-resample.h"
 #include "lib/image/limits.h"
 #include "lib/image/transform.h"
@@ -210,29 +209,18 @@ Status DecodeRepresentativeFrame(ffmpeg::MediaFile* file, AVFrame* frame) {
 namespace {
 
 // What tells one file's content from another's without reading it.
+// A file by path and by the identity of the file there (device, file id,
+// size, times).
 struct FileIdentity {
   std::string path;
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  int64_t mtime_ns = 0;
-  int64_t ctime_ns = 0;
+  std::string file;
 
-  bool operator==(const FileIdentity& o) const {
-    return path == o.path && device == o.device && inode == o.inode && size == o.size &&
-           mtime_ns == o.mtime_ns && ctime_ns == o.ctime_ns;
-  }
+  bool operator==(const FileIdentity& o) const { return path == o.path && file == o.file; }
 };
 
 bool IdentifyFile(const std::string& utf8_path, FileIdentity* id) {
-  struct stat st;
-  if (stat(utf8_path.c_str(), &st) != 0) return false;
+  if (file::FSIdentifyRegularFile(utf8_path, &id->file) != 0) return false;
   id->path = utf8_path;
-  id->device = st.st_dev;
-  id->inode = st.st_ino;
-  id->size = st.st_size;
-  id->mtime_ns = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  id->ctime_ns = static_cast<int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
   return true;
 }
 

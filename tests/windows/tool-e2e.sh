@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# tool-e2e.sh <thumbnail-tool.exe> <linux thumbnail-tool> <scratch dir> <ffmpeg>
+# tool-e2e.sh <thumbnail-tool.exe> <linux thumbnail-tool> <scratch dir> <ffmpeg> <hanging-shell .exe>
 #
 # Runs the Windows build of the tool under Wine and checks, byte for byte,
-# what it prints. Fails on the first difference.
+# what it prints. Fails on the first difference. The last argument is a
+# build of the tool whose Shell handler never answers.
 set -euo pipefail
 
 exe=$(realpath "$1")
 linux_tool=$(realpath "$2")
 scratch=$3
 ffmpeg=$4
+hanging_exe=$(realpath "$5")
 run_wine=$(cd "$(dirname "$0")/../.." && pwd)/scripts/windows/wine-run.sh
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
@@ -50,24 +52,41 @@ for i in "${!cases[@]}"; do
 done
 echo "argument errors: ${#cases[@]} cases identical to Linux"
 
-# --- a photo: no Shell handler under Wine, so the report is null -------------
-"$ffmpeg" -v error -f lavfi -i testsrc=size=640x480 -frames:v 1 "$scratch/photo.jpg"
-mkdir -p "$scratch/photo-out"
+# --- a photo: the same four thumbnails as the Linux build ---------------------
+# Wine has no Shell thumbnail handlers, so our own decoders make them behind
+# the Shell's failed attempt; the JPEG encoders differ (GDI+ and libjpeg), so
+# pixels are compared within a small tolerance.
+"$ffmpeg" -v error -f lavfi -i testsrc=size=640x480 -vf gblur=sigma=1.5 -frames:v 1 "$scratch/photo.jpg"
+mkdir -p "$scratch/photo-out" "$scratch/photo-linux"
 capture photo "$run_wine" "$exe" --output_dir "$(win "$scratch/photo-out")" --src "$(win "$scratch/photo.jpg")"
+capture photo-linux "$linux_tool" --output_dir "$scratch/photo-linux" --src "$scratch/photo.jpg"
 [ "$(cat photo.rc)" = 0 ] || fail "photo: exit status $(cat photo.rc)"
-printf 'null\n\n' | cmp -s - photo.out || fail "photo: stdout is '$(cat photo.out)', not null"
-[ -z "$(ls -A "$scratch/photo-out")" ] || fail "photo: files left behind: $(ls -A "$scratch/photo-out")"
-echo "photo: null report, nothing left behind"
+[ ! -s photo.err ] || fail "photo: the Windows build logged: $(head -c 2000 photo.err)"
+python3 "$(dirname "$0")/same-thumbnails.py" "$ffmpeg" photo-linux.out photo.out ||
+  fail "photo: the thumbnails differ from the Linux build's"
+echo "photo: the Linux build's four thumbnails, nothing logged"
 
-# --- a video: the Shell attempt fails under Wine, the frame fallback runs -----
-# The frame at 1 s is read with Media Foundation and written as a JPEG by
-# GDI+; the tool reads that file back itself (it is its own product), so all
-# four sizes are made without any Shell handler.
+# --- a video: FFmpeg's thumbnails, as on Linux -------------------------------
 "$ffmpeg" -v error -f lavfi -i testsrc=duration=2:size=640x360:rate=25 -c:v libx264 -pix_fmt yuv420p \
   "$scratch/clip.mp4"
-mkdir -p "$scratch/video-out"
+mkdir -p "$scratch/ffmpeg-out" "$scratch/ffmpeg-linux"
+capture ffmpeg "$run_wine" "$exe" --output_dir "$(win "$scratch/ffmpeg-out")" --src "$(win "$scratch/clip.mp4")"
+capture ffmpeg-linux "$linux_tool" --output_dir "$scratch/ffmpeg-linux" --src "$scratch/clip.mp4"
+[ "$(cat ffmpeg.rc)" = 0 ] || fail "video: exit status $(cat ffmpeg.rc); stderr: $(head -c 2000 ffmpeg.err)"
+python3 "$(dirname "$0")/same-thumbnails.py" "$ffmpeg" ffmpeg-linux.out ffmpeg.out ||
+  fail "video: the thumbnails differ from the Linux build's"
+echo "video: the Linux build's four thumbnails"
+
+# --- the same video without the media module: the Media Foundation frame -----
+# The frame at 1 s is read with Media Foundation and written as a JPEG; that
+# file goes through the Shell and our decoders like any picture, so all four
+# sizes are made without any Shell handler.
+no_media=$scratch/no-media
+mkdir -p "$no_media" "$scratch/video-out"
+cp "$(dirname "$exe")"/*.exe "$(dirname "$exe")"/*.dll "$no_media/"
+rm "$no_media/tessera-media.dll"
 out_dir=$(win "$scratch/video-out")
-capture video "$run_wine" "$exe" --output_dir "$out_dir" --src "$(win "$scratch/clip.mp4")"
+capture video "$run_wine" "$no_media/$(basename "$exe")" --output_dir "$out_dir" --src "$(win "$scratch/clip.mp4")"
 [ "$(cat video.rc)" = 0 ] || fail "video: exit status $(cat video.rc); stderr: $(head -c 2000 video.err)"
 grep -q 'Failed to export frame' video.err && fail "video: the frame export failed: $(cat video.err)"
 keys=$(grep -o '"[a-z-]*" : ' video.out | tr -d '": ' | tr '\n' ' ')
@@ -96,5 +115,31 @@ done < <(sed -n 's/^ *"\([a-z-]*\)" : "\(.*\)",\{0,1\}$/\1 \2/p' video.out)
 left=$(ls -A "$scratch/video-out" | sort | tr '\n' ' ')
 [ "$left" = "$(printf '%s\n' "${reported[@]}" | sort | tr '\n' ' ')" ] ||
   fail "video: the output directory holds '$left', not just the reported files"
-echo "video: four sizes of the exported frame, nothing else left behind"
+echo "video without the media module: four sizes of the exported frame, nothing else left behind"
+
+# --- a Shell handler that never answers --------------------------------------
+# Our decoders take over after the Shell's bound, once: the later sizes do not
+# wait for the same handler again. A video that nothing can read ends with a
+# null report. Either way the process ends, on time, although the handler's
+# thread never returns, and leaves nothing behind.
+python3 -c "
+import sys
+data = open(sys.argv[1], 'rb').read()
+open(sys.argv[2], 'wb').write(data[:data.find(b'moov') - 4])" "$scratch/clip.mp4" "$scratch/no-moov.mp4"
+for src in photo.jpg no-moov.mp4; do
+  rm -rf "$scratch/hang-out" && mkdir -p "$scratch/hang-out"
+  start=$SECONDS
+  capture hang "$run_wine" "$hanging_exe" --output_dir "$(win "$scratch/hang-out")" --src "$(win "$scratch/$src")"
+  took=$((SECONDS - start))
+  [ "$(cat hang.rc)" = 0 ] || fail "hanging handler, $src: exit status $(cat hang.rc); stderr: $(head -c 2000 hang.err)"
+  made=$(grep -c '"Z:' hang.out || true)
+  left=$(ls -A "$scratch/hang-out" | wc -l)
+  case $src in
+    photo.jpg) [ "$made" = 4 ] && [ "$left" = 4 ] && [ "$took" -le 20 ] ||
+      fail "hanging handler, $src: $made reported, $left files, $took s; stdout: $(cat hang.out)" ;;
+    *) [ "$(cat hang.out)" = null ] && [ "$left" = 0 ] && [ "$took" -le 70 ] ||
+      fail "hanging handler, $src: $left files, $took s; stdout: $(cat hang.out)" ;;
+  esac
+  echo "hanging handler, $src: $made thumbnails in $took s, nothing else left behind"
+done
 rm -rf "$scratch"

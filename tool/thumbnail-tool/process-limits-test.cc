@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "lib/utility/testing/scratch-dir.h"
 
 namespace tessera {
 namespace tool {
@@ -27,15 +28,9 @@ int InChild(Body body) {
   return status;
 }
 
-std::string ScratchPath() {
-  const char* dir = std::getenv("TESSERA_TEST_TMPDIR");
-  std::string base = dir != nullptr ? dir : "/tmp";
-  mkdir(base.c_str(), 0700);
-  return base + "/process-limits-" + std::to_string(getpid());
-}
-
 TEST(ProcessLimitsTest, WritePastTheFileCapFailsInsteadOfKillingTheProcess) {
-  const std::string path = ScratchPath();
+  const test::ScratchDir dir;
+  const std::string path = dir.Path("capped");
   const int status = InChild([&] {
     ApplyProcessLimits();
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -55,7 +50,6 @@ TEST(ProcessLimitsTest, WritePastTheFileCapFailsInsteadOfKillingTheProcess) {
     if (error != EFBIG) return 11;
     return written == kMaxOutputFileBytes ? 0 : 12;
   });
-  unlink(path.c_str());
   ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }

@@ -1,9 +1,15 @@
-// Pixel probes for decoder tests: mean colour of a region of a BGRA bitmap.
+// Pixel probes for decoder tests: mean colour of a region of a BGRA bitmap,
+// and a decode of bytes in memory to probe.
 #ifndef TESSERA_LIB_CODEC_TESTING_BITMAP_PROBE_H_
 #define TESSERA_LIB_CODEC_TESTING_BITMAP_PROBE_H_
 
+#include <cstdint>
+#include <memory>
 #include <string>
 
+#include "gtest/gtest.h"
+#include "lib/codec/byte-source.h"
+#include "lib/codec/image-decoder.h"
 #include "lib/image/bitmap.h"
 
 namespace tessera {
@@ -41,6 +47,22 @@ inline Rgb MeanColor(const image::Bitmap& bitmap) {
 
 inline std::string ToString(const Rgb& c) {
   return "(" + std::to_string(c.r) + ", " + std::to_string(c.g) + ", " + std::to_string(c.b) + ")";
+}
+
+// Every channel of `c` within `tolerance` of (r, g, b); `what` names the
+// probe in a failure.
+inline void ExpectColorNear(const Rgb& c, double r, double g, double b, double tolerance,
+                            const std::string& what = "") {
+  EXPECT_NEAR(c.r, r, tolerance) << what << " " << ToString(c);
+  EXPECT_NEAR(c.g, g, tolerance) << what << " " << ToString(c);
+  EXPECT_NEAR(c.b, b, tolerance) << what << " " << ToString(c);
+}
+
+// What `decoder` makes of `bytes` for a longer side of cx.
+inline Status DecodeBytes(std::unique_ptr<ImageDecoder> decoder, const std::string& bytes, uint32_t cx,
+                          image::Bitmap* out) {
+  auto source = ByteSource::FromMemory(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  return decoder->Decode(source.get(), cx, out);
 }
 
 }  // namespace testing

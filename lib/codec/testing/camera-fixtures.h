@@ -10,6 +10,22 @@ namespace tessera {
 namespace codec {
 namespace testing {
 
+// A DNG as cameras write it: IFD0 holds a JPEG preview of preview_width x
+// preview_height (top half red, bottom half blue as stored, with its own
+// EXIF orientation when preview_exif_orientation is not 0) and the
+// orientation (EXIF 6), a SubIFD the 96x64 raw image, a uniform grey that
+// shows whether the preview was used.
+std::string DngWithPreview(int preview_width, int preview_height, int preview_exif_orientation = 0);
+
+// A linear (demosaiced) DNG, 96x64, top half bright and bottom half black,
+// whose orientation tag turns it a quarter clockwise.
+std::string LinearDng();
+
+// A Bayer (RGGB) DNG of width x height with a ramp pattern that shows
+// interpolation, optionally with a JPEG preview of preview_width x
+// preview_height in IFD0 (the raw image then goes to a SubIFD).
+std::string BayerDng(int width, int height, int preview_width = 0, int preview_height = 0);
+
 // A Kodak DC20 picture as the camera's software saved it: no header at all,
 // 62464 bytes of 8-bit sensor data (256 x 244 photosites), which LibRaw
 // recognises by that size alone. Bright on the left half, dark on the

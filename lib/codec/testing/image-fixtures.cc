@@ -7,6 +7,8 @@
 #include <jpeglib.h>
 #include <spng.h>
 
+#include "lib/utility/testing/byte-writers.h"
+
 namespace tessera {
 namespace codec {
 namespace testing {
@@ -49,22 +51,14 @@ uint32_t Crc32(const std::string& bytes) {
   return crc ^ 0xFFFFFFFFu;
 }
 
-void AppendBe32(std::string* out, uint32_t v) {
-  for (int shift = 24; shift >= 0; shift -= 8) out->push_back(static_cast<char>(v >> shift));
-}
+using ::tessera::testing::AppendBe32;
+using ::tessera::testing::ReadBe32;
 
 void AppendChunk(std::string* out, const char* type, const std::string& data) {
   AppendBe32(out, static_cast<uint32_t>(data.size()));
   const std::string body = std::string(type, 4) + data;
   out->append(body);
   AppendBe32(out, Crc32(body));
-}
-
-uint32_t ReadBe32(const std::string& s, size_t at) {
-  return static_cast<uint32_t>(static_cast<uint8_t>(s[at])) << 24 |
-         static_cast<uint32_t>(static_cast<uint8_t>(s[at + 1])) << 16 |
-         static_cast<uint32_t>(static_cast<uint8_t>(s[at + 2])) << 8 |
-         static_cast<uint32_t>(static_cast<uint8_t>(s[at + 3]));
 }
 
 // Re-chunks the image data the way streaming encoders write it.

@@ -7,6 +7,20 @@
 namespace tessera {
 namespace color {
 namespace testing {
+namespace {
+
+std::string Serialise(cmsHPROFILE profile) {
+  std::string bytes;
+  cmsUInt32Number size = 0;
+  if (profile != nullptr && cmsSaveProfileToMem(profile, nullptr, &size)) {
+    bytes.resize(size);
+    cmsSaveProfileToMem(profile, &bytes[0], &size);
+  }
+  if (profile != nullptr) cmsCloseProfile(profile);
+  return bytes;
+}
+
+}  // namespace
 
 std::string MultiProcessIccProfile(uint32_t elements) {
   const auto put32 = tessera::testing::PutBe32At;
@@ -50,28 +64,10 @@ std::string DisplayP3Profile() {
   cmsToneCurve* curves[3] = {curve, curve, curve};
   cmsHPROFILE profile = cmsCreateRGBProfile(&white, &primaries, curves);
   cmsFreeToneCurve(curve);
-  std::string bytes;
-  cmsUInt32Number size = 0;
-  if (profile != nullptr && cmsSaveProfileToMem(profile, nullptr, &size)) {
-    bytes.resize(size);
-    cmsSaveProfileToMem(profile, &bytes[0], &size);
-  }
-  if (profile != nullptr) cmsCloseProfile(profile);
-  return bytes;
+  return Serialise(profile);
 }
 
 namespace {
-
-std::string Serialise(cmsHPROFILE profile) {
-  std::string bytes;
-  cmsUInt32Number size = 0;
-  if (profile != nullptr && cmsSaveProfileToMem(profile, nullptr, &size)) {
-    bytes.resize(size);
-    cmsSaveProfileToMem(profile, &bytes[0], &size);
-  }
-  if (profile != nullptr) cmsCloseProfile(profile);
-  return bytes;
-}
 
 // The press model at one CMYK node: the overprints mixed by ink coverage
 // (in encoded sRGB), black multiplying, then to Lab through `to_lab` (sRGB

@@ -1,4 +1,4 @@
-// A thumbnail provider for tests: returns a plain bitmap of a chosen size,
+// A thumbnail provider for tests: returns a white bitmap of a chosen size,
 // fails at a chosen step, or runs a hook inside GetThumbnail (to block on a
 // Gate the test opens, or to throw). Every provider made by one
 // FakeProviderFactory reports its calls to the same shared record.
@@ -100,15 +100,7 @@ class FakeThumbnailProvider : public ThumbnailProvider {
     if (config_.thumbnail_result < 0) return config_.thumbnail_result;
     image::Bitmap bitmap;
     if (!image::Bitmap::Create(config_.width, config_.height, &bitmap).ok()) return kProviderTooLarge;
-    // A horizontal grey ramp, opaque.
-    for (int y = 0; y < bitmap.height(); ++y) {
-      uint8_t* row = bitmap.row(y);
-      for (int x = 0; x < bitmap.width(); ++x) {
-        const uint8_t v = static_cast<uint8_t>(x * 255 / (bitmap.width() > 1 ? bitmap.width() - 1 : 1));
-        row[4 * x] = row[4 * x + 1] = row[4 * x + 2] = v;
-        row[4 * x + 3] = 255;
-      }
-    }
+    std::memset(bitmap.data(), 0xFF, bitmap.byte_size());  // opaque white
     *out = std::move(bitmap);
     return 0;
   }

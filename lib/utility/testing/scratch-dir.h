@@ -5,11 +5,14 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace tessera {
 namespace test {
@@ -43,10 +46,26 @@ class ScratchDir {
     std::ofstream(Path(name)) << content;
     return Path(name);
   }
+  // The names of the directory's entries, sorted.
+  std::vector<std::string> Names() const {
+    std::vector<std::string> names;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(path_, ignored)) {
+      names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
 
  private:
   std::string path_;
 };
+
+// The bytes of the file at `path` (none when it cannot be read).
+inline std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 // Whether anything, a dangling link included, is there.
 inline bool Exists(const std::string& path) {

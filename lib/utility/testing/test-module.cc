@@ -14,6 +14,6 @@ const TestModuleTable kTable = {7, &Answer};
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) const TestModuleTable* TesseraTestModuleTable() {
+extern "C" TESSERA_MODULE_EXPORT const TestModuleTable* TesseraTestModuleTable() {
   return &kTable;
 }

@@ -1,10 +1,8 @@
-// Test helpers for the video code: a scratch directory, reading a JPEG back
-// into RGB, and running the ffmpeg command to make clips.
+// Test helpers for the video code: reading a JPEG back into RGB, and running
+// the ffmpeg command to make clips. Scratch directories come from
+// lib/utility/testing/scratch-dir.h.
 #ifndef TESSERA_LIB_VIDEO_TESTING_VIDEO_TEST_FILES_H_
 #define TESSERA_LIB_VIDEO_TESTING_VIDEO_TEST_FILES_H_
-
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdio>
@@ -18,28 +16,6 @@
 namespace tessera {
 namespace thumbnail {
 namespace testing_util {
-
-// A directory under TESSERA_TEST_TMPDIR (or /tmp), removed with its files.
-class ScratchDir {
- public:
-  ScratchDir() {
-    const char* base = std::getenv("TESSERA_TEST_TMPDIR");
-    std::string root = base != nullptr && *base != '\0' ? base : "/tmp";
-    std::system(("mkdir -p '" + root + "'").c_str());
-    std::string pattern = root + "/video-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) != nullptr) path_ = buffer.data();
-  }
-  ~ScratchDir() {
-    if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-  }
-  const std::string& path() const { return path_; }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 struct RgbImage {
   int width = 0;

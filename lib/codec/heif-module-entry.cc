@@ -1,8 +1,0 @@
-// The loadable HEIF module's one export: the table of its entry points.
-#include "lib/codec/decoder-modules.h"
-#include "lib/codec/decoders.h"
-
-extern "C" __attribute__((visibility("default"))) const tessera::codec::HeifModuleTable*
-TesseraHeifModuleTable() {
-  return tessera::codec::DecoderOnlyTableOf<tessera::codec::HeifModuleTable, &tessera::codec::CreateHeifDecoder>();
-}

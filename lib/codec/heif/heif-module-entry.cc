@@ -1,0 +1,8 @@
+// The loadable HEIF module's one export: the table of its entry points.
+#include "lib/codec/decoder-modules.h"
+#include "lib/codec/decoders.h"
+
+extern "C" TESSERA_MODULE_EXPORT const tessera::codec::HeifModuleTable*
+TesseraHeifModuleTable() {
+  return tessera::codec::DecoderOnlyTableOf<tessera::codec::HeifModuleTable, &tessera::codec::CreateHeifDecoder>();
+}
