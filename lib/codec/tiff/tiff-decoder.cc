@@ -642,6 +642,37 @@ Status DecodeRgba(TIFF* tif, uint32_t cx, const FanOutRequest& fan_out, image::B
   return sink.Finish(orientation >= 1 && orientation <= 8 ? orientation : 1, out);
 }
 
+// Calls use(i, value) for each of `count` integer samples of `bits` bits at
+// `src`: 8 and 16 bits as stored (16 in host order, as libtiff hands them
+// over), other depths packed most significant bit first.
+template <typename Use>
+void ForEachIntegerSample(const uint8_t* src, size_t count, int bits, Use use) {
+  if (bits == 8) {
+    for (size_t i = 0; i < count; ++i) use(i, src[i]);
+    return;
+  }
+  if (bits == 16) {
+    for (size_t i = 0; i < count; ++i) {
+      uint16_t v;
+      std::memcpy(&v, src + i * 2, 2);
+      use(i, v);
+    }
+    return;
+  }
+  const uint32_t max = (1u << bits) - 1;
+  uint32_t acc = 0;
+  int have = 0;
+  for (size_t i = 0; i < count; ++i) {
+    while (have < bits) {
+      acc = (acc << 8) | *src++;
+      have += 8;
+    }
+    have -= bits;
+    use(i, (acc >> have) & max);
+    acc &= (1u << have) - 1;
+  }
+}
+
 // Unpacks `count` samples into 8-bit values: sample i belongs to sample
 // index `plane` of the layout, or with plane -1 (interleaved samples) to
 // index i % samples. Integer samples are scaled, rounding, or mapped
@@ -675,58 +706,19 @@ void UnpackSamples(const uint8_t* src, size_t count, const SampleLayout& layout,
     return;
   }
   if (!layout.maps.empty()) {
-    const std::vector<std::vector<uint8_t>>& maps = layout.maps;
-    if (bits == 8) {
-      for (size_t i = 0; i < count; ++i) dst[i] = maps[index(i)][src[i]];
-    } else if (bits == 16) {
-      for (size_t i = 0; i < count; ++i) {
-        uint16_t v;
-        std::memcpy(&v, src + i * 2, 2);
-        dst[i] = maps[index(i)][v];
-      }
-    } else {
-      const uint32_t max = (1u << bits) - 1;
-      uint32_t acc = 0;
-      int have = 0;
-      for (size_t i = 0; i < count; ++i) {
-        while (have < bits) {
-          acc = (acc << 8) | *src++;
-          have += 8;
-        }
-        have -= bits;
-        const uint32_t v = (acc >> have) & max;
-        acc &= (1u << have) - 1;
-        dst[i] = maps[index(i)][v];
-      }
-    }
+    ForEachIntegerSample(src, count, bits, [&](size_t i, uint32_t v) { dst[i] = layout.maps[index(i)][v]; });
     return;
   }
   if (bits == 8) {
     std::memcpy(dst, src, count);
     return;
   }
-  if (bits == 16) {
-    for (size_t i = 0; i < count; ++i) {
-      uint16_t v;
-      std::memcpy(&v, src + i * 2, 2);
-      dst[i] = static_cast<uint8_t>((uint32_t{v} * 255 + 32767) / 65535);
-    }
-    return;
-  }
-  const bool scale = layout.palette.empty();
+  // 16-bit samples are always scaled; palette indices of other depths not.
+  const bool scale = bits == 16 || layout.palette.empty();
   const uint32_t max = (1u << bits) - 1;
-  uint32_t acc = 0;
-  int have = 0;
-  for (size_t i = 0; i < count; ++i) {
-    while (have < bits) {
-      acc = (acc << 8) | *src++;
-      have += 8;
-    }
-    have -= bits;
-    const uint32_t v = (acc >> have) & max;
-    acc &= (1u << have) - 1;
+  ForEachIntegerSample(src, count, bits, [&](size_t i, uint32_t v) {
     dst[i] = static_cast<uint8_t>(scale ? (v * 255 + max / 2) / max : v);
-  }
+  });
 }
 
 // Whether rows go to the sink in the colour space of the samples, four
